@@ -1,0 +1,9 @@
+#pragma once
+
+// Math layer and value types.
+#include <quarrygeom/core/GmExport.h>
+#include <quarrygeom/core/GmException.h>
+#include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/core/GmAxisAlignedBox.h>
+#include <quarrygeom/core/GmRay.h>
+#include <quarrygeom/core/GmPointOnTriType.h>

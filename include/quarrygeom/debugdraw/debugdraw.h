@@ -1,0 +1,3 @@
+#pragma once
+
+// Public headers of the debugdraw subsystem.

@@ -1,0 +1,3 @@
+#pragma once
+
+// Public headers of the mesh subsystem.

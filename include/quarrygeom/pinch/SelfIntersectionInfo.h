@@ -1,0 +1,5 @@
+#pragma once
+
+// Pinch classification of a self-intersecting collision mesh. Queries that use it
+// take a const pointer; null means no classification is available.
+class SelfIntersectionInfo;

@@ -1,0 +1,4 @@
+#pragma once
+
+// Public headers of the pinch subsystem.
+#include <quarrygeom/pinch/SelfIntersectionInfo.h>
