@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds the example host simulation and runs it on its
+# built-in scene. Extra arguments go to the example.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/deps.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DQUARRYGEOM_BUILD_TESTS=OFF -DQUARRYGEOM_BUILD_EXAMPLES=ON
+example=${QG_EXAMPLE:-quickstart}
+cmake --build build -j"$(nproc)" --target "$example"
+./build/examples/"$example" "$@"

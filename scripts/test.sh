@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds QuarryGeom with its tests and runs them.
+# Usage: scripts/test.sh [build-dir] [extra cmake arguments...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${1:-build}
+shift || true
+
+bash scripts/deps.sh
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DQUARRYGEOM_BUILD_TESTS=ON "$@"
+cmake --build "$build" -j"$(nproc)"
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
