@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DQUARRYGEOM_BUILD_TESTS=OFF -DQUARRYGEOM_BUILD_EXAMPLES=ON
+cmake -S . -B build-example -DCMAKE_BUILD_TYPE=Release -DQUARRYGEOM_BUILD_TESTS=OFF -DQUARRYGEOM_BUILD_EXAMPLES=ON
 example=${QG_EXAMPLE:-quickstart}
-cmake --build build -j"$(nproc)" --target "$example"
-./build/examples/"$example" "$@"
+cmake --build build-example -j"$(nproc)" --target "$example"
+./build-example/examples/"$example" "$@"
