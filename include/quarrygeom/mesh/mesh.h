@@ -1,3 +1,6 @@
 #pragma once
 
 // Public headers of the mesh subsystem.
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+#include <quarrygeom/mesh/GmDisabledData.h>
+#include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
