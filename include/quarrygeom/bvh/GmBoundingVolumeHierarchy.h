@@ -1,0 +1,307 @@
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include <quarrygeom/bvh/GmBoundingVolumeTreeNode.h>
+#include <quarrygeom/bvh/GmNormalTests.h>
+#include <quarrygeom/core/GmAxisAlignedBox.h>
+#include <quarrygeom/core/GmExport.h>
+#include <quarrygeom/core/GmPointOnTriType.h>
+#include <quarrygeom/core/GmRay.h>
+#include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/pinch/SelfIntersectionInfo.h>
+#include <quarrygeom/primitives/GmInterferenceInfo.h>
+
+class GmTriangleMesh;
+class GmTriangleFace;
+class GmDisabledData;
+class GmFrozenData;
+class GmBVHMetrics;
+namespace GmIntersection {
+class MeshTests;
+class ComponentTests;
+}  // namespace GmIntersection
+
+// Bounding volume hierarchy over the faces of one GmTriangleMesh.
+//
+// The tree is a complete binary heap stored in one array: for n faces there are 2n - 1 nodes,
+// nodes 0 .. n-2 are internal (children 2i + 1 and 2i + 2), nodes n-1 .. 2n-2 are leaves with
+// one face each. Boxes are single precision, padded by 1e-8 (plus a thickness in thickened
+// mode). The hierarchy keeps non-owning pointers to its mesh and masks and owns only its nodes.
+//
+// Three bounding modes share one build and refit:
+//   plain      build(disabled, frozen)            - the face at the mesh's positions
+//   swept      build(positions, disabled, frozen) - the face at the mesh's and at the given positions
+//   thickened  build(thickness, disabled, frozen) - the face padded by thickness
+// Build and refit run in parallel (TBB, inside a task arena of the configured worker count)
+// when multithreading is on; both paths produce identical trees.
+class QUARRYGEOM_API GmBoundingVolumeHierarchy {
+public:
+    typedef GmBoundingVolumeTreeNode<GmTriangleFace> Node;
+
+    // Work item of the build: a face and its sort key on the current split axis.
+    struct FaceData {
+        int face;
+        double key;
+    };
+
+    // Swept mode: boxes enclose each face at the mesh's positions and at 'positions'.
+    GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, const std::vector<GmTVector<double>>& positions,
+                              const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
+    // Thickened mode: boxes padded by thickness (in addition to 1e-8).
+    GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, double thickness, const GmDisabledData* disabled = nullptr,
+                              const GmFrozenData* frozen = nullptr);
+    // Plain mode.
+    explicit GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, const GmDisabledData* disabled = nullptr,
+                                       const GmFrozenData* frozen = nullptr);
+    GmBoundingVolumeHierarchy(const GmBoundingVolumeHierarchy& other);
+    GmBoundingVolumeHierarchy& operator=(const GmBoundingVolumeHierarchy& other);
+    ~GmBoundingVolumeHierarchy();
+
+    // Rebuild (faces are reassigned to leaves). The face count must be the one at construction.
+    void build(const std::vector<GmTVector<double>>& positions, const GmDisabledData* disabled = nullptr,
+               const GmFrozenData* frozen = nullptr);
+    void build(double thickness, const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
+    void build(const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
+
+    // Refit boxes and flags bottom-up, keeping the tree's shape.
+    void refit(const std::vector<GmTVector<double>>& positions, const GmDisabledData* disabled = nullptr,
+               const GmFrozenData* frozen = nullptr);
+    void refit(double thickness, const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
+    void refit(const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
+
+    // ---- Layout -------------------------------------------------------------------------
+    static int getRootIndex() { return 0; }
+    static int getLeftIndex(int i) { return 2 * i + 1; }
+    static int getRightIndex(int i) { return 2 * i + 2; }
+
+    int getNumberLeafNodes() const { return _numberFaces; }
+    int getNumberInternalNodes() const { return _numberFaces > 0 ? _numberFaces - 1 : 0; }
+    int getNumberNodes() const { return _numberFaces > 0 ? 2 * _numberFaces - 1 : _numberFaces; }
+    // Leaves: [first, last).
+    void getLeafRange(int& first, int& last) const;
+    // Nodes of one level: [2^level - 1, min(nodes, 2^(level+1) - 1)).
+    void getRange(int level, int& first, int& last) const;
+    // Level of the deepest leaves: ceil(log2 n), -1 for an empty mesh.
+    int getDepth() const { return _depth; }
+
+    bool empty() const { return _nodes.empty(); }
+    const Node& getNode(int i) const { return _nodes[static_cast<size_t>(i)]; }
+    const Node& getNode(long long i) const { return _nodes[static_cast<size_t>(i)]; }
+    const std::vector<Node>& getNodes() const { return _nodes; }
+    const Node& getRoot() const { return _nodes[0]; }
+    const GmAxisAlignedBox& getRootBoundingVolume() const { return _nodes[0].box; }
+    // Face index of a leaf node (its face record's own index); -1 for an internal node.
+    int getFaceIndex(const Node& node) const;
+    int getLeafFaceIndex(int nodeIndex) const { return getFaceIndex(getNode(nodeIndex)); }
+
+    // ---- Accessors ----------------------------------------------------------------------
+    GmTriangleMesh* getTriangleMesh() const { return _mesh; }
+    const GmDisabledData* getDisabledData() const { return _disabledData; }
+    const GmFrozenData* getFrozenData() const { return _frozenData; }
+    bool ignoreFrozen() const { return _ignoreFrozen; }
+    void setIgnoreFrozen(bool ignore) { _ignoreFrozen = ignore; }
+    const GmIntersection::MeshTests& getMeshTests() const;
+    GmIntersection::MeshTests& getMeshTests();
+    void setMeshTests(const GmIntersection::MeshTests& tests);
+    GmBoundingVolumeTreeVisitor<GmBoundingVolumeHierarchy> getVisitor() const {
+        return GmBoundingVolumeTreeVisitor<GmBoundingVolumeHierarchy>(this);
+    }
+    // Store the mask and refresh every node's flag in place (boxes untouched). A null mask or
+    // one with a zero count clears the flags.
+    void setDisabledData(const GmDisabledData* disabled);
+    void setFrozenData(const GmFrozenData* frozen);
+
+    // ---- Closest point, closest vertex, inside --------------------------------------------
+    // Best-first search with optional normal filters. Returns the distance, negated when p lies
+    // behind the face found (dot(closest - p, normal) > 0); face -1 and DBL_MAX when no face
+    // qualifies. normal is the found face's unit normal.
+    double findClosestPoint(const GmTVector<double>& p, GmTVector<double>& closest, GmTVector<double>& normal,
+                            int& face, double& s, double& t, GmNormalTests* tests, bool includeDisabled) const;
+    // Signed closest-point query (negative inside). With checkInside, points that are not
+    // inside give face -1 and DBL_MAX. pinchSide is handed to the pinch classification when one
+    // is given (0: none); pinched reports whether the pinch classification decided the sign.
+    double findClosestPoint(const GmTVector<double>& p, GmTVector<double>& closest, int& face,
+                            GmTVector<double>& normal, bool& pinched, bool checkInside, bool includeDisabled,
+                            const SelfIntersectionInfo* info = nullptr, int pinchSide = 0) const;
+    // As above, also giving the point type; hint >= 0 walks across the mesh from that face
+    // instead of searching the tree.
+    double findClosestPointWithHint(const GmTVector<double>& p, GmTVector<double>& closest, int& face,
+                                    GmTVector<double>& normal, GmGeometry::PointOnTriType& type, bool& pinched,
+                                    bool checkInside, bool includeDisabled, const SelfIntersectionInfo* info,
+                                    int pinchSide, int hint) const;
+    // Reference answer by testing every face: unsigned distance negated when p is inside at the
+    // closest feature. face -1 and DBL_MAX when no face qualifies.
+    double findClosestPointBruteForce(const GmTVector<double>& p, GmTVector<double>& closest, int& face,
+                                      GmTVector<double>& normal, bool includeDisabled) const;
+    // Nearest vertex of a (with includeDisabled false: enabled) face. -1 and DBL_MAX if none.
+    double findClosestVertex(const GmTVector<double>& p, int& vertex, bool includeDisabled) const;
+
+    // True when p lies inside the mesh or on its surface.
+    bool isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const;
+    bool isMeshClosed(bool includeDisabled) const;
+    bool isBoundaryEdge(int edge, bool includeDisabled) const;
+    bool isBoundaryVertex(int vertex, bool includeDisabled) const;
+    bool isBoundaryPoint(int face, GmGeometry::PointOnTriType type, bool includeDisabled) const;
+    // Faces sharing the feature named by (face, type); returns how many were appended / set.
+    int getClosestFaceSet(int face, GmGeometry::PointOnTriType type, std::vector<int>& faces) const;
+    // Point type from the barycentric weights of vertices 1, 2, 3 (tolerance 100 * DBL_EPSILON).
+    static GmGeometry::PointOnTriType classifyWeights(double w1, double w2, double w3);
+
+    // Vertices of other's mesh that lie inside this mesh, one record each (vertex, closest point
+    // here, distance, face, weights). objectIndex1 names other's object, objectIndex2 this one.
+    bool pointsInsideMesh(const GmBoundingVolumeHierarchy& other, std::vector<GmInsideInfo>& results, bool append,
+                          bool includeDisabled, int objectIndex1 = -1, int objectIndex2 = -1,
+                          const SelfIntersectionInfo* info = nullptr) const;
+    // Vertices of this mesh inside each of 'others' (object indices objectIndices[k], pinch
+    // information infos[k] or none), counted into metrics (one narrow-phase candidate and test
+    // per vertex and mesh, a success per inside vertex).
+    bool pointsInsideMeshes(const std::vector<const GmBoundingVolumeHierarchy*>& others,
+                            const std::vector<const SelfIntersectionInfo*>& infos, int objectIndex,
+                            const std::vector<int>& objectIndices, std::vector<GmInsideInfo>& results, bool append,
+                            bool includeDisabled, GmBVHMetrics& metrics) const;
+
+    // ---- Ray and box queries -------------------------------------------------------------
+    // Every face the ray meets, one record per face, depth-first left before right. Returns
+    // true when hits is non-empty afterwards.
+    bool intersect(const GmRay& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<1, 0, 0>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<-1, 0, 0>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<0, 1, 0>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<0, -1, 0>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<0, 0, 1>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    bool intersect(const GmRayAxis<0, 0, -1>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                   bool includeDisabled) const;
+    // Root box overlaps box (touching counts). False for an empty tree.
+    bool intersect(const GmAxisAlignedBox& box) const;
+
+    // Debug drawing of one level (or of all leaves) as GL line segments.
+    void drawTree(int level) const;
+
+    // Segments of a curve tree whose leaf boxes overlap leaf boxes of this tree, reached by a
+    // simultaneous descent from both roots (CurveTree: getNode(i), empty(), nodes with box and
+    // primitive). Segments are appended once per overlapping leaf pair.
+    template <typename CurveTree, typename Segment>
+    void getCurveIntersectCandidates(const CurveTree& curveTree, std::vector<const Segment*>& segments) const;
+
+    // Collision traversals (implemented in GmBVHCollision.cpp)
+    bool continuousTimeSelfIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                     const std::vector<GmTVector<double>>& positions,
+                                     const GmIntersection::ComponentTests& componentTests, bool append,
+                                     bool includeDisabled, int objectIndex, GmBVHMetrics& metrics) const;
+    bool continuousTimeIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                 const std::vector<GmTVector<double>>& positions,
+                                 const GmBoundingVolumeHierarchy& other,
+                                 const std::vector<GmTVector<double>>& otherPositions,
+                                 const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
+                                 const GmIntersection::ComponentTests& componentTests, bool flag, bool append,
+                                 bool includeDisabled, int objectIndex1, int objectIndex2,
+                                 GmBVHMetrics& metrics) const;
+    bool selfProximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                            const GmIntersection::ComponentTests& componentTests, bool append, bool includeDisabled,
+                            int objectIndex, double value, GmBVHMetrics& metrics) const;
+    bool proximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                        const GmBoundingVolumeHierarchy& other, const SelfIntersectionInfo* info,
+                        const GmIntersection::ComponentTests& componentTests, bool append, bool includeDisabled,
+                        int objectIndex1, int objectIndex2, double value, GmBVHMetrics& metrics) const;
+    bool selfIntersect(std::vector<GmIntersectionInfo>& results, bool unused, bool append, bool includeDisabled,
+                       GmBVHMetrics& metrics) const;
+    bool meshMeshIntersect(std::vector<GmIntersectionInfo>& results, const GmBoundingVolumeHierarchy& other,
+                           bool append, bool includeDisabled, GmBVHMetrics& metrics) const;
+    // End of collision traversals
+
+protected:
+    // Current best of a closest-point search.
+    struct ClosestPointInfo {
+        int face = -1;
+        double s = 0.0, t = 0.0;
+        GmTVector<double> point;
+        GmGeometry::PointOnTriType type = GmGeometry::INVALID;
+        double distanceSquared = 0.0;
+    };
+
+    // p lies in the root box (bounds included) / other's root box lies in this one.
+    bool isInside(const GmTVector<double>& p) const;
+    bool isInside(const GmBoundingVolumeHierarchy& other) const;
+
+    // Best-first search; info holds the seed (face -1 / DBL_MAX for none) and the result.
+    void findClosestPointBase(const GmTVector<double>& p, ClosestPointInfo& info, const GmNormalTests* tests,
+                              bool includeDisabled) const;
+    // Seed from the nearest hits of the six axis rays; false when a closed mesh proves p outside.
+    bool initializeClosestPointInfo(const GmTVector<double>& p, ClosestPointInfo& info, bool checkInside,
+                                    bool includeDisabled) const;
+    // Greedy walk over neighbouring faces from the hint face.
+    void walkClosestPoint(const GmTVector<double>& p, ClosestPointInfo& info, int hint, bool includeDisabled) const;
+    void findClosestVertexBase(const GmTVector<double>& p, int& vertex, double& distanceSquared,
+                               bool includeDisabled) const;
+    void initializeClosestVertexInfo(const GmTVector<double>& p, int& vertex, double& distanceSquared,
+                                     bool includeDisabled) const;
+
+private:
+    template <int N>
+    void _build(const std::vector<GmTVector<double>>* positions, double thickness, const GmDisabledData* disabled,
+                const GmFrozenData* frozen);
+    template <int N>
+    void _refit(const std::vector<GmTVector<double>>* positions, double thickness, const GmDisabledData* disabled,
+                const GmFrozenData* frozen);
+    template <class Ray>
+    bool intersectRay(const Ray& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
+                      bool includeDisabled) const;
+    void _initialize();
+    void _refreshFlags(bool disabledFlags);
+    bool _faceDisabled(int face, bool includeDisabled) const;
+
+    // Inside decision at the closest feature; d = closest - p.
+    bool pointInsideFaces(const GmTVector<double>& p, const GmTVector<double>& closest, int face,
+                          GmGeometry::PointOnTriType type, bool includeDisabled) const;
+    bool pointInsideFace(const GmTVector<double>& d, int face, bool includeDisabled) const;
+    bool pointInsideEdge(const GmTVector<double>& d, int face, int edge, bool includeDisabled) const;
+    bool pointInsideVertex(const GmTVector<double>& d, int vertex, bool includeDisabled) const;
+
+    GmTriangleMesh* _mesh;
+    const GmDisabledData* _disabledData;
+    bool _ignoreFrozen;
+    const GmFrozenData* _frozenData;
+    GmIntersection::MeshTests* _meshTests;  // owned, never null
+    int _depth;
+    std::vector<Node> _nodes;
+    int _numberFaces;  // face count at construction
+};
+
+template <typename CurveTree, typename Segment>
+void GmBoundingVolumeHierarchy::getCurveIntersectCandidates(const CurveTree& curveTree,
+                                                            std::vector<const Segment*>& segments) const {
+    if (empty() || curveTree.empty()) return;
+    std::vector<std::pair<long long, long long>> stack;
+    stack.emplace_back(0, 0);
+    while (!stack.empty()) {
+        const std::pair<long long, long long> pr = stack.back();
+        stack.pop_back();
+        const Node& a = getNode(pr.first);
+        const auto& b = curveTree.getNode(pr.second);
+        if (!a.box.overlaps(b.box)) continue;
+        const bool aLeaf = a.isLeaf(), bLeaf = b.primitive != nullptr;
+        if (aLeaf && bLeaf) {
+            segments.push_back(b.primitive);
+        } else if (aLeaf) {
+            stack.emplace_back(pr.first, 2 * pr.second + 2);
+            stack.emplace_back(pr.first, 2 * pr.second + 1);
+        } else if (bLeaf) {
+            stack.emplace_back(2 * pr.first + 2, pr.second);
+            stack.emplace_back(2 * pr.first + 1, pr.second);
+        } else {
+            stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 2);
+            stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 1);
+            stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 2);
+            stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 1);
+        }
+    }
+}
