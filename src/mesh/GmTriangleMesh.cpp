@@ -1,0 +1,982 @@
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <unordered_map>
+#include <utility>
+
+#include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
+#include <quarrygeom/mesh/GmDisabledData.h>
+
+#if __has_include(<quarrygeom/core/GmParallel.h>)
+#include <quarrygeom/core/GmParallel.h>
+#include <tbb/parallel_invoke.h>
+#define QG_MESH_HAVE_PARALLEL 1
+#endif
+
+#if __has_include(<quarrygeom/core/GmMatrix.h>)
+#include <quarrygeom/core/GmMatrix.h>
+#define QG_MESH_HAVE_MATRIX 1
+#endif
+
+const GmTVector<double> GmTriangleMesh::UninitializedVector(GmTriangleMesh::UninitializedDouble,
+                                                            GmTriangleMesh::UninitializedDouble,
+                                                            GmTriangleMesh::UninitializedDouble);
+
+namespace {
+
+constexpr double kEps = DBL_EPSILON;
+constexpr double kMergeTolerance = 1e-8;
+constexpr double kDegenerateCorner = 0.9999999999999998;
+constexpr int kParallelVertexThreshold = 1000;
+
+// Lexicographic order with a per-component tolerance: components within 1e-8 of
+// each other compare equal. Not a strict weak ordering (equality is not
+// transitive); merging is defined by what the ordered lookup finds.
+struct TolerantLess {
+    bool operator()(const GmTVector<double>& a, const GmTVector<double>& b) const {
+        double d = a.x - b.x;
+        if (std::fabs(d) > kMergeTolerance) return d < 0.0;
+        d = a.y - b.y;
+        if (std::fabs(d) > kMergeTolerance) return d < 0.0;
+        d = a.z - b.z;
+        if (std::fabs(d) > kMergeTolerance) return d < 0.0;
+        return false;
+    }
+};
+
+struct FaceKeyHash {
+    std::size_t operator()(const std::array<int, 3>& k) const {
+        std::uint64_t h = static_cast<std::uint32_t>(k[0]);
+        h = h * 0x9E3779B97F4A7C15ull + static_cast<std::uint32_t>(k[1]);
+        h = h * 0x9E3779B97F4A7C15ull + static_cast<std::uint32_t>(k[2]);
+        h ^= h >> 29;
+        h *= 0xBF58476D1CE4E5B9ull;
+        h ^= h >> 32;
+        return static_cast<std::size_t>(h);
+    }
+};
+
+struct EdgeKeyHash {
+    std::size_t operator()(std::uint64_t k) const {
+        k ^= k >> 33;
+        k *= 0xff51afd7ed558ccdull;
+        k ^= k >> 33;
+        return static_cast<std::size_t>(k);
+    }
+};
+
+inline std::uint64_t edgeKey(int lo, int hi) {
+    return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(lo)) << 32) | static_cast<std::uint32_t>(hi);
+}
+
+}  // namespace
+
+// The three construction lookups.
+//
+// The edge lookup maps (smaller, larger) vertex index to an edge index. Edges are
+// kept in one chain per smaller endpoint (head per vertex, next per edge), which
+// stays cache-friendly for meshes built in spatial order. A vertex whose chain
+// grows long (a high-valence fan) moves its edges into a hash map so that lookups
+// stay O(1) there too.
+struct GmTriangleMesh::Lookups {
+    static constexpr int kHeavy = -2;
+    static constexpr int kMaxChain = 24;
+
+    std::map<GmTVector<double>, int, TolerantLess> vertices;
+    std::vector<int> edgeHead;
+    std::vector<int> edgeNext;
+    std::unordered_map<std::uint64_t, int, EdgeKeyHash> heavyEdges;
+    std::unordered_map<std::array<int, 3>, int, FaceKeyHash> faces;
+
+    static int larger(const GmTriangleEdge& e) { return e.from > e.to ? e.from : e.to; }
+
+    // Edge index of (lo, hi), or -1.
+    int findEdge(int lo, int hi, const std::vector<GmTriangleEdge>& edges) {
+        if (static_cast<std::size_t>(lo) >= edgeHead.size()) return -1;
+        int e = edgeHead[static_cast<std::size_t>(lo)];
+        if (e == kHeavy) {
+            auto it = heavyEdges.find(edgeKey(lo, hi));
+            return it == heavyEdges.end() ? -1 : it->second;
+        }
+        int steps = 0;
+        while (e >= 0) {
+            if (larger(edges[static_cast<std::size_t>(e)]) == hi) return e;
+            e = edgeNext[static_cast<std::size_t>(e)];
+            ++steps;
+        }
+        if (steps > kMaxChain) makeHeavy(lo, edges);
+        return -1;
+    }
+
+    // Records edge e = (lo, hi); e is the next edge index.
+    void insertEdge(int lo, int hi, int e, std::size_t vertexCountHint) {
+        const std::size_t l = static_cast<std::size_t>(lo);
+        if (l >= edgeHead.size()) edgeHead.resize(std::max(l + 1, std::max(vertexCountHint, edgeHead.size() * 2)), -1);
+        if (edgeHead[l] == kHeavy) {
+            heavyEdges.emplace(edgeKey(lo, hi), e);
+            edgeNext.push_back(-1);
+        } else {
+            edgeNext.push_back(edgeHead[l]);
+            edgeHead[l] = e;
+        }
+    }
+
+    void makeHeavy(int lo, const std::vector<GmTriangleEdge>& edges) {
+        int e = edgeHead[static_cast<std::size_t>(lo)];
+        while (e >= 0) {
+            heavyEdges.emplace(edgeKey(lo, larger(edges[static_cast<std::size_t>(e)])), e);
+            const int n = edgeNext[static_cast<std::size_t>(e)];
+            edgeNext[static_cast<std::size_t>(e)] = -1;
+            e = n;
+        }
+        edgeHead[static_cast<std::size_t>(lo)] = kHeavy;
+    }
+};
+
+// One list builder of finishConstruction (1 vertex-to-faces, 2 vertex-to-edges,
+// 3 vertex-to-vertex, 4 face-to-face, 5 edge-to-faces).
+class TriMeshConstructTask {
+public:
+    TriMeshConstructTask(GmTriangleMesh* mesh, int code) : _mesh(mesh), _code(code) {}
+    void operator()() const { _mesh->_runConstructionTask(_code); }
+
+private:
+    GmTriangleMesh* _mesh;
+    int _code;
+};
+
+namespace {
+
+// Fills `lists` (n lists) from an emitter that is called twice: once to count and
+// once to fill. Each list gets one exact allocation.
+template <class Emit>
+void buildLists(std::vector<std::vector<int>>& lists, std::size_t n, Emit&& emit) {
+    std::vector<int> counts(n, 0);
+    emit([&counts](int list, int) { ++counts[static_cast<std::size_t>(list)]; });
+    lists.clear();
+    lists.resize(n);
+    for (std::size_t i = 0; i < n; ++i)
+        if (counts[i] > 0) lists[i].reserve(static_cast<std::size_t>(counts[i]));
+    emit([&lists](int list, int value) { lists[static_cast<std::size_t>(list)].push_back(value); });
+}
+
+inline void sortSmall(std::vector<int>& v) {
+    const std::size_t n = v.size();
+    if (n < 2) return;
+    if (n <= 16) {
+        for (std::size_t i = 1; i < n; ++i) {
+            const int x = v[i];
+            std::size_t j = i;
+            while (j > 0 && v[j - 1] > x) {
+                v[j] = v[j - 1];
+                --j;
+            }
+            v[j] = x;
+        }
+    } else {
+        std::sort(v.begin(), v.end());
+    }
+}
+
+inline bool isSortedList(const std::vector<int>& v) { return std::is_sorted(v.begin(), v.end()); }
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction, copy, destruction
+
+GmTriangleMesh::GmTriangleMesh(int numVertices, int numFaces) {
+    reserve(numVertices, numFaces);
+}
+
+GmTriangleMesh::GmTriangleMesh(const std::string& name) : _name(name) {}
+
+GmTriangleMesh::GmTriangleMesh(const GmTriangleMesh& other) { _copyFrom(other); }
+
+GmTriangleMesh::GmTriangleMesh(GmTriangleMesh&& other) noexcept { _moveFrom(other); }
+
+GmTriangleMesh& GmTriangleMesh::operator=(const GmTriangleMesh& other) {
+    _discardOrphanSet();
+    if (this != &other) _copyFrom(other);
+    return *this;
+}
+
+GmTriangleMesh& GmTriangleMesh::operator=(GmTriangleMesh&& other) noexcept {
+    _discardOrphanSet();
+    if (this != &other) _moveFrom(other);
+    return *this;
+}
+
+GmTriangleMesh::~GmTriangleMesh() { _discardOrphanSet(); }
+
+void GmTriangleMesh::_discardOrphanSet() const {
+    delete _orphanSet.exchange(nullptr, std::memory_order_acq_rel);
+}
+
+void GmTriangleMesh::_copyFrom(const GmTriangleMesh& o) {
+    _name = o._name;
+    _vertices = o._vertices;
+    _edges = o._edges;
+    _faces = o._faces;
+    _faceAreas = o._faceAreas;
+    _faceNormals = o._faceNormals;
+    _faceCenters = o._faceCenters;
+    _vertexNormals = o._vertexNormals;
+    _unitEdges = o._unitEdges;
+    _lookups = o._lookups ? std::make_unique<Lookups>(*o._lookups) : nullptr;
+    _vertexToFaces = o._vertexToFaces;
+    _vertexToEdges = o._vertexToEdges;
+    _vertexToVertices = o._vertexToVertices;
+    _faceToFaces = o._faceToFaces;
+    _edgeToFaces = o._edgeToFaces;
+    _closed = o._closed;
+    _faceDataReset.store(o._faceDataReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    _vertexNormalsReset.store(o._vertexNormalsReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    _unitEdgesReset.store(o._unitEdgesReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+}
+
+void GmTriangleMesh::_moveFrom(GmTriangleMesh& o) noexcept {
+    // The source's orphan set points at the source: drop it rather than adopt it.
+    o._discardOrphanSet();
+    _name = std::move(o._name);
+    _vertices = std::move(o._vertices);
+    _edges = std::move(o._edges);
+    _faces = std::move(o._faces);
+    _faceAreas = std::move(o._faceAreas);
+    _faceNormals = std::move(o._faceNormals);
+    _faceCenters = std::move(o._faceCenters);
+    _vertexNormals = std::move(o._vertexNormals);
+    _unitEdges = std::move(o._unitEdges);
+    _lookups = std::move(o._lookups);
+    _vertexToFaces = std::move(o._vertexToFaces);
+    _vertexToEdges = std::move(o._vertexToEdges);
+    _vertexToVertices = std::move(o._vertexToVertices);
+    _faceToFaces = std::move(o._faceToFaces);
+    _edgeToFaces = std::move(o._edgeToFaces);
+    _closed = o._closed;
+    _faceDataReset.store(o._faceDataReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    _vertexNormalsReset.store(o._vertexNormalsReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    _unitEdgesReset.store(o._unitEdgesReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    // Leave the source a valid empty mesh.
+    o._name.clear();
+    o._vertices.clear();
+    o._edges.clear();
+    o._faces.clear();
+    o._faceAreas.clear();
+    o._faceNormals.clear();
+    o._faceCenters.clear();
+    o._vertexNormals.clear();
+    o._unitEdges.clear();
+    o._vertexToFaces.clear();
+    o._vertexToEdges.clear();
+    o._vertexToVertices.clear();
+    o._faceToFaces.clear();
+    o._edgeToFaces.clear();
+    o._closed = true;
+    o._faceDataReset.store(false, std::memory_order_relaxed);
+    o._vertexNormalsReset.store(false, std::memory_order_relaxed);
+    o._unitEdgesReset.store(false, std::memory_order_relaxed);
+}
+
+void GmTriangleMesh::reserve(int numVertices, int numFaces) {
+    if (numVertices > 0) _vertices.reserve(static_cast<std::size_t>(numVertices));
+    if (numFaces > 0) {
+        _faces.reserve(static_cast<std::size_t>(numFaces));
+        _edges.reserve(2 * static_cast<std::size_t>(numFaces));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Adding elements
+
+int GmTriangleMesh::addVertex(const GmTVector<double>& p) {
+    const int index = static_cast<int>(_vertices.size());
+    _vertices.push_back(p);
+    return index;
+}
+
+int GmTriangleMesh::addVertex(const GmTVector<double>& p, bool& existed) {
+    if (!_lookups) _lookups = std::make_unique<Lookups>();
+    auto& map = _lookups->vertices;
+    // One descent: lower_bound finds the equal key if the lookup holds one.
+    auto it = map.lower_bound(p);
+    if (it != map.end() && !map.key_comp()(p, it->first)) {
+        existed = true;
+        return it->second;
+    }
+    const int index = static_cast<int>(_vertices.size());
+    _vertices.push_back(p);
+    map.emplace_hint(it, p, index);
+    existed = false;
+    return index;
+}
+
+int GmTriangleMesh::addFace(int a, int b, int c) {
+    const int f = static_cast<int>(_faces.size());
+    const int e1 = addEdge(a, b, f);
+    const int e2 = addEdge(b, c, f);
+    const int e3 = addEdge(c, a, f);
+    _faces.emplace_back(a, b, c, f, e1, e2, e3);
+    return f;
+}
+
+int GmTriangleMesh::addFace(int a, int b, int c, bool& existed) {
+    if (!_lookups) _lookups = std::make_unique<Lookups>();
+    std::array<int, 3> key{a, b, c};
+    if (key[0] > key[1]) std::swap(key[0], key[1]);
+    if (key[1] > key[2]) std::swap(key[1], key[2]);
+    if (key[0] > key[1]) std::swap(key[0], key[1]);
+    auto found = _lookups->faces.find(key);
+    if (found != _lookups->faces.end()) {
+        existed = true;
+        return found->second;
+    }
+    const int f = addFace(a, b, c);
+    _lookups->faces.emplace(key, f);
+    existed = false;
+    return f;
+}
+
+int GmTriangleMesh::addFace(const GmTVector<double>& p1, const GmTVector<double>& p2, const GmTVector<double>& p3) {
+    const int a = addVertex(p1);
+    const int b = addVertex(p2);
+    const int c = addVertex(p3);
+    return addFace(a, b, c);
+}
+
+int GmTriangleMesh::addFace(const GmTVector<double>& p1, const GmTVector<double>& p2, const GmTVector<double>& p3,
+                            bool& existed) {
+    bool vertexExisted = false;
+    const int a = addVertex(p1, vertexExisted);
+    const int b = addVertex(p2, vertexExisted);
+    const int c = addVertex(p3, vertexExisted);
+    return addFace(a, b, c, existed);
+}
+
+int GmTriangleMesh::addEdge(int from, int to, int face) {
+    assert(from >= 0 && to >= 0 && "edge vertex index out of range");
+    if (!_lookups) _lookups = std::make_unique<Lookups>();
+    const int lo = from < to ? from : to;
+    const int hi = from < to ? to : from;
+    const int found = _lookups->findEdge(lo, hi, _edges);
+    if (found >= 0) {
+        GmTriangleEdge& ed = _edges[static_cast<std::size_t>(found)];
+        if (ed.from == from && ed.firstFace < 0) {
+            ed.firstFace = face;
+            ed.from = from;
+            ed.to = to;
+        } else {
+            ed.secondFace = face;
+        }
+        return found;
+    }
+    const int e = static_cast<int>(_edges.size());
+    _lookups->insertEdge(lo, hi, e, _vertices.size());
+    _edges.emplace_back(face, -1, from, to);
+    return e;
+}
+
+// ---------------------------------------------------------------------------
+// finishConstruction
+
+void GmTriangleMesh::_constructionVertexToFaces() {
+    const std::vector<GmTriangleFace>& faces = _faces;
+    buildLists(_vertexToFaces, _vertices.size(), [&faces](auto&& put) {
+        for (const GmTriangleFace& f : faces) {
+            put(f.vertices[0], f.index);
+            put(f.vertices[1], f.index);
+            put(f.vertices[2], f.index);
+        }
+    });
+    // Filled in ascending face order, so already sorted unless faces were stored
+    // with indices out of order.
+    for (std::vector<int>& l : _vertexToFaces)
+        if (!isSortedList(l)) std::sort(l.begin(), l.end());
+}
+
+void GmTriangleMesh::_constructionVertexToEdges() {
+    const std::vector<GmTriangleEdge>& edges = _edges;
+    buildLists(_vertexToEdges, _vertices.size(), [&edges](auto&& put) {
+        const int n = static_cast<int>(edges.size());
+        for (int e = 0; e < n; ++e) {
+            put(edges[static_cast<std::size_t>(e)].from, e);
+            put(edges[static_cast<std::size_t>(e)].to, e);
+        }
+    });
+    // Edge indices are appended in ascending order: the lists are sorted.
+}
+
+void GmTriangleMesh::_constructionVertexToVertexNeighbors() {
+    const std::vector<GmTriangleEdge>& edges = _edges;
+    buildLists(_vertexToVertices, _vertices.size(), [&edges](auto&& put) {
+        for (const GmTriangleEdge& ed : edges) {
+            put(ed.from, ed.to);
+            put(ed.to, ed.from);
+        }
+    });
+    for (std::vector<int>& l : _vertexToVertices) sortSmall(l);
+}
+
+void GmTriangleMesh::_constructionFaceToFaceNeighbors() {
+    const std::vector<GmTriangleEdge>& edges = _edges;
+    buildLists(_faceToFaces, _faces.size(), [&edges](auto&& put) {
+        for (const GmTriangleEdge& ed : edges) {
+            if (ed.firstFace >= 0 && ed.secondFace >= 0) {
+                put(ed.firstFace, ed.secondFace);
+                put(ed.secondFace, ed.firstFace);
+            }
+        }
+    });
+    for (std::vector<int>& l : _faceToFaces) {
+        sortSmall(l);
+        l.erase(std::unique(l.begin(), l.end()), l.end());
+    }
+}
+
+void GmTriangleMesh::_constructionEdgeToFaces() {
+    const std::size_t n = _edges.size();
+    _edgeToFaces.clear();
+    _edgeToFaces.resize(n);
+    for (std::size_t e = 0; e < n; ++e) {
+        const GmTriangleEdge& ed = _edges[e];
+        const int a = ed.firstFace, b = ed.secondFace;
+        std::vector<int>& l = _edgeToFaces[e];
+        if (a >= 0 && b >= 0) {
+            l.reserve(2);
+            l.push_back(a < b ? a : b);
+            l.push_back(a < b ? b : a);
+        } else if (a >= 0) {
+            l.assign(1, a);
+        } else if (b >= 0) {
+            l.assign(1, b);
+        }
+    }
+}
+
+void GmTriangleMesh::_runConstructionTask(int code) {
+    switch (code) {
+        case 1: _constructionVertexToFaces(); break;
+        case 2: _constructionVertexToEdges(); break;
+        case 3: _constructionVertexToVertexNeighbors(); break;
+        case 4: _constructionFaceToFaceNeighbors(); break;
+        case 5: _constructionEdgeToFaces(); break;
+        default: break;
+    }
+}
+
+void GmTriangleMesh::finishConstruction() {
+#ifndef NDEBUG
+    for (const GmTriangleFace& f : _faces)
+        for (int k = 0; k < 3; ++k)
+            assert(f.vertices[k] >= 0 && f.vertices[k] < static_cast<int>(_vertices.size()) &&
+                   "face vertex index out of range");
+#endif
+    auto serial = [this]() {
+        for (int code = 1; code <= 5; ++code) _runConstructionTask(code);
+    };
+#ifdef QG_MESH_HAVE_PARALLEL
+    if (_vertices.size() > static_cast<std::size_t>(kParallelVertexThreshold)) {
+        GmParallel::dispatch(serial, [this]() {
+            tbb::parallel_invoke(TriMeshConstructTask(this, 1), TriMeshConstructTask(this, 2),
+                                 TriMeshConstructTask(this, 3), TriMeshConstructTask(this, 4),
+                                 TriMeshConstructTask(this, 5));
+        });
+    } else {
+        serial();
+    }
+#else
+    serial();
+#endif
+
+    _closed = true;
+    for (const GmTriangleEdge& ed : _edges) {
+        if (ed.firstFace < 0 || ed.secondFace < 0) {
+            _closed = false;
+            break;
+        }
+    }
+
+    // Every slot starts out missing, including the slots of a rebuilt mesh.
+    _faceAreas.assign(_faces.size(), UninitializedDouble);
+    _faceNormals.resize(_faces.size());
+    _faceCenters.resize(_faces.size());
+    _faceDataReset.store(true, std::memory_order_relaxed);
+    _vertexNormals.assign(_vertices.size(), UninitializedVector);
+    _vertexNormalsReset.store(true, std::memory_order_relaxed);
+    _unitEdges.assign(_edges.size(), UninitializedVector);
+    _unitEdgesReset.store(true, std::memory_order_relaxed);
+}
+
+// ---------------------------------------------------------------------------
+// Positions and caches
+
+void GmTriangleMesh::setVertex(int i, const GmTVector<double>& p) {
+    _vertices[static_cast<std::size_t>(_checkVertex(i))] = p;
+    setDirty();
+}
+
+void GmTriangleMesh::setVertex(int i, double x, double y, double z) {
+    setVertex(i, GmTVector<double>(x, y, z));
+}
+
+void GmTriangleMesh::setVertices(const std::vector<GmTVector<double>>& v) {
+    if (&v != &_vertices) _vertices = v;
+    setDirty();
+}
+
+void GmTriangleMesh::swapVertices(std::vector<GmTVector<double>>& v) {
+    if (&v != &_vertices) _vertices.swap(v);
+    setDirty();
+}
+
+double* GmTriangleMesh::copyVertices() const {
+    double* out = new double[3 * _vertices.size()];
+    double* p = out;
+    for (const GmTVector<double>& v : _vertices) {
+        *p++ = v.x;
+        *p++ = v.y;
+        *p++ = v.z;
+    }
+    return out;
+}
+
+void GmTriangleMesh::copyVertices(std::vector<GmTVector<double>>& out) const { out = _vertices; }
+
+void GmTriangleMesh::addNormalOffset(double d) {
+    if (d == 0.0) return;
+    std::vector<GmTVector<double>> moved(_vertices);
+    const int n = getNumberVertices();
+    for (int i = 0; i < n; ++i) moved[static_cast<std::size_t>(i)] += getVertexNormal(i) * d;
+    _vertices.swap(moved);
+    setDirty();
+}
+
+void GmTriangleMesh::addNormalOffset(const std::vector<double>& d) {
+    std::vector<GmTVector<double>> moved(_vertices);
+    bool any = false;
+    const int n = getNumberVertices();
+    for (int i = 0; i < n; ++i) {
+        const double di = d[static_cast<std::size_t>(i)];
+        if (di == 0.0) continue;
+        moved[static_cast<std::size_t>(i)] += getVertexNormal(i) * di;
+        any = true;
+    }
+    if (!any) return;
+    _vertices.swap(moved);
+    setDirty();
+}
+
+void GmTriangleMesh::setDirty() {
+    if (!_faceDataReset.load(std::memory_order_relaxed)) {
+        std::fill(_faceAreas.begin(), _faceAreas.end(), UninitializedDouble);
+        _faceDataReset.store(true, std::memory_order_relaxed);
+    }
+    if (!_vertexNormalsReset.load(std::memory_order_relaxed)) {
+        std::fill(_vertexNormals.begin(), _vertexNormals.end(), UninitializedVector);
+        _vertexNormalsReset.store(true, std::memory_order_relaxed);
+    }
+    if (!_unitEdgesReset.load(std::memory_order_relaxed)) {
+        std::fill(_unitEdges.begin(), _unitEdges.end(), UninitializedVector);
+        _unitEdgesReset.store(true, std::memory_order_relaxed);
+    }
+}
+
+namespace {
+inline void clearFlag(std::atomic<bool>& flag) {
+    if (flag.load(std::memory_order_relaxed)) flag.store(false, std::memory_order_relaxed);
+}
+}  // namespace
+
+void GmTriangleMesh::calculateFaceData(int f) const {
+    const GmTriangleFace& fc = _faces[static_cast<std::size_t>(_checkFace(f))];
+    const GmTVector<double>& p1 = _vertices[static_cast<std::size_t>(fc.vertices[0])];
+    const GmTVector<double>& p2 = _vertices[static_cast<std::size_t>(fc.vertices[1])];
+    const GmTVector<double>& p3 = _vertices[static_cast<std::size_t>(fc.vertices[2])];
+    const GmTVector<double> c = (p2 - p1).cross(p3 - p2);
+    const double len = c.length();
+    const double div = len > kEps ? len : kEps;
+    clearFlag(_faceDataReset);
+    _faceNormals[static_cast<std::size_t>(f)] = GmTVector<double>(c.x / div, c.y / div, c.z / div);
+    _faceCenters[static_cast<std::size_t>(f)] =
+        GmTVector<double>((p1.x + p2.x + p3.x) / 3.0, (p1.y + p2.y + p3.y) / 3.0, (p1.z + p2.z + p3.z) / 3.0);
+    // The area slot marks the face's data as present: written last.
+    _faceAreas[static_cast<std::size_t>(f)] = 0.5 * len;
+}
+
+void GmTriangleMesh::calculateUnitEdge(int e) const {
+    const GmTriangleEdge& ed = _edges[static_cast<std::size_t>(_checkEdge(e))];
+    const GmTVector<double> d =
+        _vertices[static_cast<std::size_t>(ed.to)] - _vertices[static_cast<std::size_t>(ed.from)];
+    const double len = d.length();
+    const double div = len > kEps ? len : kEps;
+    clearFlag(_unitEdgesReset);
+    _unitEdges[static_cast<std::size_t>(e)] = GmTVector<double>(d.x / div, d.y / div, d.z / div);
+}
+
+void GmTriangleMesh::calculateVertexNormal(int v) const {
+    const GmTVector<double> n = calculateVertexAngleWeightedNormal(v);
+    clearFlag(_vertexNormalsReset);
+    _vertexNormals[static_cast<std::size_t>(v)] = n;
+}
+
+GmTVector<double> GmTriangleMesh::calculateVertexAngleWeightedNormal(int v) const {
+    GmTVector<double> s(0.0, 0.0, 0.0);
+    for (int f : _vertexToFaces[static_cast<std::size_t>(_checkVertex(v))]) {
+        const GmTriangleFace& fc = _faces[static_cast<std::size_t>(f)];
+        GmTVector<double> dirs[2];
+        int count = 0;
+        for (int k = 0; k < 3 && count < 2; ++k) {
+            const int e = fc.edges[k];
+            const GmTriangleEdge& ed = _edges[static_cast<std::size_t>(e)];
+            if (ed.from == v)
+                dirs[count++] = getUnitEdge(e);
+            else if (ed.to == v)
+                dirs[count++] = -getUnitEdge(e);
+        }
+        if (count < 2) continue;
+        const double d = dirs[0].dot(dirs[1]);
+        if (!(std::fabs(d) < kDegenerateCorner)) continue;  // degenerate corner (or NaN)
+        s += getFaceNormal(f) * std::acos(d);
+    }
+    const double len = s.length();
+    const double div = len > kEps ? len : kEps;
+    return GmTVector<double>(s.x / div, s.y / div, s.z / div);
+}
+
+GmTVector<double> GmTriangleMesh::calculateVertexAreaWeightedNormal(int v) const {
+    GmTVector<double> s(0.0, 0.0, 0.0);
+    for (int f : _vertexToFaces[static_cast<std::size_t>(_checkVertex(v))]) s += getFaceNormal(f) * getFaceArea(f);
+    const double len = s.length();
+    const double div = len > kEps ? len : kEps;
+    return GmTVector<double>(s.x / div, s.y / div, s.z / div);
+}
+
+void GmTriangleMesh::fillCaches() const {
+    const int nf = static_cast<int>(_faceAreas.size());
+    const int ne = static_cast<int>(_unitEdges.size());
+    const int nv = static_cast<int>(_vertexNormals.size());
+    auto faces = [this](int b, int e) {
+        for (int f = b; f < e; ++f)
+            if (isuninitialized(_faceAreas[static_cast<std::size_t>(f)])) calculateFaceData(f);
+    };
+    auto edges = [this](int b, int e) {
+        for (int i = b; i < e; ++i)
+            if (isuninitialized(_unitEdges[static_cast<std::size_t>(i)].z)) calculateUnitEdge(i);
+    };
+    // Face data and unit edges first, so that the vertex normals only read them.
+    auto verts = [this](int b, int e) {
+        for (int v = b; v < e; ++v)
+            if (isuninitialized(_vertexNormals[static_cast<std::size_t>(v)].z)) calculateVertexNormal(v);
+    };
+    // Clear the reset flags up front: the workers then never write them.
+    if (nf > 0) clearFlag(_faceDataReset);
+    if (ne > 0) clearFlag(_unitEdgesReset);
+    if (nv > 0) clearFlag(_vertexNormalsReset);
+#ifdef QG_MESH_HAVE_PARALLEL
+    if (nf + ne + nv > 3 * kParallelVertexThreshold) {
+        GmParallel::dispatch(
+            [&]() {
+                faces(0, nf);
+                edges(0, ne);
+                verts(0, nv);
+            },
+            [&]() {
+                GmParallel::parallelFor(0, nf, faces);
+                GmParallel::parallelFor(0, ne, edges);
+                GmParallel::parallelFor(0, nv, verts);
+            });
+        return;
+    }
+#endif
+    faces(0, nf);
+    edges(0, ne);
+    verts(0, nv);
+}
+
+const GmAdjacentOrphanSet* GmTriangleMesh::getOrphanSet() const {
+    GmAdjacentOrphanSet* set = _orphanSet.load(std::memory_order_acquire);
+    if (set) return set;
+    GmAdjacentOrphanSet* built = new GmAdjacentOrphanSet(this, nullptr);
+    GmAdjacentOrphanSet* expected = nullptr;
+    if (_orphanSet.compare_exchange_strong(expected, built, std::memory_order_acq_rel)) return built;
+    delete built;  // another thread won the race
+    return expected;
+}
+
+// ---------------------------------------------------------------------------
+// Incidence and sharing
+
+int GmTriangleMesh::getOtherVertex(int face, int edge) const {
+    const GmTriangleFace& fc = getFace(face);
+    const GmTriangleEdge& ed = getEdge(edge);
+    for (int k = 0; k < 3; ++k)
+        if (fc.vertices[k] != ed.from && fc.vertices[k] != ed.to) return fc.vertices[k];
+    return kInvalidIndex;
+}
+
+int GmTriangleMesh::getOtherEdge(int face, int vertex) const {
+    const GmTriangleFace& fc = getFace(face);
+    for (int k = 0; k < 3; ++k)
+        if (!getEdge(fc.edges[k]).hasVertex(vertex)) return fc.edges[k];
+    return kInvalidIndex;
+}
+
+int GmTriangleMesh::getSharedEdge(int f1, int f2) const {
+    const GmTriangleFace& a = getFace(f1);
+    const GmTriangleFace& b = getFace(f2);
+    for (int k = 0; k < 3; ++k)
+        if (b.hasEdge(a.edges[k])) return a.edges[k];
+    return kInvalidIndex;
+}
+
+int GmTriangleMesh::getSharedVertex(int f1, int f2) const {
+    const GmTriangleFace& a = getFace(f1);
+    const GmTriangleFace& b = getFace(f2);
+    for (int k = 0; k < 3; ++k)
+        if (b.hasVertex(a.vertices[k])) return a.vertices[k];
+    return kInvalidIndex;
+}
+
+bool GmTriangleMesh::incidentEdges(int e1, int e2) const {
+    const GmTriangleEdge& a = getEdge(e1);
+    const GmTriangleEdge& b = getEdge(e2);
+    return a.from == b.from || a.from == b.to || a.to == b.from || a.to == b.to;
+}
+
+bool GmTriangleMesh::shareEdge(int f1, int f2) const {
+    const GmTriangleFace& a = getFace(f1);
+    const GmTriangleFace& b = getFace(f2);
+    return b.hasEdge(a.edges[0]) || b.hasEdge(a.edges[1]) || b.hasEdge(a.edges[2]);
+}
+
+bool GmTriangleMesh::shareVertex(int f1, int f2) const {
+    const GmTriangleFace& a = getFace(f1);
+    const GmTriangleFace& b = getFace(f2);
+    return b.hasVertex(a.vertices[0]) || b.hasVertex(a.vertices[1]) || b.hasVertex(a.vertices[2]);
+}
+
+int GmTriangleMesh::triComponentIndex(int face, GmGeometry::PointOnTriType t) const {
+    const GmTriangleFace& fc = getFace(face);
+    switch (t) {
+        case GmGeometry::INSIDE: return face;
+        case GmGeometry::ON_VERTEX_1:
+        case GmGeometry::ON_VERTEX_2:
+        case GmGeometry::ON_VERTEX_3: return fc.vertices[t - GmGeometry::ON_VERTEX_1];
+        case GmGeometry::ON_EDGE_1:
+        case GmGeometry::ON_EDGE_2:
+        case GmGeometry::ON_EDGE_3: return fc.edges[t - GmGeometry::ON_EDGE_1];
+        default: return kInvalidIndex;
+    }
+}
+
+bool GmTriangleMesh::isOnFace(int face, GmGeometry::PointOnTriType t, int other) const {
+    switch (t) {
+        case GmGeometry::INSIDE: return face == other;
+        case GmGeometry::ON_VERTEX_1:
+        case GmGeometry::ON_VERTEX_2:
+        case GmGeometry::ON_VERTEX_3:
+            return getFace(other).hasVertex(getFace(face).vertices[t - GmGeometry::ON_VERTEX_1]);
+        case GmGeometry::ON_EDGE_1:
+        case GmGeometry::ON_EDGE_2:
+        case GmGeometry::ON_EDGE_3: return getFace(other).hasEdge(getFace(face).edges[t - GmGeometry::ON_EDGE_1]);
+        default: return false;
+    }
+}
+
+namespace {
+
+// The faces that carry the point (face, t): its own face plus the faces of the
+// named vertex or edge. Returns false for an unknown type. `single` backs the
+// one-face case.
+bool facesOfPoint(const GmTriangleMesh& m, int face, GmGeometry::PointOnTriType t, const std::vector<int>*& list) {
+    switch (t) {
+        case GmGeometry::INSIDE: list = nullptr; return true;
+        case GmGeometry::ON_VERTEX_1:
+        case GmGeometry::ON_VERTEX_2:
+        case GmGeometry::ON_VERTEX_3:
+            list = &m.getNeighborFacesToVertex(m.getFace(face).vertices[t - GmGeometry::ON_VERTEX_1]);
+            return true;
+        case GmGeometry::ON_EDGE_1:
+        case GmGeometry::ON_EDGE_2:
+        case GmGeometry::ON_EDGE_3:
+            list = &m.getNeighborFacesToEdge(m.getFace(face).edges[t - GmGeometry::ON_EDGE_1]);
+            return true;
+        default: return false;
+    }
+}
+
+inline bool contains(const std::vector<int>* list, int own, int f) {
+    return f == own || (list && std::binary_search(list->begin(), list->end(), f));
+}
+
+}  // namespace
+
+bool GmTriangleMesh::shareFace(int f1, GmGeometry::PointOnTriType t1, int f2, GmGeometry::PointOnTriType t2,
+                               const GmDisabledData* mask) const {
+    const std::vector<int>* l1 = nullptr;
+    const std::vector<int>* l2 = nullptr;
+    if (!facesOfPoint(*this, f1, t1, l1) || !facesOfPoint(*this, f2, t2, l2)) return false;
+    const bool active = GmDisabledData::isActive(mask);
+    auto usable = [&](int f) { return !active || !mask->isFaceDisabled(f); };
+    // Candidates from the first point's faces, checked against the second's.
+    if (usable(f1) && contains(l2, f2, f1)) return true;
+    if (l1) {
+        for (int f : *l1)
+            if (usable(f) && contains(l2, f2, f)) return true;
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Boundary tests
+
+bool GmTriangleMesh::isBoundaryEdge(const GmTriangleEdge& ed, const GmDisabledData* mask) const {
+    const bool active = GmDisabledData::isActive(mask);
+    if (!active && _closed) return false;
+    if (ed.firstFace < 0 || ed.secondFace < 0) return true;
+    if (!active) return false;
+    return mask->isFaceDisabled(ed.firstFace) || mask->isFaceDisabled(ed.secondFace);
+}
+
+bool GmTriangleMesh::isBoundaryEdge(int e, const GmDisabledData* mask) const {
+    if (!GmDisabledData::isActive(mask) && _closed) return false;
+    return isBoundaryEdge(getEdge(e), mask);
+}
+
+bool GmTriangleMesh::isBoundaryEdge(const GmTriangleEdge* e, const GmDisabledData* mask) const {
+    if (!GmDisabledData::isActive(mask) && _closed) return false;
+    return isBoundaryEdge(*e, mask);
+}
+
+bool GmTriangleMesh::isBoundaryVertex(int v, const GmDisabledData* mask) const {
+    if (!GmDisabledData::isActive(mask) && _closed) return false;
+    for (int e : getNeighborEdgesToVertex(v))
+        if (isBoundaryEdge(_edges[static_cast<std::size_t>(e)], mask)) return true;
+    return false;
+}
+
+bool GmTriangleMesh::isBoundaryPoint(int face, GmGeometry::PointOnTriType t, const GmDisabledData* mask) const {
+    const bool active = GmDisabledData::isActive(mask);
+    if (!active && _closed) return false;
+    switch (t) {
+        case GmGeometry::ON_VERTEX_1:
+        case GmGeometry::ON_VERTEX_2:
+        case GmGeometry::ON_VERTEX_3:
+            return isBoundaryVertex(getFace(face).vertices[t - GmGeometry::ON_VERTEX_1], mask);
+        case GmGeometry::ON_EDGE_1:
+        case GmGeometry::ON_EDGE_2:
+        case GmGeometry::ON_EDGE_3:
+            return isBoundaryEdge(_edges[static_cast<std::size_t>(getFace(face).edges[t - GmGeometry::ON_EDGE_1])],
+                                  mask);
+        default: return active && mask->isFaceDisabled(face);
+    }
+}
+
+bool GmTriangleMesh::isClosed(const GmDisabledData* mask) const {
+    return GmDisabledData::isActive(mask) ? false : _closed;
+}
+
+bool GmTriangleMesh::hasBoundaryEdges(const GmDisabledData* mask) const {
+    return GmDisabledData::isActive(mask) ? true : !_closed;
+}
+
+// ---------------------------------------------------------------------------
+// Face-local geometry
+
+double GmTriangleMesh::GetDistanceToPlaneOfFace(int f, const GmTVector<double>& p) const {
+    return (p - getFaceCenter(f)).dot(getFaceNormal(f));
+}
+
+GmTVector<double> GmTriangleMesh::ProjectOnPlaneOfFace(int f, const GmTVector<double>& p) const {
+    const double h = GetDistanceToPlaneOfFace(f, p);
+    return p - getFaceNormal(f) * h;
+}
+
+GmTVector<double> GmTriangleMesh::WorldToFace(int f, const GmTVector<double>& p) const {
+    const double h = GetDistanceToPlaneOfFace(f, p);
+    const GmTVector<double>& n = getFaceNormal(f);
+    const GmTVector<double> q = p - n * h;
+    const GmTVector<double>& p1 = getFaceVertex1(f);
+    const GmTVector<double>& p2 = getFaceVertex2(f);
+    const GmTVector<double>& p3 = getFaceVertex3(f);
+    const double a1 = n.dot((p3 - p2).cross(q - p2));
+    const double a2 = n.dot((p1 - p3).cross(q - p3));
+    const double a3 = n.dot((p2 - p1).cross(q - p1));
+    const double s = a1 + a2 + a3;
+    if (!(s >= 1e-10)) return GmTVector<double>(h, 0.0, 0.0);
+    return GmTVector<double>(h, a1 / s, a2 / s);
+}
+
+GmTVector<double> GmTriangleMesh::FaceToWorld(int f, const GmTVector<double>& q) const {
+    const double h = q.x, w1 = q.y, w2 = q.z;
+    return getFaceVertex1(f) * w1 + getFaceVertex2(f) * w2 + getFaceVertex3(f) * (1.0 - w1 - w2) +
+           getFaceNormal(f) * h;
+}
+
+GmTVector<double> GmTriangleMesh::getFacePoint(int f, const GmTVector<double>& b) const {
+    return getFaceVertex1(f) * b.x + getFaceVertex2(f) * b.y + getFaceVertex3(f) * b.z;
+}
+
+GmTVector<double> GmTriangleMesh::getBarycentricFaceNormal(int f, const GmTVector<double>& b) const {
+    const GmTriangleFace& fc = getFace(f);
+    return getVertexNormal(fc.vertices[0]) * b.x + getVertexNormal(fc.vertices[1]) * b.y +
+           getVertexNormal(fc.vertices[2]) * b.z;
+}
+
+GmTVector<double> GmTriangleMesh::getBarycentricEdgeNormal(int e, const GmTVector<double>& b) const {
+    const GmTriangleEdge& ed = getEdge(e);
+    return getVertexNormal(ed.from) * b.x + getVertexNormal(ed.to) * b.y;
+}
+
+GmTVector<double> GmTriangleMesh::getEdgeNormal(int e) const {
+    const GmTriangleEdge& ed = getEdge(e);
+    GmTVector<double> n(0.0, 0.0, 0.0);
+    if (ed.firstFace >= 0) n += getFaceNormal(ed.firstFace);
+    if (ed.secondFace >= 0) n += getFaceNormal(ed.secondFace);
+    return n;
+}
+
+#ifdef QG_MESH_HAVE_MATRIX
+GmMatrix GmTriangleMesh::getCovarianceMatrix(int f, const std::vector<GmTVector<double>>& positions,
+                                             const GmTVector<double>& ref) const {
+    const GmTriangleFace& fc = getFace(f);
+    const double area = getFaceArea(f);
+    const GmTVector<double> d[3] = {positions[static_cast<std::size_t>(fc.vertices[0])] - ref,
+                                    positions[static_cast<std::size_t>(fc.vertices[1])] - ref,
+                                    positions[static_cast<std::size_t>(fc.vertices[2])] - ref};
+    double m[3][3];
+    if (std::fabs(area) <= 1e-8) {
+        for (int r = 0; r < 3; ++r)
+            for (int s = r; s < 3; ++s)
+                m[r][s] = m[s][r] = (d[0][r] * d[0][s] + d[1][r] * d[1][s] + d[2][r] * d[2][s]) / 3.0;
+    } else {
+        const GmTVector<double> S = d[0] + d[1] + d[2];
+        const double k = area / 24.0;
+        for (int r = 0; r < 3; ++r)
+            for (int s = r; s < 3; ++s)
+                m[r][s] = m[s][r] = k * (S[r] * S[s] + d[0][r] * d[0][s] + d[1][r] * d[1][s] + d[2][r] * d[2][s]);
+    }
+    return GmMatrix(m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2], m[2][0], m[2][1], m[2][2]);
+}
+#endif
+
+bool GmTriangleMesh::isRightSideOut(int* vertex) const {
+    const int n = getNumberVertices();
+    if (n == 0) {
+        if (vertex) *vertex = -1;
+        return true;
+    }
+    if (!_closed) {
+        if (vertex) *vertex = 0;
+        return true;
+    }
+    int best = 0;
+    for (int i = 1; i < n; ++i)
+        if (_vertices[static_cast<std::size_t>(i)].x < _vertices[static_cast<std::size_t>(best)].x) best = i;
+    if (vertex) *vertex = best;
+    return getVertexNormal(best).x < 0.0;
+}
