@@ -4,3 +4,4 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
 #include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
+#include <quarrygeom/mesh/GmMeshTests.h>
