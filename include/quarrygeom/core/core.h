@@ -7,3 +7,4 @@
 #include <quarrygeom/core/GmAxisAlignedBox.h>
 #include <quarrygeom/core/GmRay.h>
 #include <quarrygeom/core/GmPointOnTriType.h>
+#include <quarrygeom/core/GmPolynomial.h>

@@ -1,0 +1,347 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include <quarrygeom/core/GmPolynomial.h>
+
+namespace {
+
+using Coeffs = std::vector<double>;  // lowest degree first
+
+long double evalLD(const Coeffs& c, long double t) {
+    long double y = 0.0L;
+    for (int i = static_cast<int>(c.size()) - 1; i >= 0; --i) y = y * t + c[i];
+    return y;
+}
+
+// Sum of |c_i| |t|^i: the scale of the rounding errors of p(t).
+long double magnitudeLD(const Coeffs& c, long double t) {
+    long double y = 0.0L;
+    for (int i = static_cast<int>(c.size()) - 1; i >= 0; --i) y = y * std::fabs(t) + std::fabs(c[i]);
+    return y;
+}
+
+// k-th Taylor coefficient of p at t (p^(k)(t) / k!).
+long double taylorLD(const Coeffs& c, int k, long double t) {
+    long double y = 0.0L;
+    for (int i = static_cast<int>(c.size()) - 1; i >= k; --i) {
+        long double binom = 1.0L;
+        for (int j = 0; j < k; ++j) binom = binom * (i - j) / (j + 1);
+        y = y * t + binom * c[i];
+    }
+    return y;
+}
+
+// scale * (t - r0)(t - r1)(t - r2), expanded in long double and rounded once.
+Coeffs fromRoots(double r0, double r1, double r2, double scale = 1.0) {
+    const long double a = r0, b = r1, c = r2, s = scale;
+    return {static_cast<double>(-s * a * b * c), static_cast<double>(s * (a * b + b * c + a * c)),
+            static_cast<double>(-s * (a + b + c)), static_cast<double>(s)};
+}
+
+std::vector<double> solve(const Coeffs& c) {
+    double roots[3] = {NAN, NAN, NAN};
+    const int n = GmPolynomial::getRealCubicRoots(c[0], c[1], c[2], c[3], roots);
+    EXPECT_GE(n, 0);
+    EXPECT_LE(n, 3);
+    return std::vector<double>(roots, roots + std::max(0, std::min(n, 3)));
+}
+
+// How far a root r of the exact polynomial may move when p is perturbed by its rounding
+// error: the smallest of (eps / |a_k|)^(1/k) over the Taylor coefficients a_k at r.
+double rootTolerance(const Coeffs& c, double r) {
+    const long double eps = 64.0L * DBL_EPSILON * magnitudeLD(c, r);
+    long double tol = std::numeric_limits<long double>::infinity();
+    for (int k = 1; k <= 3; ++k) {
+        const long double ak = std::fabs(taylorLD(c, k, r));
+        if (ak > 0.0L) tol = std::min(tol, std::pow(eps / ak, 1.0L / k));
+    }
+    return static_cast<double>(tol) + 4.0 * DBL_EPSILON * std::fabs(r);
+}
+
+// Every returned root is ascending, finite and has a residual within rounding noise;
+// every expected root lies within its tolerance of a returned root.
+void expectRootsCover(const Coeffs& c, const std::vector<double>& expected, const std::vector<double>& got,
+                      const char* what) {
+    for (size_t i = 0; i < got.size(); ++i) {
+        ASSERT_TRUE(std::isfinite(got[i])) << what;
+        if (i > 0) {
+            EXPECT_LT(got[i - 1], got[i]) << what << ": roots must be strictly ascending";
+        }
+        const long double res = std::fabs(evalLD(c, got[i]));
+        EXPECT_LE(res, 32.0L * DBL_EPSILON * magnitudeLD(c, got[i]))
+            << what << ": residual of root " << got[i];
+    }
+    for (double r : expected) {
+        double best = HUGE_VAL;
+        for (double g : got) best = std::min(best, std::fabs(g - r));
+        EXPECT_LE(best, rootTolerance(c, r)) << what << ": expected root " << r << " not found";
+    }
+}
+
+TEST(CubicRoots, ThreeDistinctRootsAscending) {
+    double roots[3];
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(-6.0, 11.0, -6.0, 1.0, roots), 3);
+    EXPECT_NEAR(roots[0], 1.0, 1e-15);
+    EXPECT_NEAR(roots[1], 2.0, 1e-15);
+    EXPECT_NEAR(roots[2], 3.0, 1e-15);
+    // Same roots with a negative leading coefficient.
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(6.0, -11.0, 6.0, -1.0, roots), 3);
+    EXPECT_NEAR(roots[0], 1.0, 1e-15);
+    EXPECT_NEAR(roots[2], 3.0, 1e-15);
+}
+
+TEST(CubicRoots, RandomWellSeparatedRoots) {
+    std::mt19937_64 rng(12345);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int trial = 0; trial < 20000; ++trial) {
+        const double span = std::pow(10.0, 4.0 * unit(rng));
+        double r[3];
+        do {
+            for (double& x : r) x = span * unit(rng);
+            std::sort(r, r + 3);
+        } while (r[1] - r[0] < 1e-3 * span || r[2] - r[1] < 1e-3 * span);
+        const double scale = std::pow(10.0, 6.0 * unit(rng)) * (unit(rng) < 0 ? -1.0 : 1.0);
+        const Coeffs c = fromRoots(r[0], r[1], r[2], scale);
+        const std::vector<double> got = solve(c);
+        ASSERT_EQ(got.size(), 3u) << "roots " << r[0] << ' ' << r[1] << ' ' << r[2];
+        expectRootsCover(c, {r[0], r[1], r[2]}, got, "separated");
+        for (int i = 0; i < 3; ++i) EXPECT_NEAR(got[i], r[i], rootTolerance(c, r[i]));
+    }
+}
+
+TEST(CubicRoots, RootsInTheUnitStepWithOneRealRoot) {
+    // (t - r)(t^2 + b t + q) with a complex pair: a single real root.
+    std::mt19937_64 rng(777);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    for (int trial = 0; trial < 5000; ++trial) {
+        const long double r = u(rng), re = 4.0 * u(rng) - 2.0, im = 1e-3 + u(rng);
+        const long double b = -2.0L * re, q = re * re + im * im;
+        const Coeffs c = {static_cast<double>(-r * q), static_cast<double>(q - r * b),
+                          static_cast<double>(b - r), 1.0};
+        const std::vector<double> got = solve(c);
+        ASSERT_EQ(got.size(), 1u);
+        expectRootsCover(c, {static_cast<double>(r)}, got, "single");
+    }
+}
+
+TEST(CubicRoots, NearlyCoincidentRootsAreNotLost) {
+    std::mt19937_64 rng(99);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int trial = 0; trial < 20000; ++trial) {
+        const double r0 = unit(rng);
+        const double d1 = std::pow(10.0, -2.0 - 12.0 * std::fabs(unit(rng))) * (unit(rng) < 0 ? -1 : 1);
+        const int kind = trial % 3;
+        double r[3];
+        if (kind == 0) {  // near-double cluster plus a distant root
+            r[0] = r0; r[1] = r0 + d1; r[2] = r0 + 0.5 + std::fabs(unit(rng));
+        } else if (kind == 1) {  // near-triple cluster
+            r[0] = r0; r[1] = r0 + d1; r[2] = r0 - 0.7 * d1;
+        } else {  // exact double root from rounded coefficients
+            r[0] = r0; r[1] = r0; r[2] = unit(rng);
+        }
+        const Coeffs c = fromRoots(r[0], r[1], r[2], 1.0 + std::fabs(unit(rng)));
+        const std::vector<double> got = solve(c);
+        ASSERT_GE(got.size(), 1u);
+        expectRootsCover(c, {r[0], r[1], r[2]}, got, "cluster");
+    }
+}
+
+TEST(CubicRoots, ExactDoubleAndTripleRootsAreReportedOnce) {
+    double roots[3];
+    // (t - 1)^2 (t - 3)
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(-3.0, 7.0, -5.0, 1.0, roots), 2);
+    EXPECT_DOUBLE_EQ(roots[0], 1.0);
+    EXPECT_DOUBLE_EQ(roots[1], 3.0);
+    // (t + 2) (t - 0.5)^2, the double root above the simple one
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(0.5, -1.75, 1.0, 1.0, roots), 2);
+    EXPECT_DOUBLE_EQ(roots[0], -2.0);
+    EXPECT_DOUBLE_EQ(roots[1], 0.5);
+    // (t - 0.5)^3 and 8 (t + 0.25)^3
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(-0.125, 0.75, -1.5, 1.0, roots), 1);
+    EXPECT_DOUBLE_EQ(roots[0], 0.5);
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(0.125, 1.5, 6.0, 8.0, roots), 1);
+    EXPECT_DOUBLE_EQ(roots[0], -0.25);
+    // t^3, t^2 (t - 2), t (t - 1)(t + 1): exact zero roots
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(0.0, 0.0, 0.0, 5.0, roots), 1);
+    EXPECT_EQ(roots[0], 0.0);
+    EXPECT_FALSE(std::signbit(roots[0]));
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(0.0, 0.0, -2.0, 1.0, roots), 2);
+    EXPECT_EQ(roots[0], 0.0);
+    EXPECT_DOUBLE_EQ(roots[1], 2.0);
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(0.0, -1.0, 0.0, 1.0, roots), 3);
+    EXPECT_DOUBLE_EQ(roots[0], -1.0);
+    EXPECT_EQ(roots[1], 0.0);
+    EXPECT_DOUBLE_EQ(roots[2], 1.0);
+}
+
+TEST(CubicRoots, RandomTripleRootsStayClose) {
+    std::mt19937_64 rng(4242);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int trial = 0; trial < 5000; ++trial) {
+        const double r = std::pow(10.0, 3.0 * unit(rng)) * (unit(rng) < 0 ? -1.0 : 1.0);
+        const Coeffs c = fromRoots(r, r, r, std::pow(10.0, 3.0 * unit(rng)));
+        const std::vector<double> got = solve(c);
+        ASSERT_GE(got.size(), 1u);
+        expectRootsCover(c, {r, r, r}, got, "triple");
+        for (double g : got) EXPECT_NEAR(g, r, 1e-7 * std::fabs(r));
+    }
+}
+
+TEST(CubicRoots, ZeroOrTinyLeadingCoefficientKeepsTheLowerDegreeRoots) {
+    double roots[3];
+    // (t - 1)(t - 2) as a cubic with c3 = 0: quadratic fallback.
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(2.0, -3.0, 1.0, 0.0, roots), 2);
+    EXPECT_DOUBLE_EQ(roots[0], 1.0);
+    EXPECT_DOUBLE_EQ(roots[1], 2.0);
+    // Linear and constant.
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(-1.0, 4.0, 0.0, 0.0, roots), 1);
+    EXPECT_DOUBLE_EQ(roots[0], 0.25);
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(3.0, 0.0, 0.0, 0.0, roots), 0);
+    // Quadratic without real roots, and one with a double root.
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(1.0, 0.0, 1.0, 0.0, roots), 0);
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(1.0, -2.0, 1.0, 0.0, roots), 1);
+    EXPECT_DOUBLE_EQ(roots[0], 1.0);
+
+    // A tiny c3 adds one large root near -c2/c3 and leaves the others where they were.
+    for (double eps : {1e-6, 1e-12, 1e-20, 1e-100, 1e-300, -1e-9, -1e-200}) {
+        const Coeffs c = {2.0, -3.0, 1.0, eps};
+        const std::vector<double> got = solve(c);
+        ASSERT_EQ(got.size(), 3u) << eps;
+        const double big = eps > 0 ? got[0] : got[2];
+        const std::vector<double> small = eps > 0 ? std::vector<double>{got[1], got[2]}
+                                                  : std::vector<double>{got[0], got[1]};
+        EXPECT_NEAR(small[0], 1.0, 1e-12 + 4.0 * std::fabs(eps));
+        EXPECT_NEAR(small[1], 2.0, 1e-12 + 16.0 * std::fabs(eps));
+        EXPECT_NEAR(big / (-1.0 / eps), 1.0, 1e-5) << eps;
+        expectRootsCover(c, {}, got, "tiny leading");
+    }
+    // A leading coefficient so small that its root is beyond the doubles: the quadratic's roots.
+    {
+        const std::vector<double> got = solve({2.0, -3.0, 1.0, 4.9406564584124654e-324});
+        ASSERT_EQ(got.size(), 2u);
+        EXPECT_DOUBLE_EQ(got[0], 1.0);
+        EXPECT_DOUBLE_EQ(got[1], 2.0);
+    }
+}
+
+TEST(CubicRoots, DegenerateInputs) {
+    double roots[3] = {7.0, 7.0, 7.0};
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(0.0, 0.0, 0.0, 0.0, roots), 0);
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(-0.0, 0.0, -0.0, 0.0, roots), 0);
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(NAN, 1.0, 0.0, 1.0, roots), 0);
+    EXPECT_EQ(GmPolynomial::getRealCubicRoots(1.0, INFINITY, 0.0, 1.0, roots), 0);
+    // Subnormal coefficients: (t - 1)(t - 2)(t - 3) scaled down to the denormal range.
+    const double tiny = 4.9406564584124654e-324;
+    ASSERT_EQ(GmPolynomial::getRealCubicRoots(-6.0 * tiny, 11.0 * tiny, -6.0 * tiny, tiny, roots), 3);
+    EXPECT_DOUBLE_EQ(roots[0], 1.0);
+    EXPECT_DOUBLE_EQ(roots[1], 2.0);
+    EXPECT_DOUBLE_EQ(roots[2], 3.0);
+}
+
+TEST(CubicRoots, ScalingTheCoefficientsDoesNotMoveTheRoots) {
+    std::mt19937_64 rng(2024);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int trial = 0; trial < 2000; ++trial) {
+        const Coeffs c = {unit(rng), unit(rng), unit(rng), unit(rng)};
+        const std::vector<double> base = solve(c);
+        // Powers of two scale exactly: identical results.
+        for (int e : {-1000, -300, -7, 9, 300, 1000}) {
+            const std::vector<double> got =
+                solve({std::ldexp(c[0], e), std::ldexp(c[1], e), std::ldexp(c[2], e), std::ldexp(c[3], e)});
+            ASSERT_EQ(got, base) << "scale 2^" << e;
+        }
+        // Other factors round the coefficients: the same roots to within their conditioning.
+        for (double s : {1e-250, 3.7, 1e250}) {
+            const Coeffs cs = {c[0] * s, c[1] * s, c[2] * s, c[3] * s};
+            expectRootsCover(cs, {}, solve(cs), "scaled");
+        }
+    }
+}
+
+TEST(CubicRoots, WidelySpreadRootsKeepRelativeAccuracy) {
+    const double sets[][3] = {{1e-6, 1.0, 1e6}, {-1e-9, 1e-3, 2e7}, {-3e5, -2e-5, 4.0}, {1e-12, 2e-12, 1.0},
+                              {-1e100, 1.0, 1e100}};
+    for (const auto& r : sets) {
+        const Coeffs c = fromRoots(r[0], r[1], r[2]);
+        const std::vector<double> got = solve(c);
+        ASSERT_EQ(got.size(), 3u);
+        for (int i = 0; i < 3; ++i) EXPECT_NEAR(got[i] / r[i], 1.0, 1e-12) << r[i];
+    }
+}
+
+// Independent reference for random coefficients: Cardano / trigonometric form in long
+// double, polished by Newton's method.
+std::vector<long double> referenceRoots(const Coeffs& c) {
+    const long double a = (long double)c[2] / c[3], b = (long double)c[1] / c[3], d = (long double)c[0] / c[3];
+    const long double p = b - a * a / 3.0L, q = 2.0L * a * a * a / 27.0L - a * b / 3.0L + d;
+    const long double disc = q * q / 4.0L + p * p * p / 27.0L;
+    std::vector<long double> r;
+    if (disc > 0) {
+        const long double s = std::sqrt(disc);
+        r.push_back(std::cbrt(-q / 2.0L + s) + std::cbrt(-q / 2.0L - s) - a / 3.0L);
+    } else {
+        const long double m = 2.0L * std::sqrt(-p / 3.0L);
+        const long double th = std::acos(std::max(-1.0L, std::min(1.0L, 3.0L * q / (p * m)))) / 3.0L;
+        for (int k = 0; k < 3; ++k) r.push_back(m * std::cos(th - 2.0L * k * 3.14159265358979323846L / 3.0L) - a / 3.0L);
+    }
+    for (long double& x : r)
+        for (int it = 0; it < 4; ++it) {
+            const long double d1 = taylorLD(c, 1, x);
+            if (d1 != 0.0L) x -= evalLD(c, x) / d1;
+        }
+    std::sort(r.begin(), r.end());
+    return r;
+}
+
+TEST(CubicRoots, RandomCoefficientsMatchAnIndependentReference) {
+    std::mt19937_64 rng(31337);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    int compared = 0;
+    for (int trial = 0; trial < 20000; ++trial) {
+        Coeffs c = {unit(rng), unit(rng), unit(rng), unit(rng)};
+        if (std::fabs(c[3]) < 0.05) continue;
+        const std::vector<long double> ref = referenceRoots(c);
+        // Skip cubics whose root count is ill-conditioned (near-double roots).
+        bool clear = true;
+        for (long double x : ref) clear = clear && std::fabs(taylorLD(c, 1, x)) > 1e-6L;
+        long double minTurn = HUGE_VALL;
+        // Local extrema well away from zero as well.
+        const long double da = 3.0L * c[3], db = 2.0L * c[2], dc = c[1], dd = db * db - 4.0L * da * dc;
+        if (dd > 0) {
+            for (int s : {-1, 1}) {
+                const long double e = (-db + s * std::sqrt(dd)) / (2.0L * da);
+                minTurn = std::min(minTurn, std::fabs(evalLD(c, e)));
+            }
+            clear = clear && minTurn > 1e-6L;
+        }
+        if (!clear) continue;
+        ++compared;
+        const std::vector<double> got = solve(c);
+        ASSERT_EQ(got.size(), ref.size());
+        for (size_t i = 0; i < ref.size(); ++i)
+            EXPECT_NEAR(got[i], (double)ref[i], rootTolerance(c, (double)ref[i]));
+    }
+    EXPECT_GT(compared, 15000);
+}
+
+TEST(QuadraticRoots, StableForCancellingCoefficients) {
+    double roots[2];
+    // (t - 1e-9)(t - 1e9): the small root must not cancel away.
+    ASSERT_EQ(GmPolynomial::getRealQuadraticRoots(1.0, -(1e9 + 1e-9), 1.0, roots), 2);
+    EXPECT_NEAR(roots[0] / 1e-9, 1.0, 1e-15);
+    EXPECT_NEAR(roots[1] / 1e9, 1.0, 1e-15);
+    ASSERT_EQ(GmPolynomial::getRealQuadraticRoots(-4.0, 0.0, 1.0, roots), 2);
+    EXPECT_DOUBLE_EQ(roots[0], -2.0);
+    EXPECT_DOUBLE_EQ(roots[1], 2.0);
+    EXPECT_EQ(GmPolynomial::getRealQuadraticRoots(0.0, 0.0, 0.0, roots), 0);
+    ASSERT_EQ(GmPolynomial::getRealQuadraticRoots(0.0, 0.0, 3.0, roots), 1);
+    EXPECT_EQ(roots[0], 0.0);
+}
+
+}  // namespace
