@@ -11,11 +11,9 @@
 #include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
 
-#if __has_include(<quarrygeom/core/GmParallel.h>)
-#include <quarrygeom/core/GmParallel.h>
 #include <tbb/parallel_invoke.h>
-#define QG_MESH_HAVE_PARALLEL 1
-#endif
+
+#include <quarrygeom/core/GmParallel.h>
 
 #if __has_include(<quarrygeom/core/GmMatrix.h>)
 #include <quarrygeom/core/GmMatrix.h>
@@ -478,7 +476,6 @@ void GmTriangleMesh::finishConstruction() {
     auto serial = [this]() {
         for (int code = 1; code <= 5; ++code) _runConstructionTask(code);
     };
-#ifdef QG_MESH_HAVE_PARALLEL
     if (_vertices.size() > static_cast<std::size_t>(kParallelVertexThreshold)) {
         GmParallel::dispatch(serial, [this]() {
             tbb::parallel_invoke(TriMeshConstructTask(this, 1), TriMeshConstructTask(this, 2),
@@ -488,9 +485,6 @@ void GmTriangleMesh::finishConstruction() {
     } else {
         serial();
     }
-#else
-    serial();
-#endif
 
     _closed = true;
     for (const GmTriangleEdge& ed : _edges) {
@@ -659,42 +653,34 @@ void GmTriangleMesh::fillCaches() const {
     const int nf = static_cast<int>(_faceAreas.size());
     const int ne = static_cast<int>(_unitEdges.size());
     const int nv = static_cast<int>(_vertexNormals.size());
-    auto faces = [this](int b, int e) {
-        for (int f = b; f < e; ++f)
-            if (isuninitialized(_faceAreas[static_cast<std::size_t>(f)])) calculateFaceData(f);
+    auto face = [this](int f) {
+        if (isuninitialized(_faceAreas[static_cast<std::size_t>(f)])) calculateFaceData(f);
     };
-    auto edges = [this](int b, int e) {
-        for (int i = b; i < e; ++i)
-            if (isuninitialized(_unitEdges[static_cast<std::size_t>(i)].z)) calculateUnitEdge(i);
+    auto edge = [this](int e) {
+        if (isuninitialized(_unitEdges[static_cast<std::size_t>(e)].z)) calculateUnitEdge(e);
     };
-    // Face data and unit edges first, so that the vertex normals only read them.
-    auto verts = [this](int b, int e) {
-        for (int v = b; v < e; ++v)
-            if (isuninitialized(_vertexNormals[static_cast<std::size_t>(v)].z)) calculateVertexNormal(v);
+    auto vertex = [this](int v) {
+        if (isuninitialized(_vertexNormals[static_cast<std::size_t>(v)].z)) calculateVertexNormal(v);
     };
-    // Clear the reset flags up front: the workers then never write them.
+    // Clear the reset flags up front so that the workers never write them; face data
+    // and unit edges come first, so that the vertex normals only read them.
     if (nf > 0) clearFlag(_faceDataReset);
     if (ne > 0) clearFlag(_unitEdgesReset);
     if (nv > 0) clearFlag(_vertexNormalsReset);
-#ifdef QG_MESH_HAVE_PARALLEL
-    if (nf + ne + nv > 3 * kParallelVertexThreshold) {
-        GmParallel::dispatch(
-            [&]() {
-                faces(0, nf);
-                edges(0, ne);
-                verts(0, nv);
-            },
-            [&]() {
-                GmParallel::parallelFor(0, nf, faces);
-                GmParallel::parallelFor(0, ne, edges);
-                GmParallel::parallelFor(0, nv, verts);
-            });
+    auto serial = [&]() {
+        for (int f = 0; f < nf; ++f) face(f);
+        for (int e = 0; e < ne; ++e) edge(e);
+        for (int v = 0; v < nv; ++v) vertex(v);
+    };
+    if (nv <= kParallelVertexThreshold) {
+        serial();
         return;
     }
-#endif
-    faces(0, nf);
-    edges(0, ne);
-    verts(0, nv);
+    GmParallel::dispatch(serial, [&]() {
+        GmParallel::parallelFor(0, nf, face);
+        GmParallel::parallelFor(0, ne, edge);
+        GmParallel::parallelFor(0, nv, vertex);
+    });
 }
 
 const GmAdjacentOrphanSet* GmTriangleMesh::getOrphanSet() const {
