@@ -39,6 +39,13 @@ namespace detail {
 QUARRYGEOM_API bool cubicRootPreCheckRejects(double c0, double c1, double c2, double c3);
 // Newton refinement of a root estimate: at most four steps, stopping once |p(t)| < 1e-12.
 QUARRYGEOM_API double refineCubicRoot(double c0, double c1, double c2, double c3, double t);
+// The times, ascending and within [0, 1], at which the contact primitives test for a contact on
+// the coplanarity cubic c0 + c1 t + c2 t^2 + c3 t^3: after the gate on |p(1)| and the pre-check,
+// the refined roots of the walk (roots below -1e-6 skipped, the first above 1.000001 ending it,
+// times not after the previous one passed over, 1.000001 clamped to 1), plus the extrema of the
+// cubic that touch zero within rounding and t = 0 when p(0) vanishes within rounding.
+// Coefficients are expected scaled so that the features' coordinates are of order one.
+QUARRYGEOM_API int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]);
 }  // namespace detail
 
 // The fifteen feature tests of a triangle pair, as a fixed-size bit set:

@@ -1,0 +1,183 @@
+// Accuracy and speed of the continuous-time vertex-face and edge-edge primitives over the
+// sample query sets (ccd-queries/<set>/{vertex-face,edge-edge}/*.csv, 8 rows per query, rational
+// coordinates, ground truth in the last column).
+//
+//   bench_ccd [folder] [--verbose]
+//
+// Prints per set and in total: queries, true positives, false negatives, false positives and the
+// mean time per query in nanoseconds. --verbose lists every false negative with its cubic.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifdef QG_HAVE_GMP
+#include <gmp.h>
+#include <mpfr.h>
+#endif
+
+#include <qgtools/data_dir.h>
+#include <quarrygeom/primitives/GmIntersection.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Vec = GmTVector<double>;
+
+struct Query {
+    Vec v[8];
+    bool truth = false;
+};
+
+// Nearest double to num/den (correctly rounded with MPFR when available).
+double rationalToDouble(const std::string& num, const std::string& den) {
+#ifdef QG_HAVE_GMP
+    mpq_t q;
+    mpq_init(q);
+    const std::string text = num + "/" + den;
+    mpq_set_str(q, text.c_str(), 10);
+    mpq_canonicalize(q);
+    mpfr_t f;
+    mpfr_init2(f, 53);
+    mpfr_set_q(f, q, MPFR_RNDN);
+    const double d = mpfr_get_d(f, MPFR_RNDN);
+    mpfr_clear(f);
+    mpq_clear(q);
+    return d;
+#else
+    return std::strtod(num.c_str(), nullptr) / std::strtod(den.c_str(), nullptr);
+#endif
+}
+
+std::vector<Query> readQueries(const fs::path& file) {
+    std::vector<Query> out;
+    std::ifstream in(file);
+    std::string line;
+    Query q;
+    int row = 0;
+    while (std::getline(in, line)) {
+        if (line.empty()) continue;
+        std::vector<std::string> cols;
+        std::stringstream ss(line);
+        std::string cell;
+        while (std::getline(ss, cell, ',')) cols.push_back(cell);
+        if (cols.size() < 7) continue;
+        for (int k = 0; k < 3; ++k) q.v[row][k] = rationalToDouble(cols[2 * k], cols[2 * k + 1]);
+        q.truth = std::atoi(cols[6].c_str()) != 0;
+        if (++row == 8) {
+            out.push_back(q);
+            row = 0;
+        }
+    }
+    return out;
+}
+
+bool runQuery(const Query& q, bool edgeEdge) {
+    double time;
+    if (edgeEdge) {
+        double s, t;
+        Vec n;
+        return GmIntersection::edgeEdgeIntersection(q.v[0], q.v[1], q.v[2], q.v[3], q.v[4], q.v[5], q.v[6], q.v[7],
+                                                    1.7976931348623157e308, time, s, t, n);
+    }
+    Vec point, bary, n;
+    return GmIntersection::pointFaceIntersection(q.v[0], q.v[1], q.v[2], q.v[3], q.v[4], q.v[5], q.v[6], q.v[7],
+                                                 1.7976931348623157e308, time, point, bary, n);
+}
+
+struct Tally {
+    long queries = 0, tp = 0, fn = 0, fp = 0;
+    double nanos = 0.0;  // summed mean time x queries
+    void add(const Tally& o) {
+        queries += o.queries;
+        tp += o.tp;
+        fn += o.fn;
+        fp += o.fp;
+        nanos += o.nanos;
+    }
+};
+
+void printRow(const std::string& name, const Tally& t) {
+    std::printf("%-38s %8ld %6ld %6ld %6ld %10.1f\n", name.c_str(), t.queries, t.tp, t.fn, t.fp,
+                t.queries ? t.nanos / double(t.queries) : 0.0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string root = qgtools::dataDir() + "/ccd-queries";
+    bool verbose = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--verbose")
+            verbose = true;
+        else
+            root = arg;
+    }
+#ifndef QG_HAVE_GMP
+    std::fprintf(stderr, "note: built without GMP/MPFR, coordinates are rounded by strtod and division\n");
+#endif
+    if (!fs::is_directory(root)) {
+        std::fprintf(stderr, "no query folder %s\n", root.c_str());
+        return 1;
+    }
+
+    // Collect the files by set and kind, in name order.
+    std::map<std::string, std::vector<fs::path>> groups;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        if (!entry.is_regular_file() || entry.path().extension() != ".csv") continue;
+        const fs::path kindDir = entry.path().parent_path();
+        const std::string key = kindDir.parent_path().filename().string() + "/" + kindDir.filename().string();
+        groups[key].push_back(entry.path());
+    }
+
+    std::printf("%-38s %8s %6s %6s %6s %10s\n", "set", "queries", "TP", "FN", "FP", "ns/query");
+    Tally total, totalVF, totalEE;
+    for (auto& [key, files] : groups) {
+        std::sort(files.begin(), files.end());
+        const bool edgeEdge = key.find("edge-edge") != std::string::npos;
+        std::vector<Query> queries;
+        std::vector<std::string> origin;
+        for (const auto& f : files) {
+            const std::vector<Query> qs = readQueries(f);
+            for (size_t i = 0; i < qs.size(); ++i) origin.push_back(f.filename().string() + "#" + std::to_string(i));
+            queries.insert(queries.end(), qs.begin(), qs.end());
+        }
+        Tally t;
+        t.queries = long(queries.size());
+        for (size_t i = 0; i < queries.size(); ++i) {
+            const bool hit = runQuery(queries[i], edgeEdge);
+            if (hit && queries[i].truth) ++t.tp;
+            if (!hit && queries[i].truth) {
+                ++t.fn;
+                if (verbose) std::printf("  FN %s %s\n", key.c_str(), origin[i].c_str());
+            }
+            if (hit && !queries[i].truth) ++t.fp;
+        }
+        // Timing: repeat the whole set until about 50 ms have been spent.
+        const int reps = std::max(1, int(200000 / std::max<size_t>(1, queries.size())));
+        volatile long sink = 0;
+        const auto start = std::chrono::steady_clock::now();
+        for (int r = 0; r < reps; ++r)
+            for (const Query& q : queries) sink = sink + (runQuery(q, edgeEdge) ? 1 : 0);
+        const auto stop = std::chrono::steady_clock::now();
+        const double ns = std::chrono::duration<double, std::nano>(stop - start).count();
+        t.nanos = queries.empty() ? 0.0 : ns / double(reps);
+        printRow(key, t);
+        total.add(t);
+        (edgeEdge ? totalEE : totalVF).add(t);
+    }
+    printRow("total vertex-face", totalVF);
+    printRow("total edge-edge", totalEE);
+    printRow("total", total);
+    return 0;
+}

@@ -1,0 +1,376 @@
+#include <quarrygeom/primitives/GmIntersection.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <stdexcept>
+
+#include <quarrygeom/core/GmPolynomial.h>
+#include <quarrygeom/primitives/GmPredicates.h>
+#include <quarrygeom/primitives/GmSegmentDistance.h>
+
+namespace GmIntersection {
+
+namespace {
+
+using Vec = GmTVector<double>;
+
+constexpr double kDegenerateLength = 2.220446049250313e-16;
+constexpr double kResidual = 1e-12;      // |p(t)| counted as zero by the pre-check gate and Newton
+constexpr double kRootLow = -1e-6;       // roots below are skipped
+constexpr double kRootHigh = 1.000001;   // roots above end the search
+constexpr double kInPlaneTol = 1e-6;     // in-plane contact tolerance, relative to the features' size
+constexpr double kUnitRound = 1.1102230246251565e-16;
+
+inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
+inline double absSum(double a, double b) { return std::fabs(a) + std::fabs(b); }
+
+inline Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; }
+
+// The coplanarity cubic det(x1 + t v1, x2 + t v2, y + t w), lowest degree first. The vectors are
+// first scaled by a power of two (exactly) so that their largest component lies in [0.5, 1): the
+// coefficients, and with them every tolerance applied to them, are relative to the features' size.
+struct Cubic {
+    double c[4];
+};
+
+inline Vec absv(const Vec& v) { return Vec(std::fabs(v.x), std::fabs(v.y), std::fabs(v.z)); }
+inline Vec crossAbs(const Vec& a, const Vec& b) {
+    return Vec(a.y * b.z + a.z * b.y, a.z * b.x + a.x * b.z, a.x * b.y + a.y * b.x);
+}
+inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
+
+// Builds the scaled cubic from the start differences x1, x2, y and the end differences e1, e2, f.
+// Returns false when every difference is zero (all points coincide throughout).
+bool buildCubic(Vec x1, Vec x2, Vec y, Vec e1, Vec e2, Vec f, Cubic& q) {
+    const double m = std::max({maxAbs(x1), maxAbs(x2), maxAbs(y), maxAbs(e1), maxAbs(e2), maxAbs(f)});
+    if (!(m > 0.0) || !std::isfinite(m)) return false;
+    int ex;
+    std::frexp(m, &ex);
+    const double sc = std::ldexp(1.0, -ex);
+    x1 *= sc; x2 *= sc; y *= sc; e1 *= sc; e2 *= sc; f *= sc;
+    const Vec v1 = e1 - x1, v2 = e2 - x2, w = f - y;
+    const Vec n0 = x1.cross(x2);
+    const Vec n1 = x1.cross(v2) + v1.cross(x2);
+    const Vec n2 = v1.cross(v2);
+    q.c[0] = n0.dot(y);
+    q.c[1] = n0.dot(w) + n1.dot(y);
+    q.c[2] = n1.dot(w) + n2.dot(y);
+    q.c[3] = n2.dot(w);
+    return true;
+}
+
+// Rounding noise of the scaled coefficients (each is a sum of a few dozen products of numbers
+// below 2 in magnitude, computed from correctly rounded differences).
+constexpr double kScaledNoise = 1024.0 * kUnitRound;
+
+// Rounding noise of the vertex-edge quadratics, in units of their magnitude bounds.
+constexpr double kCoefficientNoise = 16.0 * kUnitRound;
+
+// A small sorted set of candidate contact times.
+struct Candidates {
+    double t[72];
+    int n = 0;
+    void add(double v) {
+        if (n < 72 && v >= kRootLow && v <= kRootHigh) t[n++] = std::min(std::max(v, 0.0), 1.0);
+    }
+    void sort() { std::sort(t, t + n); }
+};
+
+// Real roots and the extremum of alpha + beta t + gamma t^2 (all three when the quadratic could
+// have a double root hidden by rounding).
+void addQuadraticEvents(double alpha, double beta, double gamma, Candidates& out) {
+    if (gamma != 0.0) {
+        out.add(-beta / (2.0 * gamma));
+        const double disc = beta * beta - 4.0 * gamma * alpha;
+        if (disc >= 0.0) {
+            const double sq = std::sqrt(disc);
+            const double qq = -0.5 * (beta + (beta >= 0.0 ? sq : -sq));
+            if (qq != 0.0) {
+                out.add(qq / gamma);
+                out.add(alpha / qq);
+            } else {
+                out.add(0.0);
+            }
+        }
+    } else if (beta != 0.0) {
+        out.add(-alpha / beta);
+    }
+}
+
+// Times at which the moving point p may lie on the moving segment a-b: the zeros of the
+// components of (b - a) x (p - a), or, when p stays on the segment's line throughout, the times
+// at which it passes an end point.
+void addVertexEdgeEvents(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& p1, const Vec& a1,
+                         const Vec& b1, Candidates& out) {
+    const Vec e = b0 - a0, q = p0 - a0;
+    const Vec ve = (b1 - a1) - e, vq = (p1 - a1) - q;
+    const Vec c0 = e.cross(q), c1 = e.cross(vq) + ve.cross(q), c2 = ve.cross(vq);
+    const Vec me = absv(b0) + absv(a0), mq = absv(p0) + absv(a0);
+    const Vec mve = absv(b1) + absv(a1) + me, mvq = absv(p1) + absv(a1) + mq;
+    const Vec m0 = crossAbs(me, mq), m1 = crossAbs(me, mvq) + crossAbs(mve, mq), m2 = crossAbs(mve, mvq);
+    bool any = false;
+    for (int k = 0; k < 3; ++k) {
+        const double noise = kCoefficientNoise * (m0[k] + m1[k] + m2[k]);
+        if (std::fabs(c0[k]) <= noise && std::fabs(c1[k]) <= noise && std::fabs(c2[k]) <= noise) continue;
+        any = true;
+        addQuadraticEvents(c0[k], c1[k], c2[k], out);
+    }
+    if (any) return;
+    // Collinear throughout: p meets an end point when a coordinate of p - a (or p - b) vanishes.
+    for (const Vec* x : {&a0, &b0}) {
+        const Vec& x0 = *x;
+        const Vec& x1 = (x == &a0) ? a1 : b1;
+        const Vec d0 = p0 - x0, dv = (p1 - x1) - d0;
+        for (int k = 0; k < 3; ++k)
+            if (dv[k] != 0.0) out.add(-d0[k] / dv[k]);
+    }
+}
+
+// Adds to the candidates of the root walk the extrema of the cubic in [0, 1] at which it comes
+// within its rounding noise of zero: a double root there may have been lost by the solver.
+void addNearDoubleRoots(const double* c, Candidates& out) {
+    const double noise =
+        kScaledNoise + 8.0 * kUnitRound * (std::fabs(c[0]) + std::fabs(c[1]) + std::fabs(c[2]) + std::fabs(c[3]));
+    Candidates ext;
+    addQuadraticEvents(c[1], 2.0 * c[2], 3.0 * c[3], ext);
+    for (int i = 0; i < ext.n; ++i) {
+        const double t = ext.t[i];
+        if (std::fabs(evalCubic(c, t)) <= noise) out.add(t);
+    }
+}
+
+// Walks the cubic's roots in [0, 1] in ascending order and calls test(t) at each candidate time
+// until one reports a contact. Returns true with that time.
+template <class Test>
+bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test) {
+    double times[8];
+    const int n = detail::rootWalkTimes(q.c[0], q.c[1], q.c[2], q.c[3], times);
+    for (int i = 0; i < n; ++i) {
+        if (!(times[i] < timeBound)) return false;
+        if (test(times[i])) {
+            time = times[i];
+            return true;
+        }
+    }
+    return false;
+}
+
+// True when the cubic vanishes within its rounding noise: the four points stay coplanar.
+bool coplanarThroughout(const Cubic& q) {
+    for (int i = 0; i < 4; ++i)
+        if (std::fabs(q.c[i]) > kScaledNoise) return false;
+    return true;
+}
+
+// Tests the candidate times in ascending order (below timeBound) until one passes.
+template <class Test>
+bool walkCandidates(Candidates& cand, double timeBound, double& time, Test&& test) {
+    cand.sort();
+    for (int i = 0; i < cand.n; ++i) {
+        if (i > 0 && cand.t[i] == cand.t[i - 1]) continue;
+        if (!(cand.t[i] < timeBound)) return false;
+        if (test(cand.t[i])) {
+            time = cand.t[i];
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+namespace detail {
+
+bool cubicRootPreCheckRejects(double c0, double c1, double c2, double c3) {
+    const double a = std::fabs(c0), b = std::fabs(c1), c = std::fabs(c2), d = std::fabs(c3);
+    if (a > b + c + d) return true;
+    if (((c0 > 0.0 && c1 > 0.0) || (c0 < 0.0 && c1 < 0.0)) && a + b > c + d) return true;
+    if (c0 * c1 < 0.0 && b > 2.0 * c + 3.0 * d && (c0 + c1 + c2 + c3) * c0 > 0.0) return true;
+    if ((c0 >= 0.0 && c1 >= 0.0 && c2 >= 0.0) || (c0 < 0.0 && c1 < 0.0 && c2 < 0.0)) return a + b + c > d;
+    return false;
+}
+
+int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]) {
+    const double c[4] = {c0, c1, c2, c3};
+    const double p1 = c0 + c1 + c2 + c3;
+    if (std::fabs(p1) > kResidual && cubicRootPreCheckRejects(c0, c1, c2, c3)) return 0;
+
+    double roots[3];
+    const int n = GmPolynomial::getRealCubicRoots(c0, c1, c2, c3, roots);
+    Candidates cand;
+    double last = 0.0;
+    for (int i = 0; i < n; ++i) {
+        const double r = roots[i];
+        if (r < kRootLow) continue;
+        if (r > kRootHigh) break;
+        const double t = refineCubicRoot(c0, c1, c2, c3, r);
+        if (!(t > last) || t > kRootHigh) continue;
+        last = std::min(std::max(last, t), 1.0);
+        cand.t[cand.n++] = last;
+    }
+    // Times where the solver may have lost a double root, or a root at the very start.
+    addNearDoubleRoots(c, cand);
+    if (std::fabs(c0) <= kScaledNoise) cand.add(0.0);
+    cand.sort();
+    int m = 0;
+    for (int i = 0; i < cand.n && m < 8; ++i)
+        if (m == 0 || cand.t[i] != times[m - 1]) times[m++] = cand.t[i];
+    return m;
+}
+
+double refineCubicRoot(double c0, double c1, double c2, double c3, double t) {
+    double p = ((c3 * t + c2) * t + c1) * t + c0;
+    for (int it = 0; it < 4 && !(std::fabs(p) < kResidual); ++it) {
+        const double dp = (3.0 * c3 * t + 2.0 * c2) * t + c1;
+        if (dp == 0.0 || !std::isfinite(dp)) break;
+        const double tn = t - p / dp;
+        if (!std::isfinite(tn)) break;
+        t = tn;
+        p = ((c3 * t + c2) * t + c1) * t + c0;
+    }
+    return t;
+}
+
+}  // namespace detail
+
+bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& c0, const Vec& p1,
+                           const Vec& a1, const Vec& b1, const Vec& c1, double timeBound, double& time,
+                           Vec& point, Vec& barycentric, Vec& normal) {
+    Cubic q;
+    const bool moving = buildCubic(b0 - a0, c0 - a0, p0 - a0, b1 - a1, c1 - a1, p1 - a1, q);
+
+    Vec bary;
+    auto inFace = [&](double t) {
+        const Vec p = lerp(p0, p1, t), a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
+        const double d2 = GmSegmentDistance::pointTriangleDistanceSquared(p, a, b, c, bary);
+        const double scale2 =
+            std::max((b - a).lengthSquared(), std::max((c - a).lengthSquared(), (c - b).lengthSquared()));
+        return d2 <= kInPlaneTol * kInPlaneTol * scale2;
+    };
+    double t;
+    if (!moving || coplanarThroughout(q)) {
+        // The vertex stays in the face's plane: it is in the face from the start, or it enters
+        // through an edge.
+        Candidates cand;
+        cand.add(0.0);
+        addVertexEdgeEvents(p0, a0, b0, p1, a1, b1, cand);
+        addVertexEdgeEvents(p0, b0, c0, p1, b1, c1, cand);
+        addVertexEdgeEvents(p0, c0, a0, p1, c1, a1, cand);
+        if (!walkCandidates(cand, timeBound, t, inFace)) return false;
+    } else if (!walkRoots(q, timeBound, t, inFace)) {
+        return false;
+    }
+
+    const Vec a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
+    Vec n = (b - a).cross(c - a);
+    const double len = n.length();
+    if (!(len > kDegenerateLength)) {
+        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
+                  << "Unable to compute collision normal." << std::endl;
+        return false;
+    }
+    n /= len;
+    // Towards the side of the face on which the vertex started (or against its motion when it
+    // started in the plane).
+    double side = n.dot(p0 - (a0 * bary.x + b0 * bary.y + c0 * bary.z));
+    if (side == 0.0) side = -n.dot(p1 - (a1 * bary.x + b1 * bary.y + c1 * bary.z));
+    if (side < 0.0) n = -n;
+
+    time = t;
+    barycentric = bary;
+    point = a * bary.x + b * bary.y + c * bary.z;
+    normal = n;
+    return true;
+}
+
+bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec& d0, const Vec& a1,
+                          const Vec& b1, const Vec& c1, const Vec& d1, double timeBound, double& time, double& s,
+                          double& t, Vec& normal) {
+    Cubic q;
+    const bool moving = buildCubic(b0 - a0, d0 - c0, c0 - a0, b1 - a1, d1 - c1, c1 - a1, q);
+
+    double ss = 0.0, tt = 0.0;
+    auto cross = [&](double tm) {
+        const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);
+        const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, ss, tt);
+        const double scale2 = std::max((b - a).lengthSquared(), (d - c).lengthSquared());
+        return d2 <= kInPlaneTol * kInPlaneTol * scale2;
+    };
+    double tm;
+    if (!moving || coplanarThroughout(q)) {
+        // The edges stay in one plane: they cross from the start, or an end point of one meets
+        // the other first.
+        Candidates cand;
+        cand.add(0.0);
+        addVertexEdgeEvents(a0, c0, d0, a1, c1, d1, cand);
+        addVertexEdgeEvents(b0, c0, d0, b1, c1, d1, cand);
+        addVertexEdgeEvents(c0, a0, b0, c1, a1, b1, cand);
+        addVertexEdgeEvents(d0, a0, b0, d1, a1, b1, cand);
+        if (!walkCandidates(cand, timeBound, tm, cross)) return false;
+    } else if (!walkRoots(q, timeBound, tm, cross)) {
+        return false;
+    }
+
+    const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);
+    const Vec e1 = b - a, e2 = d - c;
+    Vec n = (a + e1 * ss) - (c + e2 * tt);
+    double len = n.length();
+    // The closest-point direction is meaningful only above its own rounding noise.
+    const double noise = 64.0 * kUnitRound *
+                         std::max({absv(a).length(), absv(b).length(), absv(c).length(), absv(d).length()});
+    if (!(len > std::max(kDegenerateLength, noise))) {
+        double s2, t2;
+        GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, s2, t2);
+        n = (a + e1 * s2) - (c + e2 * t2);
+        len = n.length();
+        if (!(len > std::max(kDegenerateLength, noise))) {
+            n = e1.cross(e2);
+            len = n.length();
+        }
+    }
+    if (!(len > kDegenerateLength)) {
+        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
+                  << "Unable to compute collision normal." << std::endl;
+        return false;
+    }
+    n /= len;
+    // From edge c-d towards edge a-b as they stood at the start (against the motion when they
+    // started in contact).
+    double side = n.dot((a0 + (b0 - a0) * ss) - (c0 + (d0 - c0) * tt));
+    if (side == 0.0) side = -n.dot((a1 + (b1 - a1) * ss) - (c1 + (d1 - c1) * tt));
+    if (side < 0.0) n = -n;
+
+    time = tm;
+    s = ss;
+    t = tt;
+    normal = n;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// ComponentTests
+
+bool ComponentTests::test(unsigned pos) const {
+    if (pos >= kSize) throw std::out_of_range("invalid bitset position");
+    return ((_bits >> pos) & 1u) != 0;
+}
+
+ComponentTests& ComponentTests::set(unsigned pos, bool value) {
+    if (pos >= kSize) throw std::out_of_range("invalid bitset position");
+    if (value)
+        _bits |= (1u << pos);
+    else
+        _bits &= ~(1u << pos);
+    return *this;
+}
+
+ComponentTests& ComponentTests::reset(unsigned pos) { return set(pos, false); }
+
+unsigned ComponentTests::count() const {
+    unsigned n = 0;
+    for (std::uint32_t b = _bits; b; b &= b - 1) ++n;
+    return n;
+}
+
+}  // namespace GmIntersection
