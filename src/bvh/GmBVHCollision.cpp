@@ -1,0 +1,539 @@
+// Self and mesh-mesh collision traversals of GmBoundingVolumeHierarchy and their GmBoundingTree
+// forms: continuous-time contact, proximity and static triangle intersection, all through one
+// walk (GmBVHCollisionWalk.h) with the narrow phase as a policy.
+
+#include <algorithm>
+#include <cfloat>
+#include <cstddef>
+#include <vector>
+
+#include <quarrygeom/bvh/GmBoundingTree.h>
+#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
+#include <quarrygeom/core/GmBVHMetrics.h>
+#include <quarrygeom/core/GmParallel.h>
+#include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
+#include <quarrygeom/mesh/GmDisabledData.h>
+#include <quarrygeom/mesh/GmMeshTests.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+#include <quarrygeom/primitives/GmContactKernels.h>
+#include <quarrygeom/primitives/GmIntersection.h>
+
+#include "GmBVHCollisionWalk.h"
+
+namespace GmBVHCollision {
+namespace {
+
+using ComponentTests = GmIntersection::ComponentTests;
+using Positions = std::vector<GmTVector<double>>;
+
+// Search bound handed to the kernels: the largest finite double.
+constexpr double kNoTimeBound = DBL_MAX;
+
+// The top seven levels of a self query (127 nodes) start the heavy descents; the parallel path
+// first breaks them into a frontier of at least this many node pairs.
+constexpr int kSplitNodes = 127;
+constexpr std::size_t kFrontierSize = 512;
+
+// ---- Narrow phases ----------------------------------------------------------------------
+
+class ContSelfIntersector {
+public:
+    using Record = GmContinuousTimeIntersectionInfo;
+    static constexpr bool kOrphanPass = true;
+    ContSelfIntersector(const GmTriangleMesh& mesh, const Positions& end, ComponentTests tests, int objectIndex)
+        : _mesh(mesh), _end(end), _tests(tests), _object(objectIndex) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::continuousSelf(_mesh, _end, f1, f2, _tests, m, kNoTimeBound, nullptr, _object, out);
+    }
+    bool orphan(int f1, int f2, ComponentTests tests, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::continuousOrphan(_mesh, _end, f1, f2, tests, m, kNoTimeBound, nullptr, _object, out);
+    }
+    ComponentTests tests() const { return _tests; }
+
+private:
+    const GmTriangleMesh& _mesh;
+    const Positions& _end;
+    ComponentTests _tests;
+    int _object;
+};
+
+class ContIntersector {
+public:
+    using Record = GmContinuousTimeIntersectionInfo;
+    ContIntersector(const GmTriangleMesh& mesh1, const Positions& end1, const GmTriangleMesh& mesh2,
+                    const Positions& end2, const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
+                    ComponentTests tests, int object1, int object2)
+        : _mesh1(mesh1), _end1(end1), _mesh2(mesh2), _end2(end2), _info1(info1), _info2(info2), _tests(tests),
+          _object1(object1), _object2(object2) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::continuousMesh(_mesh1, _end1, _mesh2, _end2, f1, f2, _tests, m, kNoTimeBound, _info1,
+                                                _info2, _object1, _object2, out);
+    }
+
+private:
+    const GmTriangleMesh& _mesh1;
+    const Positions& _end1;
+    const GmTriangleMesh& _mesh2;
+    const Positions& _end2;
+    const SelfIntersectionInfo* _info1;
+    const SelfIntersectionInfo* _info2;
+    ComponentTests _tests;
+    int _object1, _object2;
+};
+
+class SelfProximityChecker {
+public:
+    using Record = GmProximityCheckInfo;
+    static constexpr bool kOrphanPass = true;
+    SelfProximityChecker(const GmTriangleMesh& mesh, double distance, ComponentTests tests, int objectIndex)
+        : _mesh(mesh), _distance(distance), _tests(tests), _object(objectIndex) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::proximitySelf(_mesh, f1, f2, _distance, _tests, m, nullptr, _object, out);
+    }
+    bool orphan(int f1, int f2, ComponentTests tests, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::proximityOrphan(_mesh, f1, f2, _distance, tests, m, nullptr, _object, out);
+    }
+    ComponentTests tests() const { return _tests; }
+
+private:
+    const GmTriangleMesh& _mesh;
+    double _distance;
+    ComponentTests _tests;
+    int _object;
+};
+
+class ProximityChecker {
+public:
+    using Record = GmProximityCheckInfo;
+    ProximityChecker(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, double distance,
+                     const SelfIntersectionInfo* info, ComponentTests tests, int object1, int object2)
+        : _mesh1(mesh1), _mesh2(mesh2), _distance(distance), _info(info), _tests(tests), _object1(object1),
+          _object2(object2) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::proximityMesh(_mesh1, _mesh2, f1, f2, _distance, _tests, m, _info, _object1,
+                                               _object2, out);
+    }
+
+private:
+    const GmTriangleMesh& _mesh1;
+    const GmTriangleMesh& _mesh2;
+    double _distance;
+    const SelfIntersectionInfo* _info;
+    ComponentTests _tests;
+    int _object1, _object2;
+};
+
+class TriSelfIntersector {
+public:
+    using Record = GmIntersectionInfo;
+    static constexpr bool kOrphanPass = false;  // static self intersection has no orphan pass
+    explicit TriSelfIntersector(const GmTriangleMesh& mesh) : _mesh(mesh) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::staticSelf(_mesh, f1, f2, m, out);
+    }
+
+private:
+    const GmTriangleMesh& _mesh;
+};
+
+class TriIntersector {
+public:
+    using Record = GmIntersectionInfo;
+    TriIntersector(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2) : _mesh1(mesh1), _mesh2(mesh2) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::staticMesh(_mesh1, _mesh2, f1, f2, m, out);
+    }
+
+private:
+    const GmTriangleMesh& _mesh1;
+    const GmTriangleMesh& _mesh2;
+};
+
+// ---- Query set-up -----------------------------------------------------------------------
+
+// Orphan entries converted once to the component tests of their one feature test, ANDed with
+// the caller's tests.
+struct OrphanJob {
+    int face1;
+    int face2;
+    ComponentTests tests;
+};
+
+std::vector<OrphanJob> orphanJobs(const GmTriangleMesh& mesh, const GmAdjacentOrphanSet* set, ComponentTests tests) {
+    std::vector<OrphanJob> jobs;
+    if (set == nullptr) return jobs;
+    jobs.reserve(set->size());
+    for (const GmOrphanTest& t : *set)
+        jobs.push_back({t.firstFace, t.secondFace, GmContactKernels::orphanComponentTests(mesh, t) & tests});
+    return jobs;
+}
+
+const GmAdjacentOrphanSet* orphanSetOf(const GmBoundingVolumeHierarchy& tree, bool includeDisabled) {
+    const GmTriangleMesh* mesh = tree.getTriangleMesh();
+    if (!includeDisabled && tree.getDisabledData() != nullptr) {
+        if (const GmAdjacentOrphanSet* set = tree.getDisabledData()->getOrphanSet()) return set;
+    }
+    return mesh->getOrphanSet();
+}
+
+WalkSetup selfSetup(const GmBoundingVolumeHierarchy& tree, bool includeDisabled) {
+    WalkSetup s;
+    s.nodes1 = s.nodes2 = tree.getNodes().data();
+    s.pruneDisabled = !includeDisabled;
+    s.pruneFrozen = !tree.ignoreFrozen();
+    s.skipAdjacent = true;
+    const GmIntersection::MeshTests& tests = tree.getMeshTests();
+    s.tests1 = tests.doVertexRadiusTest() ? &tests : nullptr;
+    s.sameMeshTests = true;
+    return s;
+}
+
+WalkSetup pairSetup(const GmBoundingVolumeHierarchy& tree1, const GmBoundingVolumeHierarchy& tree2,
+                    bool includeDisabled) {
+    WalkSetup s;
+    s.nodes1 = tree1.getNodes().data();
+    s.nodes2 = tree2.getNodes().data();
+    s.pruneDisabled = !includeDisabled;
+    s.pruneFrozen = !tree1.ignoreFrozen() && !tree2.ignoreFrozen();
+    const bool oneMesh = tree1.getTriangleMesh() == tree2.getTriangleMesh();
+    s.skipAdjacent = oneMesh;
+    const GmIntersection::MeshTests& t1 = tree1.getMeshTests();
+    const GmIntersection::MeshTests& t2 = tree2.getMeshTests();
+    if (oneMesh) {
+        s.tests1 = t1.doVertexRadiusTest() ? &t1 : nullptr;
+        s.sameMeshTests = true;
+    } else if (t1.doVertexRadiusTest() && t2.doVertexRadiusTest()) {
+        s.tests1 = &t1;
+        s.tests2 = &t2;
+        s.sameMeshTests = false;
+    }
+    return s;
+}
+
+// Expands seed pairs breadth-first until at least `target` pairs remain or only leaf pairs
+// are left. Every pair that is expanded is examined (and counted) here exactly as the descent
+// would; the pairs returned are still to be examined.
+template <class Narrow>
+std::vector<NodePair> expandFrontier(PairWalk<Narrow>& walk, const WalkSetup& s, std::vector<NodePair> pairs,
+                                     std::size_t target) {
+    std::vector<NodePair> next;
+    NodePair children[4];
+    while (pairs.size() < target) {
+        next.clear();
+        bool expanded = false;
+        for (const NodePair& p : pairs) {
+            if (s.nodes1[p.a].isLeaf() && s.nodes2[p.b].isLeaf()) {
+                next.push_back(p);
+                continue;
+            }
+            expanded = true;
+            const int n = walk.visit(p.a, p.b, children);
+            next.insert(next.end(), children, children + n);
+        }
+        pairs.swap(next);
+        if (!expanded) break;
+    }
+    return pairs;
+}
+
+// Records of a traversal's calling thread while it runs in parallel: the frontier expansion
+// examines inner pairs only, so it never produces records, but it counts.
+template <class Record>
+struct CallerPart {
+    std::vector<Record> records;
+    GmBVHMetrics metrics;
+};
+
+// Self query: one descent per internal node, then the orphan pass.
+template <class Narrow>
+bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const WalkSetup& setup,
+             const std::vector<OrphanJob>& orphans, std::vector<typename Narrow::Record>& results,
+             GmBVHMetrics& metrics) {
+    using Record = typename Narrow::Record;
+    const int internal = tree.getNumberInternalNodes();
+    const GmTriangleFace* faces = tree.getTriangleMesh()->getFaces().data();
+    const std::size_t before = results.size();
+
+    auto serial = [&] {
+        PairWalk<Narrow> walk(setup, narrow, results, metrics);
+        walk.setFaces(faces);
+        for (int i = 0; i < internal; ++i) walk.descend(2 * i + 1, 2 * i + 2);
+        if constexpr (Narrow::kOrphanPass)
+            for (const OrphanJob& job : orphans) walk.orphan(job.face1, job.face2, job.tests);
+    };
+
+    auto parallel = [&] {
+        // The descents of the top nodes cover most of the pairs; split them into a frontier so
+        // that the loop below balances, and let the deeper descents run one per iteration.
+        const int split = std::min(internal, kSplitNodes);
+        CallerPart<Record> caller;
+        std::vector<NodePair> seeds;
+        seeds.reserve(static_cast<std::size_t>(split));
+        for (int i = 0; i < split; ++i) seeds.push_back({2 * i + 1, 2 * i + 2});
+        PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
+        const std::vector<NodePair> frontier = expandFrontier(top, setup, std::move(seeds), kFrontierSize);
+        const int numFrontier = static_cast<int>(frontier.size());
+        const int numItems = numFrontier + (internal - split);
+
+        GmParallel::ThreadResults<Record> local;
+        GmParallel::parallelFor(0, numItems, [&](int k) {
+            PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
+            if (k < numFrontier) {
+                const NodePair& p = frontier[static_cast<std::size_t>(k)];
+                walk.descend(p.a, p.b);
+            } else {
+                const int i = split + (k - numFrontier);
+                walk.descend(2 * i + 1, 2 * i + 2);
+            }
+        });
+        if constexpr (Narrow::kOrphanPass) {
+            GmParallel::parallelFor(0, static_cast<int>(orphans.size()), [&](int k) {
+                PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
+                walk.setFaces(faces);
+                const OrphanJob& job = orphans[static_cast<std::size_t>(k)];
+                walk.orphan(job.face1, job.face2, job.tests);
+            });
+        }
+        metrics += caller.metrics;
+        local.mergeInto(results, metrics);
+    };
+
+    GmParallel::dispatch(serial, parallel);
+    return results.size() > before;
+}
+
+// Two-mesh query: a descent from the pair of roots; in parallel, from a frontier of pairs.
+template <class Narrow>
+bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename Narrow::Record>& results,
+             GmBVHMetrics& metrics) {
+    using Record = typename Narrow::Record;
+    const std::size_t before = results.size();
+
+    auto serial = [&] {
+        PairWalk<Narrow> walk(setup, narrow, results, metrics);
+        walk.descend(0, 0);
+    };
+
+    auto parallel = [&] {
+        CallerPart<Record> caller;
+        PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
+        const std::vector<NodePair> frontier = expandFrontier(top, setup, {{0, 0}}, kFrontierSize);
+
+        GmParallel::ThreadResults<Record> local;
+        GmParallel::parallelFor(0, static_cast<int>(frontier.size()), [&](int k) {
+            PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
+            const NodePair& p = frontier[static_cast<std::size_t>(k)];
+            walk.descend(p.a, p.b);
+        });
+        metrics += caller.metrics;
+        local.mergeInto(results, metrics);
+    };
+
+    GmParallel::dispatch(serial, parallel);
+    return results.size() > before;
+}
+
+// Lazily filled mesh caches must be complete before several workers read them.
+void prepareMesh(const GmTriangleMesh& mesh) {
+    if (GmParallel::isParallel()) mesh.fillCaches();
+}
+
+}  // namespace
+}  // namespace GmBVHCollision
+
+using namespace GmBVHCollision;
+
+// ---- GmBoundingVolumeHierarchy ------------------------------------------------------------
+
+bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                                            const std::vector<GmTVector<double>>& positions,
+                                                            const GmIntersection::ComponentTests& componentTests,
+                                                            bool append, bool includeDisabled, int objectIndex,
+                                                            GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || _mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    const ContSelfIntersector narrow(*_mesh, positions, componentTests, objectIndex);
+    const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
+    return runSelf(*this, narrow, selfSetup(*this, includeDisabled), orphans, results, metrics);
+}
+
+bool GmBoundingVolumeHierarchy::continuousTimeIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                                        const std::vector<GmTVector<double>>& positions,
+                                                        const GmBoundingVolumeHierarchy& other,
+                                                        const std::vector<GmTVector<double>>& otherPositions,
+                                                        const SelfIntersectionInfo* info1,
+                                                        const SelfIntersectionInfo* info2,
+                                                        const GmIntersection::ComponentTests& componentTests,
+                                                        bool /*flag*/, bool append, bool includeDisabled,
+                                                        int objectIndex1, int objectIndex2,
+                                                        GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    prepareMesh(*other._mesh);
+    const ContIntersector narrow(*_mesh, positions, *other._mesh, otherPositions, info1, info2, componentTests,
+                                 objectIndex1, objectIndex2);
+    return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
+}
+
+bool GmBoundingVolumeHierarchy::selfProximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                                   const GmIntersection::ComponentTests& componentTests, bool append,
+                                                   bool includeDisabled, int objectIndex, double /*value*/,
+                                                   GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || _mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    const SelfProximityChecker narrow(*_mesh, distance, componentTests, objectIndex);
+    const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
+    return runSelf(*this, narrow, selfSetup(*this, includeDisabled), orphans, results, metrics);
+}
+
+bool GmBoundingVolumeHierarchy::proximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                               const GmBoundingVolumeHierarchy& other,
+                                               const SelfIntersectionInfo* info,
+                                               const GmIntersection::ComponentTests& componentTests, bool append,
+                                               bool includeDisabled, int objectIndex1, int objectIndex2,
+                                               double /*value*/, GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    prepareMesh(*other._mesh);
+    const ProximityChecker narrow(*_mesh, *other._mesh, distance, info, componentTests, objectIndex1, objectIndex2);
+    return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
+}
+
+bool GmBoundingVolumeHierarchy::selfIntersect(std::vector<GmIntersectionInfo>& results, bool /*unused*/, bool append,
+                                              bool includeDisabled, GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || _mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    const TriSelfIntersector narrow(*_mesh);
+    return runSelf(*this, narrow, selfSetup(*this, includeDisabled), {}, results, metrics);
+}
+
+bool GmBoundingVolumeHierarchy::meshMeshIntersect(std::vector<GmIntersectionInfo>& results,
+                                                  const GmBoundingVolumeHierarchy& other, bool append,
+                                                  bool includeDisabled, GmBVHMetrics& metrics) const {
+    if (!append) results.clear();
+    if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
+    prepareMesh(*_mesh);
+    prepareMesh(*other._mesh);
+    const TriIntersector narrow(*_mesh, *other._mesh);
+    return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
+}
+
+// ---- GmBoundingTree -----------------------------------------------------------------------
+
+namespace {
+GmIntersection::ComponentTests chooseTests(bool vertexFaceOnly) {
+    return vertexFaceOnly ? GmIntersection::kVertexFaceTests : GmIntersection::kAllTests;
+}
+}  // namespace
+
+bool GmBoundingTree::continuousTimeSelfIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                                 const std::vector<GmTVector<double>>& positions,
+                                                 const GmIntersection::ComponentTests& componentTests, bool append,
+                                                 bool includeDisabled, int objectIndex, GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->continuousTimeSelfIntersect(results, positions, componentTests, append, includeDisabled,
+                                                   objectIndex, metrics);
+}
+
+bool GmBoundingTree::continuousTimeSelfIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                                 const std::vector<GmTVector<double>>& positions, bool vertexFaceOnly,
+                                                 bool append, bool includeDisabled, int objectIndex,
+                                                 GmBVHMetrics& metrics) const {
+    return continuousTimeSelfIntersect(results, positions, chooseTests(vertexFaceOnly), append, includeDisabled,
+                                       objectIndex, metrics);
+}
+
+bool GmBoundingTree::continuousTimeIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                             const std::vector<GmTVector<double>>& positions,
+                                             const GmBoundingTree& other,
+                                             const std::vector<GmTVector<double>>& otherPositions,
+                                             const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
+                                             const GmIntersection::ComponentTests& componentTests, bool flag,
+                                             bool append, bool includeDisabled, int objectIndex1, int objectIndex2,
+                                             GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr || other._hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->continuousTimeIntersect(results, positions, *other._hierarchy, otherPositions, info1, info2,
+                                               componentTests, flag, append, includeDisabled, objectIndex1,
+                                               objectIndex2, metrics);
+}
+
+bool GmBoundingTree::continuousTimeIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
+                                             const std::vector<GmTVector<double>>& positions,
+                                             const GmBoundingTree& other,
+                                             const std::vector<GmTVector<double>>& otherPositions,
+                                             const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
+                                             bool vertexFaceOnly, bool flag, bool append, bool includeDisabled,
+                                             int objectIndex1, int objectIndex2, GmBVHMetrics& metrics) const {
+    return continuousTimeIntersect(results, positions, other, otherPositions, info1, info2,
+                                   chooseTests(vertexFaceOnly), flag, append, includeDisabled, objectIndex1,
+                                   objectIndex2, metrics);
+}
+
+bool GmBoundingTree::selfProximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                        const GmIntersection::ComponentTests& componentTests, bool append,
+                                        bool includeDisabled, int objectIndex, double value,
+                                        GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->selfProximityCheck(results, distance, componentTests, append, includeDisabled, objectIndex,
+                                          value, metrics);
+}
+
+bool GmBoundingTree::selfProximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                        bool vertexFaceOnly, bool append, bool includeDisabled, int objectIndex,
+                                        double value, GmBVHMetrics& metrics) const {
+    return selfProximityCheck(results, distance, chooseTests(vertexFaceOnly), append, includeDisabled, objectIndex,
+                              value, metrics);
+}
+
+bool GmBoundingTree::proximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                    const GmBoundingTree& other, const SelfIntersectionInfo* info,
+                                    const GmIntersection::ComponentTests& componentTests, bool append,
+                                    bool includeDisabled, int objectIndex1, int objectIndex2, double value,
+                                    GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr || other._hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->proximityCheck(results, distance, *other._hierarchy, info, componentTests, append,
+                                      includeDisabled, objectIndex1, objectIndex2, value, metrics);
+}
+
+bool GmBoundingTree::proximityCheck(std::vector<GmProximityCheckInfo>& results, double distance,
+                                    const GmBoundingTree& other, const SelfIntersectionInfo* info,
+                                    bool vertexFaceOnly, bool append, bool includeDisabled, int objectIndex1,
+                                    int objectIndex2, double value, GmBVHMetrics& metrics) const {
+    return proximityCheck(results, distance, other, info, chooseTests(vertexFaceOnly), append, includeDisabled,
+                          objectIndex1, objectIndex2, value, metrics);
+}
+
+bool GmBoundingTree::selfIntersect(std::vector<GmIntersectionInfo>& results, bool unused, bool append,
+                                   bool includeDisabled, GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->selfIntersect(results, unused, append, includeDisabled, metrics);
+}
+
+bool GmBoundingTree::meshMeshIntersect(std::vector<GmIntersectionInfo>& results, const GmBoundingTree& other,
+                                       bool append, bool includeDisabled, GmBVHMetrics& metrics) const {
+    if (_hierarchy == nullptr || other._hierarchy == nullptr) {
+        if (!append) results.clear();
+        return false;
+    }
+    return _hierarchy->meshMeshIntersect(results, *other._hierarchy, append, includeDisabled, metrics);
+}

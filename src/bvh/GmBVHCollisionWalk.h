@@ -1,0 +1,169 @@
+#pragma once
+
+// The one tree walk behind the six collision traversals (not installed).
+//
+// A walk visits pairs of nodes, one from each of two trees (the same tree for self queries),
+// prunes them by the node flags and by box overlap, and hands every surviving pair of leaves
+// to a narrow phase. The narrow phase is a policy class:
+//
+//   struct Narrow {
+//       using Record = ...;                  // record type of the results
+//       static constexpr bool kOrphanPass;   // self queries: whether the orphan pass runs
+//       bool pair(int face1, int face2, GmBVHMetrics&, std::vector<Record>&) const;
+//   };
+//
+// and, for the self queries with an orphan pass, additionally
+//
+//       bool orphan(int face1, int face2, const ComponentTests& tests, GmBVHMetrics&,
+//                   std::vector<Record>&) const;
+
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
+#include <quarrygeom/core/GmBVHMetrics.h>
+#include <quarrygeom/mesh/GmMeshTests.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+
+namespace GmBVHCollision {
+
+using Node = GmBoundingVolumeHierarchy::Node;
+
+struct NodePair {
+    int a;
+    int b;
+};
+
+// Query-wide, read-only description of one walk.
+struct WalkSetup {
+    const Node* nodes1 = nullptr;  // first tree (node a of a pair)
+    const Node* nodes2 = nullptr;  // second tree (node b); equal to nodes1 for self queries
+    bool pruneDisabled = true;     // skip nodes whose faces are all disabled
+    bool pruneFrozen = true;       // skip pairs of nodes whose faces are all frozen
+    bool skipAdjacent = true;      // faces of one mesh sharing a vertex are left out
+    // Vertex-radius test: tests1 alone for a self walk, tests1 against tests2 for two meshes.
+    // Null when no side has the test on.
+    const GmIntersection::MeshTests* tests1 = nullptr;
+    const GmIntersection::MeshTests* tests2 = nullptr;
+    bool sameMeshTests = true;  // both faces belong to the mesh of tests1
+};
+
+// The descent stack of the calling thread, reused from one descent to the next (a descent
+// leaves it empty).
+inline std::vector<NodePair>& threadStack() {
+    static thread_local std::vector<NodePair> stack;
+    return stack;
+}
+
+inline bool sharesVertex(const GmTriangleFace& f, const GmTriangleFace& g) {
+    return f.hasVertex(g.vertices[0]) || f.hasVertex(g.vertices[1]) || f.hasVertex(g.vertices[2]);
+}
+
+// Walks node pairs for one worker: its own result vector, metrics and stack.
+template <class Narrow>
+class PairWalk {
+public:
+    using Record = typename Narrow::Record;
+
+    PairWalk(const WalkSetup& setup, const Narrow& narrow, std::vector<Record>& out, GmBVHMetrics& metrics)
+        : _s(setup), _narrow(narrow), _out(out), _metrics(metrics), _stack(threadStack()) {}
+
+    // Examines one node pair: counts it, prunes it, tests its boxes and, for two leaves, runs
+    // the narrow phase. The child pairs still to examine are written to `next`; returns their
+    // number (0, 2 or 4).
+    int visit(int a, int b, NodePair next[4]) {
+        const Node& na = _s.nodes1[a];
+        const Node& nb = _s.nodes2[b];
+        _metrics.addBroadPhaseCandidate();
+        if (_s.pruneDisabled && (na.disabled || nb.disabled)) return 0;
+        if (_s.pruneFrozen && na.frozen && nb.frozen) return 0;
+
+        const bool leafA = na.isLeaf();
+        const bool leafB = nb.isLeaf();
+        if (leafA && leafB) {
+            const GmTriangleFace& fa = *na.primitive;
+            const GmTriangleFace& fb = *nb.primitive;
+            if (_s.skipAdjacent && sharesVertex(fa, fb)) return 0;
+            _metrics.addBroadPhaseTest();
+            if (!na.box.overlaps(nb.box)) return 0;
+            _metrics.addBroadPhaseSuccess();
+            _metrics.addNarrowPhaseCandidate();
+            if (!passesMeshTests(fa, fb)) return 0;
+            _metrics.addNarrowPhaseTest();
+            if (_narrow.pair(fa.index, fb.index, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+            return 0;
+        }
+
+        _metrics.addBroadPhaseTest();
+        if (!na.box.overlaps(nb.box)) return 0;
+        _metrics.addBroadPhaseSuccess();
+        if (leafA) {
+            next[0] = {a, 2 * b + 1};
+            next[1] = {a, 2 * b + 2};
+            return 2;
+        }
+        if (leafB) {
+            next[0] = {2 * a + 1, b};
+            next[1] = {2 * a + 2, b};
+            return 2;
+        }
+        next[0] = {2 * a + 1, 2 * b + 1};
+        next[1] = {2 * a + 1, 2 * b + 2};
+        next[2] = {2 * a + 2, 2 * b + 1};
+        next[3] = {2 * a + 2, 2 * b + 2};
+        return 4;
+    }
+
+    // Depth-first descent from one pair with an explicit stack: the first child pair is
+    // continued at once, the others are pushed.
+    void descend(int a, int b) {
+        NodePair next[4];
+        _stack.clear();
+        for (;;) {
+            const int n = visit(a, b, next);
+            if (n > 0) {
+                for (int k = n - 1; k >= 1; --k) _stack.push_back(next[k]);
+                a = next[0].a;
+                b = next[0].b;
+                continue;
+            }
+            if (_stack.empty()) return;
+            a = _stack.back().a;
+            b = _stack.back().b;
+            _stack.pop_back();
+        }
+    }
+
+    // One entry of the orphan pass: the two faces and the entry's tests already combined with
+    // the caller's.
+    template <class Tests>
+    void orphan(int face1, int face2, const Tests& tests) {
+        _metrics.addNarrowPhaseCandidate();
+        if (face1 < 0 || face2 < 0) return;
+        const GmTriangleFace& fa = *_faceOf(face1);
+        const GmTriangleFace& fb = *_faceOf(face2);
+        if (!passesMeshTests(fa, fb)) return;
+        _metrics.addNarrowPhaseTest();
+        if (_narrow.orphan(face1, face2, tests, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+    }
+
+    void setFaces(const GmTriangleFace* faces) { _faces = faces; }
+
+private:
+    bool passesMeshTests(const GmTriangleFace& fa, const GmTriangleFace& fb) const {
+        if (_s.tests1 == nullptr) return true;
+        if (_s.sameMeshTests) return _s.tests1->vertexRadiusTest(fa.vertices, fb.vertices);
+        return _s.tests1->vertexRadiusTest(fa.vertices, *_s.tests2, fb.vertices);
+    }
+    const GmTriangleFace* _faceOf(int f) const { return _faces + f; }
+
+    const WalkSetup& _s;
+    const Narrow& _narrow;
+    std::vector<Record>& _out;
+    GmBVHMetrics& _metrics;
+    std::vector<NodePair>& _stack;
+    const GmTriangleFace* _faces = nullptr;  // the mesh's faces, for the orphan pass
+};
+
+}  // namespace GmBVHCollision
