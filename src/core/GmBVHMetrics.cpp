@@ -18,8 +18,9 @@ std::ostream& GmBVHMetrics::print(std::ostream& os) const {
     const std::ios_base::fmtflags flags = os.flags();
     const std::streamsize precision = os.precision();
     const char fill = os.fill();
-    os.setf(std::ios_base::fixed, std::ios_base::floatfield);
-    os.setf(std::ios_base::right, std::ios_base::adjustfield);
+    // Fixed notation with 4 decimals; decimal, right-aligned, no sign or base decorations
+    // whatever the caller left set, so the report reads the same on any stream.
+    os.flags(std::ios_base::dec | std::ios_base::fixed | std::ios_base::right | (flags & std::ios_base::unitbuf));
     os.precision(4);
     os.fill(' ');
 
