@@ -1,0 +1,556 @@
+#include <quarrygeom/primitives/GmContactKernels.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <quarrygeom/core/GmBVHMetrics.h>
+#include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+#include <quarrygeom/primitives/GmPredicates.h>
+#include <quarrygeom/primitives/GmProximityCheck.h>
+
+namespace GmContactKernels {
+
+namespace {
+
+using Vec = GmTVector<double>;
+
+constexpr double kBaryTol = 2.220446049250313e-14;
+constexpr double kDegenerateLength = 2.220446049250313e-16;
+// Relative padding of the per-feature box filter (the in-plane contact tolerance).
+constexpr double kFilterPad = 1e-6;
+
+// One triangle of a kernel call: corner indices, edge indices, start and end corner positions.
+struct Tri {
+    int face;
+    int v[3];
+    int e[3];
+    Vec p0[3];
+    Vec p1[3];
+};
+
+Tri loadTri(const GmTriangleMesh& mesh, const Positions* end, int face) {
+    Tri t;
+    t.face = face;
+    const GmTriangleFace& f = mesh.getFace(face);
+    const std::vector<Vec>& start = mesh.getVertices();
+    for (int k = 0; k < 3; ++k) {
+        t.v[k] = f.vertices[k];
+        t.e[k] = f.edges[k];
+        t.p0[k] = start[std::size_t(t.v[k])];
+        t.p1[k] = end ? (*end)[std::size_t(t.v[k])] : t.p0[k];
+    }
+    return t;
+}
+
+// Axis-aligned box of a few points, for the per-feature filter.
+struct Box {
+    Vec lo{1e300, 1e300, 1e300}, hi{-1e300, -1e300, -1e300};
+    void add(const Vec& p) {
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = std::min(lo[k], p[k]);
+            hi[k] = std::max(hi[k], p[k]);
+        }
+    }
+    double extent() const { return std::max({hi.x - lo.x, hi.y - lo.y, hi.z - lo.z}); }
+};
+
+bool boxesApart(const Box& a, const Box& b, double pad) {
+    for (int k = 0; k < 3; ++k)
+        if (a.lo[k] > b.hi[k] + pad || b.lo[k] > a.hi[k] + pad) return true;
+    return false;
+}
+
+// Swept boxes of a corner and of a whole triangle / an edge.
+Box cornerBox(const Tri& t, int k) {
+    Box b;
+    b.add(t.p0[k]);
+    b.add(t.p1[k]);
+    return b;
+}
+Box triBox(const Tri& t) {
+    Box b;
+    for (int k = 0; k < 3; ++k) {
+        b.add(t.p0[k]);
+        b.add(t.p1[k]);
+    }
+    return b;
+}
+Box edgeBox(const Tri& t, int i) {
+    Box b = cornerBox(t, i);
+    b.add(t.p0[(i + 1) % 3]);
+    b.add(t.p1[(i + 1) % 3]);
+    return b;
+}
+
+GmGeometry::PointOnTriType vertexType(int k) { return GmGeometry::PointOnTriType(GmGeometry::ON_VERTEX_1 + k); }
+GmGeometry::PointOnTriType edgeType(int k) { return GmGeometry::PointOnTriType(GmGeometry::ON_EDGE_1 + k); }
+
+// The face's edge named by an ON_EDGE_k type, else -1.
+int edgeOfType(const Tri& t, GmGeometry::PointOnTriType type) {
+    return (type >= GmGeometry::ON_EDGE_1 && type <= GmGeometry::ON_EDGE_3) ? t.e[type - GmGeometry::ON_EDGE_1] : -1;
+}
+
+// Mesh normal at the element of `t` named by type, turned to agree with n; n when it vanishes.
+Vec meshNormalAt(const GmTriangleMesh& mesh, const Tri& t, GmGeometry::PointOnTriType type, const Vec& n) {
+    Vec m;
+    if (type >= GmGeometry::ON_VERTEX_1 && type <= GmGeometry::ON_VERTEX_3)
+        m = mesh.getVertexNormal(t.v[type - GmGeometry::ON_VERTEX_1]);
+    else if (type >= GmGeometry::ON_EDGE_1 && type <= GmGeometry::ON_EDGE_3)
+        m = mesh.getEdgeNormal(t.e[type - GmGeometry::ON_EDGE_1]);
+    else
+        m = mesh.getFaceNormal(t.face);
+    const double len = m.length();
+    if (!(len > kDegenerateLength)) return n;
+    m /= len;
+    return m.dot(n) < 0.0 ? -m : m;
+}
+
+bool sharesVertex(const Tri& t, int v) { return t.v[0] == v || t.v[1] == v || t.v[2] == v; }
+
+// Which role the kernel plays; decides the shared-feature skips and the normal rule.
+enum class Role { Self, Orphan, Mesh };
+
+struct Context {
+    const GmTriangleMesh* mesh1;
+    const GmTriangleMesh* mesh2;
+    Role role;
+    int objectIndex1;
+    int objectIndex2;
+};
+
+void fillCommon(GmTriangleInterferenceInfo& r, const Context& ctx, const Tri& t1, const Tri& t2) {
+    r.objectIndex1 = ctx.objectIndex1;
+    r.objectIndex2 = ctx.objectIndex2;
+    r.triangleIndex1 = t1.face;
+    r.triangleIndex2 = t2.face;
+}
+
+// Applies the shared-face normal rule of self and orphan pairs.
+Vec orientForSharedFace(const Context& ctx, const Tri& t1, GmGeometry::PointOnTriType type1, const Tri& t2,
+                        GmGeometry::PointOnTriType type2, const Tri& faceSide, GmGeometry::PointOnTriType faceType,
+                        const Vec& n) {
+    if (ctx.role == Role::Mesh) return n;
+    if (!ctx.mesh1->shareFace(t1.face, type1, t2.face, type2, nullptr)) return n;
+    return meshNormalAt(*ctx.mesh1, faceSide, faceType, n);
+}
+
+// ---- Generic per-pair driver -----------------------------------------------------------------
+// Primitive policies: Continuous and Proximity provide vertexFace / edgeEdge running on a Tri
+// pair and filling a record; the driver does the bit walk, the skips, the filter and metrics.
+
+struct ContinuousPolicy {
+    using Record = GmContinuousTimeIntersectionInfo;
+    double timeBound;
+    double pad(const Box& a, const Box& b) const { return kFilterPad * std::max(a.extent(), b.extent()); }
+    Box vertexBox(const Tri& t, int k) const { return cornerBox(t, k); }
+    Box faceBox(const Tri& t) const { return triBox(t); }
+    Box edgeBoxOf(const Tri& t, int i) const { return edgeBox(t, i); }
+
+    // Vertex k of tv against the face tf; normal from the face towards the vertex.
+    bool vertexFace(const Tri& tv, int k, const Tri& tf, Record& r, Vec& bary, Vec& n) const {
+        double time;
+        Vec point;
+        if (!GmIntersection::pointFaceIntersection(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], tv.p1[k], tf.p1[0],
+                                                   tf.p1[1], tf.p1[2], timeBound, time, point, bary, n))
+            return false;
+        r.time = time;
+        r.distance = 0.0;
+        r.falloff = 1.0 - time;
+        r.point = point;
+        return true;
+    }
+    // Edge i of t1 against edge j of t2; normal from edge j towards edge i.
+    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Record& r, double& s, double& t, Vec& n) const {
+        const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
+        double time;
+        if (!GmIntersection::edgeEdgeIntersection(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], t1.p1[i], t1.p1[i1],
+                                                  t2.p1[j], t2.p1[j1], timeBound, time, s, t, n))
+            return false;
+        const Vec a = t1.p0[i] + (t1.p1[i] - t1.p0[i]) * time, b = t1.p0[i1] + (t1.p1[i1] - t1.p0[i1]) * time;
+        const Vec c = t2.p0[j] + (t2.p1[j] - t2.p0[j]) * time, d = t2.p0[j1] + (t2.p1[j1] - t2.p0[j1]) * time;
+        r.time = time;
+        r.distance = 0.0;
+        r.falloff = 1.0 - time;
+        r.point = ((a + (b - a) * s) + (c + (d - c) * t)) * 0.5;
+        return true;
+    }
+};
+
+struct ProximityPolicy {
+    using Record = GmProximityCheckInfo;
+    double bound;
+    double pad(const Box&, const Box&) const { return bound; }
+    Box vertexBox(const Tri& t, int k) const { return cornerBox(t, k); }
+    Box faceBox(const Tri& t) const { return triBox(t); }
+    Box edgeBoxOf(const Tri& t, int i) const { return edgeBox(t, i); }
+
+    bool vertexFace(const Tri& tv, int k, const Tri& tf, Record& r, Vec& bary, Vec& n) const {
+        double dist = bound;
+        Vec q;
+        double wa, wb, wc;
+        if (!GmProximityCheck::pointFaceProximity(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], dist, n, q, wa, wb, wc))
+            return false;
+        bary.set(wa, wb, wc);
+        r.time = 0.0;
+        r.distance = dist;
+        r.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
+        r.point = (tv.p0[k] + q) * 0.5;
+        return true;
+    }
+    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Record& r, double& s, double& t, Vec& n) const {
+        const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
+        double dist = bound;
+        if (!GmProximityCheck::edgeEdgeProximity(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], dist, n, s, t))
+            return false;
+        const Vec pa = t1.p0[i] + (t1.p0[i1] - t1.p0[i]) * s;
+        const Vec pc = t2.p0[j] + (t2.p0[j1] - t2.p0[j]) * t;
+        r.time = 0.0;
+        r.distance = dist;
+        r.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
+        r.point = (pa + pc) * 0.5;
+        return true;
+    }
+};
+
+template <class Policy>
+bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri& t2, const ComponentTests& tests,
+             GmBVHMetrics& metrics, std::vector<typename Policy::Record>& out) {
+    using Record = typename Policy::Record;
+    const std::size_t before = out.size();
+    const std::uint32_t bits = tests.bits();
+    if (bits == 0) return false;
+    const bool skipShared = ctx.role == Role::Orphan;
+
+    // Vertex-face tests: bits 0-2 (vertices of t1 against t2), 3-5 (vertices of t2 against t1).
+    if (bits & 0x3fu) {
+        const Box box1 = policy.faceBox(t1), box2 = policy.faceBox(t2);
+        for (int side = 0; side < 2; ++side) {
+            const Tri& tv = side == 0 ? t1 : t2;
+            const Tri& tf = side == 0 ? t2 : t1;
+            const Box& fbox = side == 0 ? box2 : box1;
+            for (int k = 0; k < 3; ++k) {
+                if (!((bits >> (3 * side + k)) & 1u)) continue;
+                metrics.addVertexFaceCandidate();
+                if (skipShared && sharesVertex(tf, tv.v[k])) continue;
+                const Box vbox = policy.vertexBox(tv, k);
+                if (boxesApart(vbox, fbox, policy.pad(vbox, fbox))) continue;
+                metrics.addVertexFaceTest();
+                Record r;
+                Vec bary, n;
+                if (!policy.vertexFace(tv, k, tf, r, bary, n)) continue;
+                metrics.addVertexFaceSuccess();
+                fillCommon(r, ctx, t1, t2);
+                const GmGeometry::PointOnTriType type = classifyBarycentric(bary);
+                r.pointType = type;
+                if (side == 0) {
+                    r.type = GmInterferenceType::VERTEX_FACE;
+                    r.barycentric2 = bary;
+                    r.vertexIndices[0] = tv.v[k];
+                    for (int c = 0; c < 3; ++c) r.vertexIndices[c + 1] = tf.v[c];
+                    r.edgeIndices[1] = edgeOfType(tf, type);
+                    r.normal = orientForSharedFace(ctx, t1, vertexType(k), t2, type, t2, type, n);
+                } else {
+                    r.type = GmInterferenceType::FACE_VERTEX;
+                    r.barycentric1 = bary;
+                    for (int c = 0; c < 3; ++c) r.vertexIndices[c] = tf.v[c];
+                    r.vertexIndices[3] = tv.v[k];
+                    r.edgeIndices[0] = edgeOfType(tf, type);
+                    // The primitive's normal points towards the vertex, i.e. towards triangle 2.
+                    r.normal = orientForSharedFace(ctx, t1, type, t2, vertexType(k), t1, type, -n);
+                }
+                r.feature1 = tv.v[k];
+                r.feature2 = tf.face;
+                out.push_back(r);
+            }
+        }
+    }
+
+    // Edge-edge tests: bit 6 + 3 i + j.
+    if (bits & 0x7fc0u) {
+        for (int i = 0; i < 3; ++i) {
+            if (!((bits >> (6 + 3 * i)) & 0x7u)) continue;
+            const Box b1 = policy.edgeBoxOf(t1, i);
+            for (int j = 0; j < 3; ++j) {
+                if (!((bits >> (6 + 3 * i + j)) & 1u)) continue;
+                metrics.addEdgeEdgeCandidate();
+                const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
+                if (skipShared && (t1.v[i] == t2.v[j] || t1.v[i] == t2.v[j1] || t1.v[i1] == t2.v[j] ||
+                                   t1.v[i1] == t2.v[j1]))
+                    continue;
+                const Box b2 = policy.edgeBoxOf(t2, j);
+                if (boxesApart(b1, b2, policy.pad(b1, b2))) continue;
+                metrics.addEdgeEdgeTest();
+                Record r;
+                double s, t;
+                Vec n;
+                if (!policy.edgeEdge(t1, i, t2, j, r, s, t, n)) continue;
+                metrics.addEdgeEdgeSuccess();
+                fillCommon(r, ctx, t1, t2);
+                r.type = GmInterferenceType::EDGE_EDGE;
+                r.feature1 = t1.e[i];
+                r.feature2 = t2.e[j];
+                r.edgeIndices[0] = t1.e[i];
+                r.edgeIndices[1] = t2.e[j];
+                r.vertexIndices[0] = t1.v[i];
+                r.vertexIndices[1] = t1.v[i1];
+                r.vertexIndices[2] = t2.v[j];
+                r.vertexIndices[3] = t2.v[j1];
+                Vec w1, w2;
+                w1[i] = 1.0 - s;
+                w1[i1] = s;
+                w2[j] = 1.0 - t;
+                w2[j1] = t;
+                r.barycentric1 = w1;
+                r.barycentric2 = w2;
+                r.pointType = edgeType(j);
+                r.normal = orientForSharedFace(ctx, t1, edgeType(i), t2, edgeType(j), t2, edgeType(j), n);
+                out.push_back(r);
+            }
+        }
+    }
+    return out.size() > before;
+}
+
+// ---- Static triangle-triangle intersection ---------------------------------------------------
+
+inline int sgn(double v) { return v > 0.0 ? 1 : (v < 0.0 ? -1 : 0); }
+
+inline int orient3(const Vec& a, const Vec& b, const Vec& c, const Vec& d) {
+    return sgn(GmPredicates::orient3d(&a.x, &b.x, &c.x, &d.x));
+}
+
+// 2D orientation after dropping axis `drop` (exact sign).
+inline int orient2(const Vec& a, const Vec& b, const Vec& c, int drop) {
+    const int i = drop == 0 ? 1 : 0, j = drop == 2 ? 1 : 2;
+    const double pa[2] = {a[i], a[j]}, pb[2] = {b[i], b[j]}, pc[2] = {c[i], c[j]};
+    return sgn(GmPredicates::orient2d(pa, pb, pc));
+}
+
+void addPoint(std::vector<Vec>& pts, const Vec& p) {
+    for (const Vec& q : pts)
+        if (q == p) return;
+    pts.push_back(p);
+}
+
+// Point p inside or on the (projected) triangle t.
+bool inTriangle2(const Vec& p, const Vec* t, int drop) {
+    const int o0 = orient2(t[0], t[1], p, drop), o1 = orient2(t[1], t[2], p, drop), o2 = orient2(t[2], t[0], p, drop);
+    const bool hasPos = o0 > 0 || o1 > 0 || o2 > 0, hasNeg = o0 < 0 || o1 < 0 || o2 < 0;
+    if (hasPos && hasNeg) return false;
+    if (hasPos || hasNeg) return true;
+    // Degenerate triangle: p collinear with all its edges; inside when within its box.
+    for (int k = 0; k < 3; ++k) {
+        const double lo = std::min({t[0][k], t[1][k], t[2][k]}), hi = std::max({t[0][k], t[1][k], t[2][k]});
+        if (p[k] < lo || p[k] > hi) return false;
+    }
+    return true;
+}
+
+// Crossing point of segments p-q and r-s in the plane (exact decision, interpolated point).
+void segmentCrossing2(const Vec& p, const Vec& q, const Vec& r, const Vec& s, int drop, std::vector<Vec>& pts) {
+    const int o1 = orient2(p, q, r, drop), o2 = orient2(p, q, s, drop);
+    const int o3 = orient2(r, s, p, drop), o4 = orient2(r, s, q, drop);
+    if (o1 * o2 > 0 || o3 * o4 > 0) return;
+    if (o1 == 0 && o2 == 0) {
+        // Collinear: the overlap's end points are end points of the two segments.
+        const Vec d = q - p;
+        const int k = std::fabs(d.x) >= std::fabs(d.y) ? (std::fabs(d.x) >= std::fabs(d.z) ? 0 : 2)
+                                                       : (std::fabs(d.y) >= std::fabs(d.z) ? 1 : 2);
+        auto within = [k](const Vec& x, const Vec& a, const Vec& b) {
+            return std::min(a[k], b[k]) <= x[k] && x[k] <= std::max(a[k], b[k]);
+        };
+        if (within(r, p, q)) addPoint(pts, r);
+        if (within(s, p, q)) addPoint(pts, s);
+        if (within(p, r, s)) addPoint(pts, p);
+        if (within(q, r, s)) addPoint(pts, q);
+        return;
+    }
+    if (o1 == 0) { addPoint(pts, r); return; }
+    if (o2 == 0) { addPoint(pts, s); return; }
+    if (o3 == 0) { addPoint(pts, p); return; }
+    if (o4 == 0) { addPoint(pts, q); return; }
+    // Proper crossing: parameter along p-q from the 2D areas.
+    const int i = drop == 0 ? 1 : 0, j = drop == 2 ? 1 : 2;
+    const double a1 = (q[i] - p[i]) * (r[j] - p[j]) - (q[j] - p[j]) * (r[i] - p[i]);
+    const double a2 = (q[i] - p[i]) * (s[j] - p[j]) - (q[j] - p[j]) * (s[i] - p[i]);
+    const double u = a1 / (a1 - a2);
+    addPoint(pts, r + (s - r) * std::min(std::max(u, 0.0), 1.0));
+}
+
+// The part of segment p-q (lying in the triangle's plane) that is inside triangle t.
+void clipSegment2(const Vec& p, const Vec& q, const Vec* t, int drop, std::vector<Vec>& pts) {
+    if (inTriangle2(p, t, drop)) addPoint(pts, p);
+    if (inTriangle2(q, t, drop)) addPoint(pts, q);
+    for (int k = 0; k < 3; ++k) segmentCrossing2(p, q, t[k], t[(k + 1) % 3], drop, pts);
+}
+
+int dropAxis(const Vec* a, const Vec* b) {
+    Vec n = (a[1] - a[0]).cross(a[2] - a[0]);
+    const Vec m = (b[1] - b[0]).cross(b[2] - b[0]);
+    if (m.lengthSquared() > n.lengthSquared()) n = m;
+    const double ax = std::fabs(n.x), ay = std::fabs(n.y), az = std::fabs(n.z);
+    return ax >= ay ? (ax >= az ? 0 : 2) : (ay >= az ? 1 : 2);
+}
+
+// Points where the edges of triangle a meet triangle b (a not coplanar with b).
+void edgesAgainstTriangle(const Vec* a, const int* da, const Vec* b, int drop, std::vector<Vec>& pts) {
+    for (int k = 0; k < 3; ++k) {
+        const int k1 = (k + 1) % 3;
+        const Vec& p = a[k];
+        const Vec& q = a[k1];
+        if (da[k] * da[k1] > 0) continue;
+        if (da[k] == 0 && da[k1] == 0) {
+            clipSegment2(p, q, b, drop, pts);
+            continue;
+        }
+        // The line p-q meets b's plane at one point; it is inside b when the line passes on the
+        // same side of b's three edges.
+        const int s0 = orient3(p, q, b[0], b[1]), s1 = orient3(p, q, b[1], b[2]), s2 = orient3(p, q, b[2], b[0]);
+        const bool hasPos = s0 > 0 || s1 > 0 || s2 > 0, hasNeg = s0 < 0 || s1 < 0 || s2 < 0;
+        if (hasPos && hasNeg) continue;
+        if (da[k] == 0) {
+            addPoint(pts, p);
+        } else if (da[k1] == 0) {
+            addPoint(pts, q);
+        } else {
+            const double hp = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &p.x);
+            const double hq = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &q.x);
+            const double u = hp / (hp - hq);
+            addPoint(pts, p + (q - p) * std::min(std::max(u, 0.0), 1.0));
+        }
+    }
+}
+
+bool staticPair(const Tri& t1, const Tri& t2, std::vector<GmIntersectionInfo>& out) {
+    GmIntersectionInfo info;
+    info.triangleIndex1 = t1.face;
+    info.triangleIndex2 = t2.face;
+    if (!triangleTriangleIntersection(t1.p0[0], t1.p0[1], t1.p0[2], t2.p0[0], t2.p0[1], t2.p0[2], info.points))
+        return false;
+    out.push_back(std::move(info));
+    return true;
+}
+
+}  // namespace
+
+GmGeometry::PointOnTriType classifyBarycentric(const Vec& w) {
+    const bool z0 = std::fabs(w.x) <= kBaryTol, z1 = std::fabs(w.y) <= kBaryTol, z2 = std::fabs(w.z) <= kBaryTol;
+    const int zeros = int(z0) + int(z1) + int(z2);
+    if (zeros >= 2) {
+        if (!z0) return GmGeometry::ON_VERTEX_1;
+        if (!z1) return GmGeometry::ON_VERTEX_2;
+        if (!z2) return GmGeometry::ON_VERTEX_3;
+        return GmGeometry::INVALID;
+    }
+    if (zeros == 1) return z2 ? GmGeometry::ON_EDGE_1 : (z0 ? GmGeometry::ON_EDGE_2 : GmGeometry::ON_EDGE_3);
+    return GmGeometry::INSIDE;
+}
+
+bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, const Vec& b0, const Vec& b1,
+                                  const Vec& b2, std::vector<Vec>& points) {
+    points.clear();
+    const Vec a[3] = {a0, a1, a2};
+    const Vec b[3] = {b0, b1, b2};
+    int da[3], db[3];
+    for (int k = 0; k < 3; ++k) da[k] = orient3(b[0], b[1], b[2], a[k]);
+    if (da[0] == da[1] && da[1] == da[2] && da[0] != 0) return false;
+    for (int k = 0; k < 3; ++k) db[k] = orient3(a[0], a[1], a[2], b[k]);
+    if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
+    const int drop = dropAxis(a, b);
+    if (da[0] == 0 && da[1] == 0 && da[2] == 0) {
+        // Coplanar (or a degenerate b): the overlap polygon's corners.
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(a[k], b, drop)) addPoint(points, a[k]);
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(b[k], a, drop)) addPoint(points, b[k]);
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) segmentCrossing2(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], drop, points);
+        return !points.empty();
+    }
+    edgesAgainstTriangle(a, da, b, drop, points);
+    edgesAgainstTriangle(b, db, a, drop, points);
+    return !points.empty();
+}
+
+ComponentTests orphanComponentTests(const GmTriangleMesh& mesh, const GmOrphanTest& test) {
+    ComponentTests ct;
+    if (test.firstFace < 0 || test.secondFace < 0) return ct;
+    if (test.featureBits & GmOrphanTest::kVertexBits) {
+        for (int k = 0; k < 3; ++k)
+            if (test.featureBits & (1u << k)) return ComponentTests(1u << k);
+        return ct;
+    }
+    const GmTriangleFace& f1 = mesh.getFace(test.firstFace);
+    const GmTriangleFace& f2 = mesh.getFace(test.secondFace);
+    int i = -1, j = -1;
+    for (int k = 0; k < 3; ++k) {
+        if (f1.edges[k] == test.firstFeature) i = k;
+        if (f2.edges[k] == test.secondFeature) j = k;
+    }
+    if (i < 0 || j < 0) return ct;
+    return ComponentTests(1u << ComponentTests::edgeEdgeBit(i, j));
+}
+
+bool continuousSelf(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                    const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                    const SelfIntersectionInfo* /*info*/, int objectIndex,
+                    std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
+}
+
+bool continuousOrphan(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                      const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                      const SelfIntersectionInfo* /*info*/, int objectIndex,
+                      std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
+}
+
+bool continuousMesh(const GmTriangleMesh& mesh1, const Positions& end1, const GmTriangleMesh& mesh2,
+                    const Positions& end2, int face1, int face2, const ComponentTests& tests, GmBVHMetrics& metrics,
+                    double timeBound, const SelfIntersectionInfo* /*info1*/, const SelfIntersectionInfo* /*info2*/,
+                    int objectIndex1, int objectIndex2, std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh1, &mesh2, Role::Mesh, objectIndex1, objectIndex2};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh1, &end1, face1), loadTri(mesh2, &end2, face2),
+                   tests, metrics, out);
+}
+
+bool proximitySelf(const GmTriangleMesh& mesh, int face1, int face2, double distance, const ComponentTests& tests,
+                   GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/, int objectIndex,
+                   std::vector<GmProximityCheckInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex};
+    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2),
+                   tests, metrics, out);
+}
+
+bool proximityOrphan(const GmTriangleMesh& mesh, int face1, int face2, double distance, const ComponentTests& tests,
+                     GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/, int objectIndex,
+                     std::vector<GmProximityCheckInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex};
+    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2),
+                   tests, metrics, out);
+}
+
+bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2, double distance,
+                   const ComponentTests& tests, GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/,
+                   int objectIndex1, int objectIndex2, std::vector<GmProximityCheckInfo>& out) {
+    const Context ctx{&mesh1, &mesh2, Role::Mesh, objectIndex1, objectIndex2};
+    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh1, nullptr, face1), loadTri(mesh2, nullptr, face2),
+                   tests, metrics, out);
+}
+
+bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& /*metrics*/,
+                std::vector<GmIntersectionInfo>& out) {
+    return staticPair(loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2), out);
+}
+
+bool staticMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
+                GmBVHMetrics& /*metrics*/, std::vector<GmIntersectionInfo>& out) {
+    return staticPair(loadTri(mesh1, nullptr, face1), loadTri(mesh2, nullptr, face2), out);
+}
+
+}  // namespace GmContactKernels
