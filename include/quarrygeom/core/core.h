@@ -8,6 +8,8 @@
 #include <quarrygeom/core/GmRay.h>
 #include <quarrygeom/core/GmPointOnTriType.h>
 #include <quarrygeom/core/GmPolynomial.h>
+#include <quarrygeom/core/GmMatrix.h>
+#include <quarrygeom/core/GmTransformMatrix.h>
 #include <quarrygeom/core/tarnCollision.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
 #include <quarrygeom/core/GmParallel.h>
