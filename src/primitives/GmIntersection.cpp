@@ -32,6 +32,7 @@ inline Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; 
 // coefficients, and with them every tolerance applied to them, are relative to the features' size.
 struct Cubic {
     double c[4];
+    double scale;  // the power of two applied to the differences
 };
 
 inline Vec absv(const Vec& v) { return Vec(std::fabs(v.x), std::fabs(v.y), std::fabs(v.z)); }
@@ -40,14 +41,17 @@ inline Vec crossAbs(const Vec& a, const Vec& b) {
 }
 inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
 
+enum class CubicStatus { Ok, AllCoincide, NotFinite };
+
 // Builds the scaled cubic from the start differences x1, x2, y and the end differences e1, e2, f.
-// Returns false when every difference is zero (all points coincide throughout).
-bool buildCubic(Vec x1, Vec x2, Vec y, Vec e1, Vec e2, Vec f, Cubic& q) {
+CubicStatus buildCubic(Vec x1, Vec x2, Vec y, Vec e1, Vec e2, Vec f, Cubic& q) {
     const double m = std::max({maxAbs(x1), maxAbs(x2), maxAbs(y), maxAbs(e1), maxAbs(e2), maxAbs(f)});
-    if (!(m > 0.0) || !std::isfinite(m)) return false;
+    if (!std::isfinite(m)) return CubicStatus::NotFinite;
+    if (!(m > 0.0)) return CubicStatus::AllCoincide;
     int ex;
     std::frexp(m, &ex);
-    const double sc = std::ldexp(1.0, -ex);
+    const double sc = std::ldexp(1.0, -std::max(ex, -1020));
+    q.scale = sc;
     x1 *= sc; x2 *= sc; y *= sc; e1 *= sc; e2 *= sc; f *= sc;
     const Vec v1 = e1 - x1, v2 = e2 - x2, w = f - y;
     const Vec n0 = x1.cross(x2);
@@ -57,7 +61,7 @@ bool buildCubic(Vec x1, Vec x2, Vec y, Vec e1, Vec e2, Vec f, Cubic& q) {
     q.c[1] = n0.dot(w) + n1.dot(y);
     q.c[2] = n1.dot(w) + n2.dot(y);
     q.c[3] = n2.dot(w);
-    return true;
+    return CubicStatus::Ok;
 }
 
 // Rounding noise of the scaled coefficients (each is a sum of a few dozen products of numbers
@@ -156,10 +160,24 @@ bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test) {
     return false;
 }
 
-// True when the cubic vanishes within its rounding noise: the four points stay coplanar.
-bool coplanarThroughout(const Cubic& q) {
+// True when the cubic vanishes within its rounding noise: the four points stay coplanar. The
+// cheap gate on the scaled coefficients is followed by a bound on each coefficient's rounding
+// error from the magnitudes of the terms it was summed from (start differences x1, x2, y; end
+// differences e1, e2, f), so that badly proportioned features (a tiny face, a far vertex) are
+// not mistaken for a coplanar motion.
+bool coplanarThroughout(const Cubic& q, const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2,
+                        const Vec& f) {
     for (int i = 0; i < 4; ++i)
-        if (std::fabs(q.c[i]) > kScaledNoise) return false;
+        if (std::fabs(q.c[i]) > 4.0 * kScaledNoise) return false;
+    const double sc = q.scale;
+    const Vec mx1 = absv(x1) * sc, mx2 = absv(x2) * sc, my = absv(y) * sc;
+    const Vec mv1 = absv(e1) * sc + mx1, mv2 = absv(e2) * sc + mx2, mw = absv(f) * sc + my;
+    const Vec m0 = crossAbs(mx1, mx2);
+    const Vec m1 = crossAbs(mx1, mv2) + crossAbs(mv1, mx2);
+    const Vec m2 = crossAbs(mv1, mv2);
+    const double mag[4] = {m0.dot(my), m0.dot(mw) + m1.dot(my), m1.dot(mw) + m2.dot(my), m2.dot(mw)};
+    for (int i = 0; i < 4; ++i)
+        if (std::fabs(q.c[i]) > 32.0 * kUnitRound * mag[i]) return false;
     return true;
 }
 
@@ -238,7 +256,9 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
                            const Vec& a1, const Vec& b1, const Vec& c1, double timeBound, double& time,
                            Vec& point, Vec& barycentric, Vec& normal) {
     Cubic q;
-    const bool moving = buildCubic(b0 - a0, c0 - a0, p0 - a0, b1 - a1, c1 - a1, p1 - a1, q);
+    const Vec x1 = b0 - a0, x2 = c0 - a0, y = p0 - a0, e1 = b1 - a1, e2 = c1 - a1, f = p1 - a1;
+    const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
+    if (status == CubicStatus::NotFinite) return false;
 
     Vec bary;
     auto inFace = [&](double t) {
@@ -249,7 +269,7 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
     };
     double t;
-    if (!moving || coplanarThroughout(q)) {
+    if (status == CubicStatus::AllCoincide || coplanarThroughout(q, x1, x2, y, e1, e2, f)) {
         // The vertex stays in the face's plane: it is in the face from the start, or it enters
         // through an edge.
         Candidates cand;
@@ -288,7 +308,9 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
                           const Vec& b1, const Vec& c1, const Vec& d1, double timeBound, double& time, double& s,
                           double& t, Vec& normal) {
     Cubic q;
-    const bool moving = buildCubic(b0 - a0, d0 - c0, c0 - a0, b1 - a1, d1 - c1, c1 - a1, q);
+    const Vec x1 = b0 - a0, x2 = d0 - c0, y = c0 - a0, e1 = b1 - a1, e2 = d1 - c1, f = c1 - a1;
+    const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
+    if (status == CubicStatus::NotFinite) return false;
 
     double ss = 0.0, tt = 0.0;
     auto cross = [&](double tm) {
@@ -298,7 +320,7 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
     };
     double tm;
-    if (!moving || coplanarThroughout(q)) {
+    if (status == CubicStatus::AllCoincide || coplanarThroughout(q, x1, x2, y, e1, e2, f)) {
         // The edges stay in one plane: they cross from the start, or an end point of one meets
         // the other first.
         Candidates cand;
@@ -313,8 +335,8 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     }
 
     const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);
-    const Vec e1 = b - a, e2 = d - c;
-    Vec n = (a + e1 * ss) - (c + e2 * tt);
+    const Vec da = b - a, dc = d - c;
+    Vec n = (a + da * ss) - (c + dc * tt);
     double len = n.length();
     // The closest-point direction is meaningful only above its own rounding noise.
     const double noise = 64.0 * kUnitRound *
@@ -322,10 +344,10 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     if (!(len > std::max(kDegenerateLength, noise))) {
         double s2, t2;
         GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, s2, t2);
-        n = (a + e1 * s2) - (c + e2 * t2);
+        n = (a + da * s2) - (c + dc * t2);
         len = n.length();
         if (!(len > std::max(kDegenerateLength, noise))) {
-            n = e1.cross(e2);
+            n = da.cross(dc);
             len = n.length();
         }
     }

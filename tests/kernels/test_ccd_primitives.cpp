@@ -194,6 +194,22 @@ TEST(CcdVertexFace, GrazingAndSlidingContacts) {
     EXPECT_LE(time, 0.5 + 1e-6);
 }
 
+TEST(CcdVertexFace, TinyFaceAndFarVertexAreNotTakenForACoplanarMotion) {
+    // A face 1e-7 across, a vertex passing through it from distance 1: the coplanarity cubic is
+    // tiny relative to the vertex's travel but far above its rounding noise.
+    const double h = 1e-7;
+    const Vec v[8] = {{0.2 * h, 0.2 * h, 1}, {0, 0, 0}, {h, 0, 0}, {0, h, 0},
+                      {0.2 * h, 0.2 * h, -1}, {0, 0, 0}, {h, 0, 0}, {0, h, 0}};
+    double time;
+    Vec point, bary, n;
+    ASSERT_TRUE(vertexFace(v, time, point, bary, n));
+    EXPECT_NEAR(time, 0.5, 1e-9);
+    EXPECT_NEAR(bary.y, 0.2, 1e-6);
+    // Beside the face: nothing.
+    const Vec w[8] = {{2 * h, 2 * h, 1}, {0, 0, 0}, {h, 0, 0}, {0, h, 0}, {2 * h, 2 * h, -1}, {0, 0, 0}, {h, 0, 0}, {0, h, 0}};
+    EXPECT_FALSE(vertexFace(w, time, point, bary, n));
+}
+
 TEST(CcdEdgeEdge, CrossingEdges) {
     // Edge a-b along x at z = 0, edge c-d along y dropping from z = 1 to z = -1.
     const Vec v[8] = {{-1, 0, 0}, {1, 0, 0}, {0.5, -1, 1}, {0.5, 1, 1}, {-1, 0, 0}, {1, 0, 0}, {0.5, -1, -1}, {0.5, 1, -1}};
