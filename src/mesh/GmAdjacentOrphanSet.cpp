@@ -14,7 +14,6 @@ void sortUnique(std::vector<int>& v) {
     v.erase(std::unique(v.begin(), v.end()), v.end());
 }
 
-bool inSorted(const std::vector<int>& v, int x) { return std::binary_search(v.begin(), v.end(), x); }
 
 }  // namespace
 
@@ -35,7 +34,7 @@ GmAdjacentOrphanSet::GmAdjacentOrphanSet(const GmTriangleMesh* mesh, const GmDis
     std::vector<int> enabledOwn;
 
     // Faces around the vertices of the enabled faces in `own`, not in `own`, enabled.
-    auto collectCandidateFaces = [&](const std::vector<int>& own) {
+    auto collectCandidateFaces = [&](const GmIndexList& own) {
         candidates.clear();
         enabledOwn.clear();
         for (int f : own) {
@@ -44,14 +43,14 @@ GmAdjacentOrphanSet::GmAdjacentOrphanSet(const GmTriangleMesh* mesh, const GmDis
             const GmTriangleFace& fc = m.getFace(f);
             for (int k = 0; k < 3; ++k)
                 for (int g : m.getNeighborFacesToVertex(fc.vertices[k]))
-                    if (enabled(g) && !inSorted(own, g)) candidates.push_back(g);
+                    if (enabled(g) && !own.contains(g)) candidates.push_back(g);
         }
         sortUnique(candidates);
     };
 
     // Vertex pass.
     for (int v = 0; v < nv; ++v) {
-        const std::vector<int>& around = m.getNeighborFacesToVertex(v);
+        const GmIndexList around = m.getNeighborFacesToVertex(v);
         collectCandidateFaces(around);
         if (candidates.empty()) continue;
         const int firstFace = enabledOwn.front();
@@ -72,7 +71,7 @@ GmAdjacentOrphanSet::GmAdjacentOrphanSet(const GmTriangleMesh* mesh, const GmDis
     // Edge pass.
     std::vector<std::pair<int, int>> candidateEdges;  // (edge, candidate face that brought it)
     for (int e = 0; e < ne; ++e) {
-        const std::vector<int>& faces = m.getNeighborFacesToEdge(e);
+        const GmIndexList faces = m.getNeighborFacesToEdge(e);
         collectCandidateFaces(faces);
         if (candidates.empty()) continue;
         const GmTriangleEdge& ed = m.getEdge(e);

@@ -46,18 +46,6 @@ struct TolerantLess {
     }
 };
 
-struct FaceKeyHash {
-    std::size_t operator()(const std::array<int, 3>& k) const {
-        std::uint64_t h = static_cast<std::uint32_t>(k[0]);
-        h = h * 0x9E3779B97F4A7C15ull + static_cast<std::uint32_t>(k[1]);
-        h = h * 0x9E3779B97F4A7C15ull + static_cast<std::uint32_t>(k[2]);
-        h ^= h >> 29;
-        h *= 0xBF58476D1CE4E5B9ull;
-        h ^= h >> 32;
-        return static_cast<std::size_t>(h);
-    }
-};
-
 struct EdgeKeyHash {
     std::size_t operator()(std::uint64_t k) const {
         k ^= k >> 33;
@@ -88,7 +76,11 @@ struct GmTriangleMesh::Lookups {
     std::vector<int> edgeHead;
     std::vector<int> edgeNext;
     std::unordered_map<std::uint64_t, int, EdgeKeyHash> heavyEdges;
-    std::unordered_map<std::array<int, 3>, int, FaceKeyHash> faces;
+    // Face lookup, threaded through the edge lookup: a face entered under the sorted
+    // triple (k0, k1, k2) hangs in the chain of edge (k0, k1) (faceHead per edge,
+    // faceNext per face), so a lookup costs one edge lookup and a short chain walk.
+    std::vector<int> faceHead;
+    std::vector<int> faceNext;
 
     static int larger(const GmTriangleEdge& e) { return e.from > e.to ? e.from : e.to; }
 
@@ -149,38 +141,67 @@ private:
 
 namespace {
 
-// Fills `lists` (n lists) from an emitter that is called twice: once to count and
-// once to fill. Each list gets one exact allocation.
+// Counting-sort build of n lists: emit(put) is called twice, first to count the
+// entries of every list, then to store them; entries keep their emission order.
 template <class Emit>
-void buildLists(std::vector<std::vector<int>>& lists, std::size_t n, Emit&& emit) {
-    std::vector<int> counts(n, 0);
-    emit([&counts](int list, int) { ++counts[static_cast<std::size_t>(list)]; });
-    lists.clear();
-    lists.resize(n);
-    for (std::size_t i = 0; i < n; ++i)
-        if (counts[i] > 0) lists[i].reserve(static_cast<std::size_t>(counts[i]));
-    emit([&lists](int list, int value) { lists[static_cast<std::size_t>(list)].push_back(value); });
+void buildLists(GmAdjacencyLists& lists, std::size_t n, Emit&& emit) {
+    std::vector<std::size_t>& off = lists.offsets();
+    std::vector<int>& idx = lists.indices();
+    off.assign(n + 1, 0);
+    emit([&off](int list, int) { ++off[static_cast<std::size_t>(list) + 1]; });
+    for (std::size_t i = 1; i <= n; ++i) off[i] += off[i - 1];
+    idx.resize(off[n]);
+    // off[list] serves as the write cursor of `list`; afterwards it holds the end
+    // of the list, i.e. the start of the next one, so shift back by one.
+    int* out = idx.data();
+    emit([&off, out](int list, int value) { out[off[static_cast<std::size_t>(list)]++] = value; });
+    for (std::size_t i = n; i > 0; --i) off[i] = off[i - 1];
+    off[0] = 0;
 }
 
-inline void sortSmall(std::vector<int>& v) {
-    const std::size_t n = v.size();
+inline void sortSmall(int* first, int* last) {
+    const std::ptrdiff_t n = last - first;
     if (n < 2) return;
     if (n <= 16) {
-        for (std::size_t i = 1; i < n; ++i) {
-            const int x = v[i];
-            std::size_t j = i;
-            while (j > 0 && v[j - 1] > x) {
-                v[j] = v[j - 1];
+        for (int* i = first + 1; i < last; ++i) {
+            const int x = *i;
+            int* j = i;
+            while (j > first && *(j - 1) > x) {
+                *j = *(j - 1);
                 --j;
             }
-            v[j] = x;
+            *j = x;
         }
     } else {
-        std::sort(v.begin(), v.end());
+        std::sort(first, last);
     }
 }
 
-inline bool isSortedList(const std::vector<int>& v) { return std::is_sorted(v.begin(), v.end()); }
+// Sorts every list; with `dedup`, also removes repeated entries and compacts the storage.
+void sortLists(GmAdjacencyLists& lists, bool dedup) {
+    std::vector<std::size_t>& off = lists.offsets();
+    std::vector<int>& idx = lists.indices();
+    const std::size_t n = lists.size();
+    int* data = idx.data();
+    if (!dedup) {
+        for (std::size_t i = 0; i < n; ++i) sortSmall(data + off[i], data + off[i + 1]);
+        return;
+    }
+    std::size_t w = 0;
+    std::size_t b = n > 0 ? off[0] : 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::size_t e = off[i + 1];
+        sortSmall(data + b, data + e);
+        int* last = std::unique(data + b, data + e);
+        const std::size_t len = static_cast<std::size_t>(last - (data + b));
+        if (w != b) std::copy(data + b, data + b + len, data + w);
+        off[i] = w;
+        w += len;
+        b = e;
+    }
+    if (n > 0) off[n] = w;
+    idx.resize(w);
+}
 
 }  // namespace
 
@@ -324,17 +345,40 @@ int GmTriangleMesh::addFace(int a, int b, int c) {
 
 int GmTriangleMesh::addFace(int a, int b, int c, bool& existed) {
     if (!_lookups) _lookups = std::make_unique<Lookups>();
-    std::array<int, 3> key{a, b, c};
-    if (key[0] > key[1]) std::swap(key[0], key[1]);
-    if (key[1] > key[2]) std::swap(key[1], key[2]);
-    if (key[0] > key[1]) std::swap(key[0], key[1]);
-    auto found = _lookups->faces.find(key);
-    if (found != _lookups->faces.end()) {
-        existed = true;
-        return found->second;
+    Lookups& lk = *_lookups;
+    int k0 = a, k1 = b, k2 = c;
+    if (k0 > k1) std::swap(k0, k1);
+    if (k1 > k2) std::swap(k1, k2);
+    if (k0 > k1) std::swap(k0, k1);
+    // A face with this triple uses edge (k0, k1): no edge, no face.
+    const int key = lk.findEdge(k0, k1, _edges);
+    if (key >= 0 && static_cast<std::size_t>(key) < lk.faceHead.size()) {
+        for (int g = lk.faceHead[static_cast<std::size_t>(key)]; g >= 0; g = lk.faceNext[static_cast<std::size_t>(g)]) {
+            const int* v = _faces[static_cast<std::size_t>(g)].vertices;
+            int g0 = v[0], g1 = v[1], g2 = v[2];
+            if (g0 > g1) std::swap(g0, g1);
+            if (g1 > g2) std::swap(g1, g2);
+            if (g0 > g1) std::swap(g0, g1);
+            if (g0 == k0 && g1 == k1 && g2 == k2) {
+                existed = true;
+                return g;
+            }
+        }
     }
     const int f = addFace(a, b, c);
-    _lookups->faces.emplace(key, f);
+    const GmTriangleFace& face = _faces.back();
+    int e = face.edges[0];
+    for (int k = 0; k < 3; ++k) {
+        const GmTriangleEdge& ed = _edges[static_cast<std::size_t>(face.edges[k])];
+        if ((ed.from == k0 && ed.to == k1) || (ed.from == k1 && ed.to == k0)) {
+            e = face.edges[k];
+            break;
+        }
+    }
+    if (lk.faceHead.size() < _edges.size()) lk.faceHead.resize(std::max(_edges.size(), 2 * lk.faceHead.size()), -1);
+    if (lk.faceNext.size() < _faces.size()) lk.faceNext.resize(std::max(_faces.size(), 2 * lk.faceNext.size()), -1);
+    lk.faceNext[static_cast<std::size_t>(f)] = lk.faceHead[static_cast<std::size_t>(e)];
+    lk.faceHead[static_cast<std::size_t>(e)] = f;
     existed = false;
     return f;
 }
@@ -383,6 +427,7 @@ int GmTriangleMesh::addEdge(int from, int to, int face) {
 
 void GmTriangleMesh::_constructionVertexToFaces() {
     const std::vector<GmTriangleFace>& faces = _faces;
+    // Faces are visited in index order, so every list comes out sorted.
     buildLists(_vertexToFaces, _vertices.size(), [&faces](auto&& put) {
         for (const GmTriangleFace& f : faces) {
             put(f.vertices[0], f.index);
@@ -390,14 +435,11 @@ void GmTriangleMesh::_constructionVertexToFaces() {
             put(f.vertices[2], f.index);
         }
     });
-    // Filled in ascending face order, so already sorted unless faces were stored
-    // with indices out of order.
-    for (std::vector<int>& l : _vertexToFaces)
-        if (!isSortedList(l)) std::sort(l.begin(), l.end());
 }
 
 void GmTriangleMesh::_constructionVertexToEdges() {
     const std::vector<GmTriangleEdge>& edges = _edges;
+    // Edges are visited in index order, so every list comes out sorted.
     buildLists(_vertexToEdges, _vertices.size(), [&edges](auto&& put) {
         const int n = static_cast<int>(edges.size());
         for (int e = 0; e < n; ++e) {
@@ -405,7 +447,6 @@ void GmTriangleMesh::_constructionVertexToEdges() {
             put(edges[static_cast<std::size_t>(e)].to, e);
         }
     });
-    // Edge indices are appended in ascending order: the lists are sorted.
 }
 
 void GmTriangleMesh::_constructionVertexToVertexNeighbors() {
@@ -416,7 +457,7 @@ void GmTriangleMesh::_constructionVertexToVertexNeighbors() {
             put(ed.to, ed.from);
         }
     });
-    for (std::vector<int>& l : _vertexToVertices) sortSmall(l);
+    sortLists(_vertexToVertices, false);
 }
 
 void GmTriangleMesh::_constructionFaceToFaceNeighbors() {
@@ -429,28 +470,32 @@ void GmTriangleMesh::_constructionFaceToFaceNeighbors() {
             }
         }
     });
-    for (std::vector<int>& l : _faceToFaces) {
-        sortSmall(l);
-        l.erase(std::unique(l.begin(), l.end()), l.end());
-    }
+    // Two faces that share two edges would otherwise appear twice.
+    sortLists(_faceToFaces, true);
 }
 
 void GmTriangleMesh::_constructionEdgeToFaces() {
     const std::size_t n = _edges.size();
-    _edgeToFaces.clear();
-    _edgeToFaces.resize(n);
+    std::vector<std::size_t>& off = _edgeToFaces.offsets();
+    std::vector<int>& idx = _edgeToFaces.indices();
+    off.resize(n + 1);
+    std::size_t total = 0;
     for (std::size_t e = 0; e < n; ++e) {
-        const GmTriangleEdge& ed = _edges[e];
+        off[e] = total;
+        total += static_cast<std::size_t>(_edges[e].firstFace >= 0) + static_cast<std::size_t>(_edges[e].secondFace >= 0);
+    }
+    off[n] = total;
+    idx.resize(total);
+    int* out = idx.data();
+    for (const GmTriangleEdge& ed : _edges) {
         const int a = ed.firstFace, b = ed.secondFace;
-        std::vector<int>& l = _edgeToFaces[e];
         if (a >= 0 && b >= 0) {
-            l.reserve(2);
-            l.push_back(a < b ? a : b);
-            l.push_back(a < b ? b : a);
+            *out++ = a < b ? a : b;
+            *out++ = a < b ? b : a;
         } else if (a >= 0) {
-            l.assign(1, a);
+            *out++ = a;
         } else if (b >= 0) {
-            l.assign(1, b);
+            *out++ = b;
         }
     }
 }
@@ -775,45 +820,41 @@ bool GmTriangleMesh::isOnFace(int face, GmGeometry::PointOnTriType t, int other)
 
 namespace {
 
-// The faces that carry the point (face, t): its own face plus the faces of the
-// named vertex or edge. Returns false for an unknown type. `single` backs the
-// one-face case.
-bool facesOfPoint(const GmTriangleMesh& m, int face, GmGeometry::PointOnTriType t, const std::vector<int>*& list) {
+// The faces that carry the point (face, t) besides `face` itself: every face around
+// the named vertex, or the recorded faces of the named edge (an edge of three or
+// more faces does not record the ones in between, hence `face` is always added).
+// Returns false for an unknown type.
+bool facesOfPoint(const GmTriangleMesh& m, int face, GmGeometry::PointOnTriType t, GmIndexList& list) {
     switch (t) {
-        case GmGeometry::INSIDE: list = nullptr; return true;
+        case GmGeometry::INSIDE: list = GmIndexList(); return true;
         case GmGeometry::ON_VERTEX_1:
         case GmGeometry::ON_VERTEX_2:
         case GmGeometry::ON_VERTEX_3:
-            list = &m.getNeighborFacesToVertex(m.getFace(face).vertices[t - GmGeometry::ON_VERTEX_1]);
+            list = m.getNeighborFacesToVertex(m.getFace(face).vertices[t - GmGeometry::ON_VERTEX_1]);
             return true;
         case GmGeometry::ON_EDGE_1:
         case GmGeometry::ON_EDGE_2:
         case GmGeometry::ON_EDGE_3:
-            list = &m.getNeighborFacesToEdge(m.getFace(face).edges[t - GmGeometry::ON_EDGE_1]);
+            list = m.getNeighborFacesToEdge(m.getFace(face).edges[t - GmGeometry::ON_EDGE_1]);
             return true;
         default: return false;
     }
 }
 
-inline bool contains(const std::vector<int>* list, int own, int f) {
-    return f == own || (list && std::binary_search(list->begin(), list->end(), f));
-}
+inline bool contains(const GmIndexList& list, int own, int f) { return f == own || list.contains(f); }
 
 }  // namespace
 
 bool GmTriangleMesh::shareFace(int f1, GmGeometry::PointOnTriType t1, int f2, GmGeometry::PointOnTriType t2,
                                const GmDisabledData* mask) const {
-    const std::vector<int>* l1 = nullptr;
-    const std::vector<int>* l2 = nullptr;
+    GmIndexList l1, l2;
     if (!facesOfPoint(*this, f1, t1, l1) || !facesOfPoint(*this, f2, t2, l2)) return false;
     const bool active = GmDisabledData::isActive(mask);
     auto usable = [&](int f) { return !active || !mask->isFaceDisabled(f); };
     // Candidates from the first point's faces, checked against the second's.
     if (usable(f1) && contains(l2, f2, f1)) return true;
-    if (l1) {
-        for (int f : *l1)
-            if (usable(f) && contains(l2, f2, f)) return true;
-    }
+    for (int f : l1)
+        if (usable(f) && contains(l2, f2, f)) return true;
     return false;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <sstream>
 
 #include <quarrygeom/mesh/mesh.h>
@@ -143,6 +144,36 @@ TEST(MeshConstruction, MergingFaceLookupIgnoresOrderAndOrientation) {
     EXPECT_EQ(m.addFace(0, 1, 2), 2);
     EXPECT_EQ(m.addFace(0, 2, 3, existed), 3);
     EXPECT_FALSE(existed);
+}
+
+TEST(MeshConstruction, MergingFaceLookupMatchesAnOrderedMap) {
+    // Random triples over few vertices: many faces share edges (non-manifold fans),
+    // some repeat in other orders, some are degenerate.
+    GmTriangleMesh m;
+    for (int i = 0; i < 12; ++i) m.addVertex(V(i, 0, 0));
+    std::map<std::array<int, 3>, int> reference;
+    std::uint32_t state = 7;
+    auto next = [&state]() {
+        state = state * 1664525u + 1013904223u;
+        return static_cast<int>((state >> 10) % 12u);
+    };
+    for (int n = 0; n < 3000; ++n) {
+        const int a = next(), b = next(), c = next();
+        std::array<int, 3> key{a, b, c};
+        std::sort(key.begin(), key.end());
+        bool existed = false;
+        const int f = m.addFace(a, b, c, existed);
+        auto it = reference.find(key);
+        if (it == reference.end()) {
+            ASSERT_FALSE(existed);
+            ASSERT_EQ(f, m.getNumberFaces() - 1);
+            reference.emplace(key, f);
+        } else {
+            ASSERT_TRUE(existed);
+            ASSERT_EQ(f, it->second);
+        }
+    }
+    EXPECT_EQ(static_cast<std::size_t>(m.getNumberFaces()), reference.size());
 }
 
 TEST(MeshConstruction, VertexMergingUsesPerComponentTolerance) {

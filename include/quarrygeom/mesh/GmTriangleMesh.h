@@ -10,6 +10,7 @@
 #include <quarrygeom/core/GmExport.h>
 #include <quarrygeom/core/GmPointOnTriType.h>
 #include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/mesh/GmIndexList.h>
 
 class GmMatrix;
 class GmDisabledData;
@@ -260,22 +261,26 @@ public:
     }
 
     // ---- Adjacency (valid after finishConstruction; every list sorted ascending) ----
-    const std::vector<int>& getNeighborFacesToVertex(int v) const { return _vertexToFaces[_checkVertex(v)]; }
+    // Lists are read-only views into contiguous storage (see GmIndexList); they read
+    // like a const std::vector<int> and convert to one.
+    GmIndexList getNeighborFacesToVertex(int v) const { return _vertexToFaces[static_cast<std::size_t>(_checkVertex(v))]; }
     unsigned int getNeighborFacesToVertexCount(int v) const {
-        return static_cast<unsigned int>(_vertexToFaces[_checkVertex(v)].size());
+        return static_cast<unsigned int>(getNeighborFacesToVertex(v).size());
     }
-    const std::vector<int>& getNeighborEdgesToVertex(int v) const { return _vertexToEdges[_checkVertex(v)]; }
-    const std::vector<int>& getNeighborVerticesToVertex(int v) const { return _vertexToVertices[_checkVertex(v)]; }
+    GmIndexList getNeighborEdgesToVertex(int v) const { return _vertexToEdges[static_cast<std::size_t>(_checkVertex(v))]; }
+    GmIndexList getNeighborVerticesToVertex(int v) const {
+        return _vertexToVertices[static_cast<std::size_t>(_checkVertex(v))];
+    }
     // Faces sharing an edge with f (edges with two recorded faces only).
-    const std::vector<int>& getNeighborFacesToFace(int f) const { return _faceToFaces[_checkFace(f)]; }
+    GmIndexList getNeighborFacesToFace(int f) const { return _faceToFaces[static_cast<std::size_t>(_checkFace(f))]; }
     // The recorded faces of e: first face, second face, the missing ones left out.
-    const std::vector<int>& getNeighborFacesToEdge(int e) const { return _edgeToFaces[_checkEdge(e)]; }
+    GmIndexList getNeighborFacesToEdge(int e) const { return _edgeToFaces[static_cast<std::size_t>(_checkEdge(e))]; }
 
-    const std::vector<std::vector<int>>& getVertexToFacesLists() const { return _vertexToFaces; }
-    const std::vector<std::vector<int>>& getVertexToEdgesLists() const { return _vertexToEdges; }
-    const std::vector<std::vector<int>>& getVertexToVerticesLists() const { return _vertexToVertices; }
-    const std::vector<std::vector<int>>& getFaceToFacesLists() const { return _faceToFaces; }
-    const std::vector<std::vector<int>>& getEdgeToFacesLists() const { return _edgeToFaces; }
+    const GmAdjacencyLists& getVertexToFacesLists() const { return _vertexToFaces; }
+    const GmAdjacencyLists& getVertexToEdgesLists() const { return _vertexToEdges; }
+    const GmAdjacencyLists& getVertexToVerticesLists() const { return _vertexToVertices; }
+    const GmAdjacencyLists& getFaceToFacesLists() const { return _faceToFaces; }
+    const GmAdjacencyLists& getEdgeToFacesLists() const { return _edgeToFaces; }
 
     // ---- Cached local geometry ----------------------------------------------
     double getFaceArea(int f) const {
@@ -428,11 +433,12 @@ private:
     mutable std::vector<GmTVector<double>> _vertexNormals;
     mutable std::vector<GmTVector<double>> _unitEdges;
     std::unique_ptr<Lookups> _lookups;
-    std::vector<std::vector<int>> _vertexToFaces;
-    std::vector<std::vector<int>> _vertexToEdges;
-    std::vector<std::vector<int>> _vertexToVertices;
-    std::vector<std::vector<int>> _faceToFaces;
-    std::vector<std::vector<int>> _edgeToFaces;
+    // Adjacency lists, each kind stored contiguously.
+    GmAdjacencyLists _vertexToFaces;
+    GmAdjacencyLists _vertexToEdges;
+    GmAdjacencyLists _vertexToVertices;
+    GmAdjacencyLists _faceToFaces;
+    GmAdjacencyLists _edgeToFaces;
     bool _closed = true;
     // Reset flags: set while every slot of the kind is known to be missing. Atomic
     // only so that concurrent lazy readers may clear them without a data race.
