@@ -73,10 +73,10 @@ constexpr double kCoefficientNoise = 16.0 * kUnitRound;
 
 // A small sorted set of candidate contact times.
 struct Candidates {
-    double t[72];
+    double t[80];
     int n = 0;
     void add(double v) {
-        if (n < 72 && v >= kRootLow && v <= kRootHigh) t[n++] = std::min(std::max(v, 0.0), 1.0);
+        if (n < 80 && v >= kRootLow && v <= kRootHigh) t[n++] = std::min(std::max(v, 0.0), 1.0);
     }
     void sort() { std::sort(t, t + n); }
 };
@@ -160,15 +160,23 @@ bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test) {
     return false;
 }
 
-// True when the cubic vanishes within its rounding noise: the four points stay coplanar. The
-// cheap gate on the scaled coefficients is followed by a bound on each coefficient's rounding
-// error from the magnitudes of the terms it was summed from (start differences x1, x2, y; end
-// differences e1, e2, f), so that badly proportioned features (a tiny face, a far vertex) are
-// not mistaken for a coplanar motion.
-bool coplanarThroughout(const Cubic& q, const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2,
-                        const Vec& f) {
+// How far the four moving points are from staying in one plane.
+enum class Planarity {
+    General,     // the cubic decides
+    Near,        // within 1e-10 (relative) of one plane throughout: the cubic's roots and the
+                 // in-plane events are both tested
+    Throughout,  // within rounding noise of one plane: only the in-plane events are tested
+};
+
+// The cheap gate on the scaled coefficients is followed by a bound on each coefficient from the
+// magnitudes of the terms it was summed from (start differences x1, x2, y; end differences e1,
+// e2, f), so that badly proportioned features (a tiny face, a far vertex) are judged by their
+// own size.
+Planarity planarity(const Cubic& q, const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2,
+                    const Vec& f) {
+    constexpr double kNear = 1e-10;
     for (int i = 0; i < 4; ++i)
-        if (std::fabs(q.c[i]) > 4.0 * kScaledNoise) return false;
+        if (std::fabs(q.c[i]) > 200.0 * kNear) return Planarity::General;
     const double sc = q.scale;
     const Vec mx1 = absv(x1) * sc, mx2 = absv(x2) * sc, my = absv(y) * sc;
     const Vec mv1 = absv(e1) * sc + mx1, mv2 = absv(e2) * sc + mx2, mw = absv(f) * sc + my;
@@ -176,9 +184,21 @@ bool coplanarThroughout(const Cubic& q, const Vec& x1, const Vec& x2, const Vec&
     const Vec m1 = crossAbs(mx1, mv2) + crossAbs(mv1, mx2);
     const Vec m2 = crossAbs(mv1, mv2);
     const double mag[4] = {m0.dot(my), m0.dot(mw) + m1.dot(my), m1.dot(mw) + m2.dot(my), m2.dot(mw)};
-    for (int i = 0; i < 4; ++i)
-        if (std::fabs(q.c[i]) > 32.0 * kUnitRound * mag[i]) return false;
-    return true;
+    bool noise = true;
+    for (int i = 0; i < 4; ++i) {
+        const double a = std::fabs(q.c[i]);
+        if (a > kNear * mag[i]) return Planarity::General;
+        if (a > 32.0 * kUnitRound * mag[i]) noise = false;
+    }
+    return noise ? Planarity::Throughout : Planarity::Near;
+}
+
+// Adds the root walk's times unless the cubic is rounding noise.
+void addRootTimes(const Cubic& q, Planarity pl, Candidates& cand) {
+    if (pl == Planarity::Throughout) return;
+    double times[8];
+    const int n = detail::rootWalkTimes(q.c[0], q.c[1], q.c[2], q.c[3], times);
+    for (int i = 0; i < n; ++i) cand.add(times[i]);
 }
 
 // Tests the candidate times in ascending order (below timeBound) until one passes.
@@ -269,17 +289,20 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
     };
     double t;
-    if (status == CubicStatus::AllCoincide || coplanarThroughout(q, x1, x2, y, e1, e2, f)) {
-        // The vertex stays in the face's plane: it is in the face from the start, or it enters
-        // through an edge.
+    const Planarity pl =
+        status == CubicStatus::AllCoincide ? Planarity::Throughout : planarity(q, x1, x2, y, e1, e2, f);
+    if (pl == Planarity::General) {
+        if (!walkRoots(q, timeBound, t, inFace)) return false;
+    } else {
+        // The vertex stays (nearly) in the face's plane: it is in the face from the start, or it
+        // enters through an edge.
         Candidates cand;
+        addRootTimes(q, pl, cand);
         cand.add(0.0);
         addVertexEdgeEvents(p0, a0, b0, p1, a1, b1, cand);
         addVertexEdgeEvents(p0, b0, c0, p1, b1, c1, cand);
         addVertexEdgeEvents(p0, c0, a0, p1, c1, a1, cand);
         if (!walkCandidates(cand, timeBound, t, inFace)) return false;
-    } else if (!walkRoots(q, timeBound, t, inFace)) {
-        return false;
     }
 
     const Vec a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
@@ -320,18 +343,21 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
     };
     double tm;
-    if (status == CubicStatus::AllCoincide || coplanarThroughout(q, x1, x2, y, e1, e2, f)) {
-        // The edges stay in one plane: they cross from the start, or an end point of one meets
-        // the other first.
+    const Planarity pl =
+        status == CubicStatus::AllCoincide ? Planarity::Throughout : planarity(q, x1, x2, y, e1, e2, f);
+    if (pl == Planarity::General) {
+        if (!walkRoots(q, timeBound, tm, cross)) return false;
+    } else {
+        // The edges stay (nearly) in one plane: they cross from the start, or an end point of one
+        // meets the other first.
         Candidates cand;
+        addRootTimes(q, pl, cand);
         cand.add(0.0);
         addVertexEdgeEvents(a0, c0, d0, a1, c1, d1, cand);
         addVertexEdgeEvents(b0, c0, d0, b1, c1, d1, cand);
         addVertexEdgeEvents(c0, a0, b0, c1, a1, b1, cand);
         addVertexEdgeEvents(d0, a0, b0, d1, a1, b1, cand);
         if (!walkCandidates(cand, timeBound, tm, cross)) return false;
-    } else if (!walkRoots(q, timeBound, tm, cross)) {
-        return false;
     }
 
     const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);

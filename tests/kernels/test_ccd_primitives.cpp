@@ -461,3 +461,97 @@ TEST(CcdRandom, EdgeEdgeAgreesWithReference) {
     }
     EXPECT_GT(clear, 500);
 }
+
+namespace {
+
+// Barycentric weights of p's projection on triangle a-b-c (in its plane).
+Vec planeWeights(const Vec& p, const Vec& a, const Vec& b, const Vec& c) {
+    const Vec n = (b - a).cross(c - a);
+    const double n2 = n.lengthSquared();
+    const double wa = n.dot((b - p).cross(c - p)) / n2, wb = n.dot((c - p).cross(a - p)) / n2;
+    return Vec(wa, wb, 1.0 - wa - wb);
+}
+
+}  // namespace
+
+// Motions inside one plane (tilted, so that rounding leaves the cubic as noise): whenever the
+// vertex is clearly inside the face at a sampled time, a contact no later than that is reported.
+TEST(CcdRandom, CoplanarMotionsAgainstSampling) {
+    std::mt19937 rng(4242);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    int clear = 0;
+    for (int trial = 0; trial < 600; ++trial) {
+        Vec e1(u(rng), u(rng), u(rng)), e2(u(rng), u(rng), u(rng));
+        e1 = e1 / e1.length();
+        e2 = e2 - e1 * e1.dot(e2);
+        e2 = e2 / e2.length();
+        const Vec origin(u(rng), u(rng), u(rng));
+        auto inPlane = [&](double x, double y) { return origin + e1 * x + e2 * y; };
+        Vec vf[8], ee[8];
+        for (int k = 0; k < 8; ++k) vf[k] = inPlane(u(rng), u(rng));
+        for (int k = 0; k < 8; ++k) ee[k] = inPlane(u(rng), u(rng));
+        // Reference: first sampled time with the vertex clearly inside the face.
+        double tin = -1.0;
+        for (int i = 0; i <= 400 && tin < 0.0; ++i) {
+            const double t = i / 400.0;
+            const Vec w = planeWeights(lerp(vf[0], vf[4], t), lerp(vf[1], vf[5], t), lerp(vf[2], vf[6], t),
+                                       lerp(vf[3], vf[7], t));
+            const Vec a = lerp(vf[1], vf[5], t), b = lerp(vf[2], vf[6], t), c = lerp(vf[3], vf[7], t);
+            if (std::min({w.x, w.y, w.z}) > 1e-3 && (b - a).cross(c - a).length() > 1e-2) tin = t;
+        }
+        double time, s, t;
+        Vec point, bary, n;
+        CerrCapture cap;  // degenerate (zero-area) contacts may report their message
+        const bool hit = vertexFace(vf, time, point, bary, n);
+        if (tin >= 0.0) {
+            ++clear;
+            EXPECT_TRUE(hit) << "trial " << trial;
+            if (hit) {
+                EXPECT_LE(time, tin + 1e-9) << "trial " << trial;
+            }
+        }
+        // Edge pairs: clearly crossing at a sampled time.
+        double tcross = -1.0;
+        for (int i = 0; i <= 400 && tcross < 0.0; ++i) {
+            const double tt = i / 400.0;
+            const Vec a = lerp(ee[0], ee[4], tt), b = lerp(ee[1], ee[5], tt), c = lerp(ee[2], ee[6], tt),
+                      d = lerp(ee[3], ee[7], tt);
+            const Vec wc = planeWeights(c, a, b, a + e1.cross(e2).cross(b - a));  // side of c w.r.t. a-b
+            const Vec wd = planeWeights(d, a, b, a + e1.cross(e2).cross(b - a));
+            const Vec wa = planeWeights(a, c, d, c + e1.cross(e2).cross(d - c));
+            const Vec wb = planeWeights(b, c, d, c + e1.cross(e2).cross(d - c));
+            if (wc.z * wd.z < -1e-4 && wa.z * wb.z < -1e-4) tcross = tt;
+        }
+        const bool hitEE = edgeEdge(ee, time, s, t, n);
+        if (tcross >= 0.0) {
+            ++clear;
+            EXPECT_TRUE(hitEE) << "trial " << trial;
+            if (hitEE) {
+                EXPECT_LE(time, tcross + 1e-9) << "trial " << trial;
+            }
+        }
+    }
+    EXPECT_GT(clear, 200);
+}
+
+// The same random contacts far from the origin and at other scales.
+TEST(CcdRandom, ContactsAtOtherScalesAndOffsets) {
+    RandomMotion rm(2024);
+    for (int trial = 0; trial < 600; ++trial) {
+        const double scale = std::pow(10.0, -6 + (trial % 13));  // 1e-6 ... 1e6
+        const Vec offset = rm.vec() * (trial % 2 ? 0.0 : 1000.0 * scale);
+        Vec c[4];
+        c[1] = rm.vec();
+        c[2] = rm.vec();
+        c[3] = rm.vec();
+        c[0] = (c[1] + c[2] + c[3]) / 3.0;
+        if ((c[2] - c[1]).cross(c[3] - c[1]).length() < 0.1) continue;
+        Vec v[8];
+        rm.build(c, 0.2 + 0.6 * rm.unit(), 1.0, v);
+        for (Vec& x : v) x = x * scale + offset;
+        double time;
+        Vec point, bary, n;
+        // The centroid reaches the face at tc; an earlier contact is allowed.
+        EXPECT_TRUE(vertexFace(v, time, point, bary, n)) << "trial " << trial << " scale " << scale;
+    }
+}
