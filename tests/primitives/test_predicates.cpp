@@ -277,6 +277,35 @@ TEST(PredicatesExact, Orient3dExactlyCoplanarAndOneUlpOff) {
     EXPECT_GT(perturbed.negative, 100);
 }
 
+TEST(PredicatesExact, Orient3dCoplanarWithRoundedDifferences) {
+    // Points (x, y, x + y) with 20-bit x, y at binary scales far apart lie exactly on one plane,
+    // yet their differences round: only the exact last stage can return zero. Moving a point
+    // by one ulp then leaves a determinant far below the first-order error bounds.
+    std::mt19937_64 rng(17);
+    std::uniform_int_distribution<long long> mant(1 << 19, (1 << 20) - 1);
+    std::uniform_int_distribution<int> expo(-60, 10);
+    Counts perturbed;
+    for (int k = 0; k < 3000; ++k) {
+        double pts[4][3];
+        for (auto& p : pts) {
+            const int e = expo(rng);
+            p[0] = std::ldexp(double(mant(rng)) * ((k & 1) ? -1 : 1), e);
+            p[1] = std::ldexp(double(mant(rng)) * ((k & 2) ? -1 : 1), e);
+            p[2] = p[0] + p[1];
+        }
+        ASSERT_EQ(exactOrient3d(pts[0], pts[1], pts[2], pts[3]), 0);
+        ASSERT_EQ(GmPredicates::orient3d(pts[0], pts[1], pts[2], pts[3]), 0.0) << k;
+        ASSERT_EQ(GmPredicates::orient3d(pts[3], pts[1], pts[0], pts[2]), 0.0) << k;
+        pts[k % 4][(k / 4) % 3] = nudge(pts[k % 4][(k / 4) % 3], (k & 4) ? 1 : -1);
+        const int want = exactOrient3d(pts[0], pts[1], pts[2], pts[3]);
+        perturbed.add(want);
+        ASSERT_EQ(signOf(GmPredicates::orient3d(pts[0], pts[1], pts[2], pts[3])), want) << k;
+        ASSERT_EQ(signOf(GmPredicates::orient3d(pts[1], pts[0], pts[2], pts[3])), -want) << k;
+    }
+    EXPECT_GT(perturbed.positive, 500);
+    EXPECT_GT(perturbed.negative, 500);
+}
+
 TEST(PredicatesExact, Orient3dDegenerateConfigurations) {
     std::mt19937_64 rng(14);
     std::uniform_real_distribution<double> uni(-1.0, 1.0);
