@@ -23,7 +23,6 @@ constexpr double kInPlaneTol = 1e-6;     // in-plane contact tolerance, relative
 constexpr double kUnitRound = 1.1102230246251565e-16;
 
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
-inline double absSum(double a, double b) { return std::fabs(a) + std::fabs(b); }
 
 inline Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; }
 
@@ -102,9 +101,9 @@ void addQuadraticEvents(double alpha, double beta, double gamma, Candidates& out
     }
 }
 
-// Times at which the moving point p may lie on the moving segment a-b: the zeros of the
-// components of (b - a) x (p - a), or, when p stays on the segment's line throughout, the times
-// at which it passes an end point.
+// Times at which the moving point p may lie on the moving segment a-b: the zeros (and extrema) of
+// the components of (b - a) x (p - a), and, when p stays (nearly) on the segment's line
+// throughout, the times at which it passes an end point.
 void addVertexEdgeEvents(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& p1, const Vec& a1,
                          const Vec& b1, Candidates& out) {
     const Vec e = b0 - a0, q = p0 - a0;
@@ -113,15 +112,16 @@ void addVertexEdgeEvents(const Vec& p0, const Vec& a0, const Vec& b0, const Vec&
     const Vec me = absv(b0) + absv(a0), mq = absv(p0) + absv(a0);
     const Vec mve = absv(b1) + absv(a1) + me, mvq = absv(p1) + absv(a1) + mq;
     const Vec m0 = crossAbs(me, mq), m1 = crossAbs(me, mvq) + crossAbs(mve, mq), m2 = crossAbs(mve, mvq);
-    bool any = false;
+    bool nearLine = true;
     for (int k = 0; k < 3; ++k) {
-        const double noise = kCoefficientNoise * (m0[k] + m1[k] + m2[k]);
-        if (std::fabs(c0[k]) <= noise && std::fabs(c1[k]) <= noise && std::fabs(c2[k]) <= noise) continue;
-        any = true;
-        addQuadraticEvents(c0[k], c1[k], c2[k], out);
+        const double mag = m0[k] + m1[k] + m2[k];
+        const double big = std::max({std::fabs(c0[k]), std::fabs(c1[k]), std::fabs(c2[k])});
+        if (big > 1e-10 * mag) nearLine = false;
+        if (big > kCoefficientNoise * mag) addQuadraticEvents(c0[k], c1[k], c2[k], out);
     }
-    if (any) return;
-    // Collinear throughout: p meets an end point when a coordinate of p - a (or p - b) vanishes.
+    if (!nearLine) return;
+    // (Nearly) collinear throughout: p meets an end point when a coordinate of p - a (or p - b)
+    // vanishes.
     for (const Vec* x : {&a0, &b0}) {
         const Vec& x0 = *x;
         const Vec& x1 = (x == &a0) ? a1 : b1;

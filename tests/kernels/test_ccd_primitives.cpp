@@ -194,6 +194,29 @@ TEST(CcdVertexFace, GrazingAndSlidingContacts) {
     EXPECT_LE(time, 0.5 + 1e-6);
 }
 
+TEST(CcdVertexFace, SlidingAlongAnEdgeLineUnderRotation) {
+    // A vertex sliding along the line of the face's first edge, entering the face at a corner at
+    // t = 1/3; rotated at random so that rounding leaves the points only nearly collinear.
+    std::mt19937 rng(31);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (int trial = 0; trial < 200; ++trial) {
+        Vec ax(u(rng), u(rng), u(rng));
+        ax = ax / ax.length();
+        Vec ay(u(rng), u(rng), u(rng));
+        ay = ay - ax * ax.dot(ay);
+        ay = ay / ay.length();
+        const Vec az = ax.cross(ay);
+        const Vec o(u(rng), u(rng), u(rng));
+        auto R = [&](double x, double y, double z) { return o + ax * x + ay * y + az * z; };
+        const Vec v[8] = {R(-1, 0, 0), R(0, 0, 0), R(1, 0, 0), R(0, 1, 0),
+                          R(2, 0, 0),  R(0, 0, 0), R(1, 0, 0), R(0, 1, 0)};
+        double time;
+        Vec point, bary, n;
+        ASSERT_TRUE(vertexFace(v, time, point, bary, n)) << "trial " << trial;
+        EXPECT_NEAR(time, 1.0 / 3.0, 1e-6) << "trial " << trial;
+    }
+}
+
 TEST(CcdVertexFace, TinyFaceAndFarVertexAreNotTakenForACoplanarMotion) {
     // A face 1e-7 across, a vertex passing through it from distance 1: the coplanarity cubic is
     // tiny relative to the vertex's travel but far above its rounding noise.
