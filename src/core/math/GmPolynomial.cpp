@@ -82,13 +82,20 @@ public:
     int solve(double roots[3]) {
         const double* c = _c;
         // Discriminant of the derivative (divided by 4): c2^2 - 3 c1 c3.
-        double disc = diffOfProducts(c[2], 3.0 * c[1], c[3]);
-        const double discErr = 16.0 * kUnitRoundoff * (c[2] * c[2] + 3.0 * std::fabs(c[1] * c[3]));
+        // Computed with the coefficients scaled by 2^-k, k chosen so that neither term
+        // underflows nor overflows; sq below is the square root of the unscaled value.
+        const double t2 = std::fabs(c[2]), t13 = std::sqrt(3.0 * std::fabs(c[1])) * std::sqrt(std::fabs(c[3]));
+        const double tMax = std::max(t2, t13);
+        const int k = tMax > 0.0 ? std::max(-500, std::ilogb(tMax)) : 0;
+        const double c2s = std::scalbn(c[2], -k);
+        double disc = diffOfProducts(c2s, std::scalbn(3.0 * c[1], -k), std::scalbn(c[3], -k));
+        const double discErr =
+            16.0 * kUnitRoundoff * (c2s * c2s + std::fabs(std::scalbn(3.0 * c[1], -k) * std::scalbn(c[3], -k)));
         if (std::fabs(disc) <= discErr) disc = 0.0;
 
         int n = 0;
         if (disc > 0.0) {
-            const double sq = std::sqrt(disc);
+            const double sq = std::scalbn(std::sqrt(disc), k);
             const double q = -(c[2] + std::copysign(sq, c[2]));
             double e1 = clampFinite(q / (3.0 * c[3]));
             double e2 = clampFinite(c[1] / q);
@@ -201,23 +208,26 @@ private:
     }
 
     // Root in [a, b] (a < b), where p(a) and p(b) have opposite signs; x is an optional start.
+    // Newton steps are taken while they stay inside the bracket and shrink fast enough (to a
+    // quarter of the step before last: slow, linear convergence from far away is cut short);
+    // otherwise the bracket is split.
     double refine(double a, double fa, double b, double fb, double x) const {
-        if (!(x > a && x < b)) x = split(a, b);
-        if (x == a) return std::fabs(fa) <= std::fabs(fb) ? a : b;
-        double prevAbs = HUGE_VAL;
+        if (!(x >= a && x <= b)) x = split(a, b);
+        if (!(x >= a && x <= b)) return std::fabs(fa) <= std::fabs(fb) ? a : b;
+        double steps[2] = {HUGE_VAL, HUGE_VAL};  // the last two step lengths
         for (int it = 0; it < 400; ++it) {
             const Value v = evaluate(_c, 3, x);
             if (v.f == 0.0 || v.isZero()) return x;
             if ((v.f > 0.0) == (fa > 0.0)) { a = x; fa = v.f; } else { b = x; fb = v.f; }
-            const double step = v.f / derivative3(_c, x);
-            double next = x - step;
-            const bool newtonOk = next > a && next < b && std::fabs(v.f) <= 0.5 * prevAbs;
+            double next = x - v.f / derivative3(_c, x);
+            const bool newtonOk = next > a && next < b && std::fabs(next - x) <= 0.25 * steps[1];
             if (!newtonOk) next = split(a, b);
             if (!(next > a && next < b)) return std::fabs(fa) <= std::fabs(fb) ? a : b;
-            prevAbs = std::fabs(v.f);
+            steps[1] = steps[0];
+            steps[0] = std::fabs(next - x);
             x = next;
         }
-        return x;
+        return std::fabs(fa) <= std::fabs(fb) ? a : b;
     }
 
     double _c[4];
