@@ -13,8 +13,10 @@
 namespace GmGeometry {
 
 // Squared distance from p to the triangle (v0, v1, v2) and the parameters of the closest point
-// q = v0 + s (v1 - v0) + t (v2 - v0), with s >= 0, t >= 0, s + t <= 1. Never negative, never NaN
-// for finite input; zero-area triangles are handled as their longest extent.
+// q = v0 + s (v1 - v0) + t (v2 - v0), with s >= 0, t >= 0, s + t <= 1, by the seven-region
+// method. Never negative, never NaN for finite input: for zero-area and sliver triangles, where
+// the interior solution is unreliable, the three edges are searched as well and the closer
+// candidate is returned. The caller derives the PointOnTriType from (s, t).
 QUARRYGEOM_API double closestParametricPointOnTriangle(const GmTVector<double>& p, const GmTVector<double>& v0,
                                                        const GmTVector<double>& v1, const GmTVector<double>& v2,
                                                        double& s, double& t);
