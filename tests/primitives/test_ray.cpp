@@ -161,6 +161,16 @@ TEST(RayBox, OriginInsideTheBoxAlwaysHits) {
     }
 }
 
+TEST(RayBox, EmptyBoxIsNeverHit) {
+    const GmAxisAlignedBox empty;
+    ASSERT_TRUE(empty.isEmpty());
+    for (int cls = 0; cls < 8; ++cls) {
+        const V dir((cls & 4) ? 1 : -1, (cls & 2) ? 1 : -1, (cls & 1) ? 1 : -1);
+        EXPECT_FALSE(GmGeometry::intersectRayBox(empty, GmRay(V(0, 0, 0), dir))) << cls;
+        EXPECT_FALSE(GmGeometry::intersectRayBox(empty, GmRay(V(1e30, -1e30, 1e30), dir))) << cls;
+    }
+}
+
 TEST(RayBox, ZeroDirectionComponents) {
     const GmAxisAlignedBox box(0, 0, 0, 1, 1, 1);
     // Along +x only: y and z must lie within the box's range (closed).
