@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 
@@ -42,24 +44,49 @@ inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(st
 
 enum class CubicStatus { Ok, AllCoincide, NotFinite };
 
-// Builds the scaled cubic from the start differences x1, x2, y and the end differences e1, e2, f.
-CubicStatus buildCubic(Vec x1, Vec x2, Vec y, Vec e1, Vec e2, Vec f, Cubic& q) {
-    const double m = std::max({maxAbs(x1), maxAbs(x2), maxAbs(y), maxAbs(e1), maxAbs(e2), maxAbs(f)});
-    if (!std::isfinite(m)) return CubicStatus::NotFinite;
-    if (!(m > 0.0)) return CubicStatus::AllCoincide;
-    int ex;
-    std::frexp(m, &ex);
-    const double sc = std::ldexp(1.0, -std::max(ex, -1020));
-    q.scale = sc;
-    x1 *= sc; x2 *= sc; y *= sc; e1 *= sc; e2 *= sc; f *= sc;
+// 2^-e for the e with m * 2^-e in [0.5, 1) (m positive and finite), read from m's exponent bits;
+// e is kept within [-1020, 1022] so that the factor is a finite normal number.
+inline double inversePowerOfTwoAbove(double m) {
+    std::uint64_t bits;
+    std::memcpy(&bits, &m, sizeof bits);
+    int e = int((bits >> 52) & 0x7ff) - 1022;
+    e = std::min(std::max(e, -1020), 1022);
+    const std::uint64_t out = std::uint64_t(1023 - e) << 52;
+    double sc;
+    std::memcpy(&sc, &out, sizeof sc);
+    return sc;
+}
+
+inline void cubicCoefficients(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2,
+                              const Vec& f, double c[4]) {
     const Vec v1 = e1 - x1, v2 = e2 - x2, w = f - y;
     const Vec n0 = x1.cross(x2);
     const Vec n1 = x1.cross(v2) + v1.cross(x2);
     const Vec n2 = v1.cross(v2);
-    q.c[0] = n0.dot(y);
-    q.c[1] = n0.dot(w) + n1.dot(y);
-    q.c[2] = n1.dot(w) + n2.dot(y);
-    q.c[3] = n2.dot(w);
+    c[0] = n0.dot(y);
+    c[1] = n0.dot(w) + n1.dot(y);
+    c[2] = n1.dot(w) + n2.dot(y);
+    c[3] = n2.dot(w);
+}
+
+// Builds the scaled cubic from the start differences x1, x2, y and the end differences e1, e2, f.
+CubicStatus buildCubic(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2, const Vec& f,
+                       Cubic& q) {
+    const double m = std::max(std::max(std::max(maxAbs(x1), maxAbs(x2)), std::max(maxAbs(y), maxAbs(e1))),
+                              std::max(maxAbs(e2), maxAbs(f)));
+    if (!std::isfinite(m)) return CubicStatus::NotFinite;
+    if (!(m > 0.0)) return CubicStatus::AllCoincide;
+    const double sc = inversePowerOfTwoAbove(m);
+    q.scale = sc;
+    if (sc >= 0x1p-300 && sc <= 0x1p300) {
+        // Scaling by a power of two commutes with rounding: scale the four results instead of the
+        // eighteen inputs, as long as nothing can overflow or underflow on the way.
+        cubicCoefficients(x1, x2, y, e1, e2, f, q.c);
+        const double sc3 = sc * sc * sc;
+        for (double& c : q.c) c *= sc3;
+    } else {
+        cubicCoefficients(x1 * sc, x2 * sc, y * sc, e1 * sc, e2 * sc, f * sc, q.c);
+    }
     return CubicStatus::Ok;
 }
 
