@@ -255,6 +255,10 @@ private:
     template <class Ray>
     bool intersectRay(const Ray& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
                       bool includeDisabled) const;
+    // Closest point with the inside decision: signed distance (negative inside), or DBL_MAX and
+    // face -1 when checkInside is set and p is not inside. hint >= 0 walks from that face.
+    double _closestPointSigned(const GmTVector<double>& p, ClosestPointInfo& info, bool checkInside,
+                               bool includeDisabled, int hint) const;
     void _initialize();
     void _refreshFlags(bool disabledFlags);
     bool _faceDisabled(int face, bool includeDisabled) const;

@@ -1,0 +1,42 @@
+#pragma once
+
+// Shared helpers of the hierarchy's sources (not installed).
+
+#include <cfloat>
+#include <cmath>
+
+#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
+#include <quarrygeom/mesh/GmDisabledData.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+
+namespace GmBVHDetail {
+
+// Box padding and search slack.
+constexpr double kPad = 1e-8;
+
+inline bool faceDisabled(const GmDisabledData* mask, int face) { return GmDisabledData::isDisabled(mask, face); }
+inline bool faceFrozen(const GmFrozenData* mask, int face) { return mask != nullptr && mask->isFrozen(face); }
+
+inline bool finite(const GmTVector<double>& p) {
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
+// Squared distance from p to a float box widened to double; 0 inside.
+inline double boxDistanceSquared(const GmAxisAlignedBox& b, const GmTVector<double>& p) {
+    double d2 = 0.0;
+    const double mn[3] = {b.minX, b.minY, b.minZ};
+    const double mx[3] = {b.maxX, b.maxY, b.maxZ};
+    for (int a = 0; a < 3; ++a) {
+        const double c = p[a];
+        if (c < mn[a]) {
+            const double d = mn[a] - c;
+            d2 += d * d;
+        } else if (c > mx[a]) {
+            const double d = c - mx[a];
+            d2 += d * d;
+        }
+    }
+    return d2;
+}
+
+}  // namespace GmBVHDetail

@@ -1,0 +1,278 @@
+// Closest point and closest vertex against brute-force scans over every face / vertex.
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "bvh_test_util.h"
+
+using namespace bvhtest;
+
+namespace {
+
+// Query points: random ones around the mesh, and points exactly on faces, edges and vertices.
+std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    std::vector<V3> pts;
+    for (int i = 0; i < count; ++i) pts.push_back(randomPointAround(mesh, rng, 0.3));
+    for (int i = 0; i < count / 4; ++i) {
+        const int f = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces()));
+        const V3 &a = mesh.getFaceVertex1(f), &b = mesh.getFaceVertex2(f), &c = mesh.getFaceVertex3(f);
+        double s = u(rng), t = u(rng);
+        if (s + t > 1) s = 1 - s, t = 1 - t;
+        pts.push_back(a * (1 - s - t) + b * s + c * t);  // on the face
+        pts.push_back(a * (1 - s) + b * s);                // on an edge
+        pts.push_back(c);                                  // a vertex
+    }
+    return pts;
+}
+
+std::vector<std::pair<std::string, GmTriangleMesh>> meshes() {
+    std::vector<std::pair<std::string, GmTriangleMesh>> m;
+    m.emplace_back("icosphere3", qgtools::makeIcosphere(3));
+    m.emplace_back("grid", qgtools::makeClothGrid(30, 20, 2.0, 1.0));
+    m.emplace_back("torus", qgtools::makeTorus(40, 16));
+    m.emplace_back("soup", randomSoup(500, 9));
+    m.emplace_back("spot", loadData("spot.obj"));
+    return m;
+}
+
+TEST(BvhClosestPoint, MatchesBruteForce) {
+    for (auto& [name, mesh] : meshes()) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        for (const V3& p : queryPoints(mesh, 400, 17)) {
+            const double ref = bruteDistance(mesh, p);
+            V3 closest, normal;
+            int face = -1;
+            double s = -1, t = -1;
+            const double d = h.findClosestPoint(p, closest, normal, face, s, t, nullptr, true);
+            ASSERT_GE(face, 0) << name;
+            EXPECT_NEAR(std::fabs(d), ref, 1e-9) << name << " at " << p;
+            // The reported point lies on the reported face with the reported parameters.
+            const V3 q = mesh.getFaceVertex1(face) * (1 - s - t) + mesh.getFaceVertex2(face) * s +
+                         mesh.getFaceVertex3(face) * t;
+            EXPECT_NEAR((q - closest).length(), 0.0, 1e-12);
+            // (The distance comes from the squared distance, which carries rounding of ~1e-17.)
+            EXPECT_NEAR((closest - p).length(), std::fabs(d), 1e-8);
+            EXPECT_EQ(normal, mesh.getFaceNormal(face));
+            // Sign: negative exactly when p lies behind the face.
+            EXPECT_EQ(std::signbit(d), (closest - p).dot(normal) > 0) << name;
+
+            // The signed query without the inside check finds the same distance.
+            bool pinched = true;
+            int f2 = -1;
+            V3 c2, n2;
+            const double d2 = h.findClosestPoint(p, c2, f2, n2, pinched, false, true);
+            EXPECT_FALSE(pinched);
+            EXPECT_NEAR(std::fabs(d2), ref, 1e-9) << name;
+            const double d3 = h.findClosestPointBruteForce(p, c2, f2, n2, true);
+            EXPECT_NEAR(std::fabs(d3), ref, 1e-12) << name;
+        }
+    }
+}
+
+TEST(BvhClosestPoint, BunnyMatchesBruteForce) {
+    GmTriangleMesh bunny = loadData("stanford-bunny.obj");
+    GmBoundingVolumeHierarchy h(&bunny);
+    for (const V3& p : queryPoints(bunny, 60, 5)) {
+        V3 closest, normal;
+        int face = -1;
+        double s, t;
+        const double d = h.findClosestPoint(p, closest, normal, face, s, t, nullptr, true);
+        EXPECT_NEAR(std::fabs(d), bruteDistance(bunny, p), 1e-9);
+    }
+}
+
+TEST(BvhClosestPoint, PointOnFaceEdgeVertexIsClassified) {
+    GmTriangleMesh mesh = qgtools::makeIcosphere(2);
+    GmBoundingVolumeHierarchy h(&mesh);
+    V3 c, n;
+    int face = -1;
+    GmGeometry::PointOnTriType type = GmGeometry::INVALID;
+    bool pinched;
+    // Centroid of face 5: distance 0, INSIDE, counts as inside.
+    const V3 centre = mesh.getFaceCenter(5);
+    double d = h.findClosestPointWithHint(centre, c, face, n, type, pinched, false, true, nullptr, 0, -1);
+    EXPECT_NEAR(d, 0.0, 1e-15);
+    EXPECT_EQ(type, GmGeometry::INSIDE);
+    EXPECT_TRUE(h.isInsideMesh(centre, true));
+    // A vertex: a vertex type on one of its faces.
+    const V3 v = mesh.getVertex(7);
+    d = h.findClosestPointWithHint(v, c, face, n, type, pinched, false, true, nullptr, 0, -1);
+    EXPECT_EQ(d, 0.0);
+    ASSERT_GE(face, 0);
+    ASSERT_TRUE(type >= GmGeometry::ON_VERTEX_1 && type <= GmGeometry::ON_VERTEX_3) << type;
+    EXPECT_EQ(mesh.getFace(face).vertices[type - GmGeometry::ON_VERTEX_1], 7);
+    // Just outside the vertex along its normal: the vertex normal decides (outside).
+    const V3 out = v + mesh.getVertexNormal(7) * 1e-3;
+    EXPECT_FALSE(h.isInsideMesh(out, true));
+    EXPECT_TRUE(h.isInsideMesh(v - mesh.getVertexNormal(7) * 1e-3, true));
+}
+
+TEST(BvhClosestPoint, ClassifyWeights) {
+    using G = GmGeometry::PointOnTriType;
+    const double e = 1e-15;  // below the tolerance
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.2, 0.3, 0.5), G::INSIDE);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(1, e, 0), G::ON_VERTEX_1);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0, 1, 0), G::ON_VERTEX_2);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(e, 0, 1), G::ON_VERTEX_3);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.5, 0.5, 0), G::ON_EDGE_1);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0, 0.5, 0.5), G::ON_EDGE_2);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.5, 0, 0.5), G::ON_EDGE_3);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.5, 0.5, 0.1), G::INVALID);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.5, 0.5, 3e-14), G::INVALID);
+    EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(0.5, 0.5 - 3e-14, 3e-14), G::INSIDE);
+}
+
+TEST(BvhClosestPoint, NormalTestsFilterFaces) {
+    GmTriangleMesh mesh = qgtools::makeIcosphere(3);
+    GmBoundingVolumeHierarchy h(&mesh);
+    std::mt19937 rng(3);
+    const V3 dir = V3(0.3, -0.5, 0.8).safeNormalized();
+    for (int i = 0; i < 200; ++i) {
+        const V3 p = randomPointAround(mesh, rng, 0.5);
+        V3 c, n;
+        int face;
+        double s, t;
+        // Direction filter: only faces whose normal points along dir.
+        GmNormalTests facing(0, 1.0, dir);
+        double d = h.findClosestPoint(p, c, n, face, s, t, &facing, true);
+        const double refFacing = bruteDistance(mesh, p, [&](int f) { return mesh.getFaceNormal(f).dot(dir) <= 1e-8; });
+        ASSERT_GE(face, 0);
+        EXPECT_GT(n.dot(dir), 1e-8);
+        EXPECT_NEAR(std::fabs(d), refFacing, 1e-9);
+        // Side filter > 0 keeps faces that p lies behind: the answer is then negative.
+        GmNormalTests behind(1, 0.0, V3());
+        d = h.findClosestPoint(p, c, n, face, s, t, &behind, true);
+        if (face >= 0) {
+            EXPECT_LE(d, 0.0);
+        }
+        GmNormalTests front(-1, 0.0, V3());
+        d = h.findClosestPoint(p, c, n, face, s, t, &front, true);
+        if (face >= 0) {
+            EXPECT_GE(d, 0.0);
+        }
+    }
+}
+
+TEST(BvhClosestPoint, HintWalkOnConvexMeshes) {
+    // From a face that the outside point lies in front of, the walk over a convex mesh ends on
+    // the closest face.
+    for (GmTriangleMesh mesh : {qgtools::makeIcosphere(3), qgtools::makeCube(V3(-1, -2, -1), V3(2, 1, 0.5)),
+                                qgtools::makeIcosphere(1, 2.0)}) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        std::mt19937 rng(21);
+        int tested = 0;
+        for (int i = 0; i < 300; ++i) {
+            const V3 p = randomPointAround(mesh, rng, 1.0);
+            if (windingNumber(mesh, p) > 0.5) continue;
+            int hint = -1;
+            for (int tries = 0; tries < 100 && hint < 0; ++tries) {
+                const int f = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces()));
+                if ((p - mesh.getFaceCenter(f)).dot(mesh.getFaceNormal(f)) > 0) hint = f;
+            }
+            if (hint < 0) continue;
+            V3 c, n;
+            int face = -1;
+            GmGeometry::PointOnTriType type;
+            bool pinched;
+            const double d = h.findClosestPointWithHint(p, c, face, n, type, pinched, false, true, nullptr, 0, hint);
+            ASSERT_GE(face, 0);
+            EXPECT_NEAR(std::fabs(d), bruteDistance(mesh, p), 1e-9) << "hint " << hint;
+            ++tested;
+        }
+        EXPECT_GT(tested, 100);
+    }
+    // A hint whose closest point is interior to it stops at once, without searching the tree.
+    GmTriangleMesh grid = qgtools::makeClothGrid(4, 4);
+    GmBoundingVolumeHierarchy hg(&grid);
+    V3 c, n;
+    int face = -1;
+    GmGeometry::PointOnTriType type;
+    bool pinched;
+    const V3 p = grid.getFaceCenter(0) + V3(0, 0, 2);
+    EXPECT_NEAR(hg.findClosestPointWithHint(p, c, face, n, type, pinched, false, true, nullptr, 0, 0), 2.0, 1e-12);
+    EXPECT_EQ(face, 0);
+    EXPECT_EQ(type, GmGeometry::INSIDE);
+    // From a far face of the grid the walk crosses edges and vertices towards the point.
+    EXPECT_NEAR(std::fabs(hg.findClosestPointWithHint(V3(0.9, 0.95, 0.3), c, face, n, type, pinched, false, true,
+                                                      nullptr, 0, 0)),
+                0.3, 1e-12);
+}
+
+TEST(BvhClosestPoint, DisabledFacesAreSkipped) {
+    GmTriangleMesh mesh = qgtools::makeClothGrid(16, 16);
+    GmDisabledData disabled(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); ++f)
+        if (mesh.getFaceCenter(f).x < 0.5) disabled.setFaceDisabled(f);
+    GmBoundingVolumeHierarchy h(&mesh, &disabled, nullptr);
+    std::mt19937 rng(8);
+    for (int i = 0; i < 200; ++i) {
+        const V3 p = randomPointAround(mesh, rng, 0.2);
+        V3 c, n;
+        int face;
+        double s, t;
+        const double d = h.findClosestPoint(p, c, n, face, s, t, nullptr, false);
+        ASSERT_GE(face, 0);
+        EXPECT_FALSE(disabled.isFaceDisabled(face));
+        EXPECT_NEAR(std::fabs(d),
+                    bruteDistance(mesh, p, [&](int f) { return disabled.isFaceDisabled(f); }), 1e-9);
+        const double all = h.findClosestPoint(p, c, n, face, s, t, nullptr, true);
+        EXPECT_NEAR(std::fabs(all), bruteDistance(mesh, p), 1e-9);
+    }
+    // Everything disabled: nothing is found.
+    GmDisabledData everything(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) everything.setFaceDisabled(f);
+    h.setDisabledData(&everything);
+    V3 c, n;
+    int face = 5;
+    double s, t;
+    EXPECT_EQ(h.findClosestPoint(V3(0.5, 0.5, 1), c, n, face, s, t, nullptr, false), DBL_MAX);
+    EXPECT_EQ(face, -1);
+}
+
+TEST(BvhClosestVertex, MatchesBruteForce) {
+    for (auto& [name, mesh] : meshes()) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        GmBoundingTree tree(&mesh);
+        for (const V3& p : queryPoints(mesh, 200, 4)) {
+            double best = DBL_MAX;
+            for (const V3& v : mesh.getVertices()) best = std::min(best, (v - p).length());
+            int vertex = -1;
+            const double d = h.findClosestVertex(p, vertex, true);
+            ASSERT_GE(vertex, 0);
+            EXPECT_NEAR(d, best, 1e-9) << name;
+            EXPECT_NEAR((mesh.getVertex(vertex) - p).length(), d, 1e-12);
+            int v2 = -1;
+            EXPECT_EQ(tree.getNearestVertex(p, v2, true), d);
+        }
+    }
+}
+
+TEST(BvhBadInput, NonFiniteQueriesReturnNothing) {
+    GmTriangleMesh mesh = qgtools::makeIcosphere(2);
+    GmBoundingTree tree(&mesh);
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    for (const V3& p : {V3(nan, 0, 0), V3(0, inf, 0), V3(-inf, nan, inf)}) {
+        V3 c, n;
+        int face = 3;
+        double s, t;
+        EXPECT_EQ(tree.findClosestPoint(p, c, n, face, s, t, nullptr, true), DBL_MAX);
+        EXPECT_EQ(face, -1);
+        bool pinched;
+        face = 3;
+        EXPECT_EQ(tree.findClosestPoint(p, c, face, n, pinched, false, true), DBL_MAX);
+        EXPECT_EQ(face, -1);
+        EXPECT_FALSE(tree.isInsideMesh(p, true));
+        int v = 2;
+        EXPECT_EQ(tree.getNearestVertex(p, v, true), DBL_MAX);
+        EXPECT_EQ(v, -1);
+        std::vector<GmPointIntersectionInfo> hits;
+        EXPECT_FALSE(tree.intersect(GmRay(p, V3(1, 0, 0)), hits, false, true));
+        EXPECT_FALSE(tree.intersect(GmRayAxis<0, 0, -1>(p), hits, false, true));
+        EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), p), hits, false, true));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,208 @@
+// Ray and box queries against brute-force loops over every face.
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "bvh_test_util.h"
+
+using namespace bvhtest;
+
+namespace {
+
+std::set<int> faceSet(const std::vector<GmPointIntersectionInfo>& hits) {
+    std::set<int> s;
+    for (const GmPointIntersectionInfo& h : hits) s.insert(h.triangleIndex);
+    return s;
+}
+
+std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d) {
+    std::set<int> s;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
+                                        point, t, u, v))
+            s.insert(f);
+    }
+    return s;
+}
+
+// The axis-ray triangle rule, for the ray along axis a with sign sgn.
+bool axisHit(const V3& o, int a, int sgn, const V3& v1, const V3& v2, const V3& v3, V3& point, V3& w) {
+    const int x = (a + 1) % 3, y = (a + 2) % 3;
+    const double det = (v3[y] - v1[y]) * (v2[x] - v1[x]) - (v3[x] - v1[x]) * (v2[y] - v1[y]);
+    if (std::fabs(det) <= 1e-8) return false;
+    const double dx = o[x] - v1[x], dy = o[y] - v1[y];
+    const double u = (dx * (v3[y] - v1[y]) - dy * (v3[x] - v1[x])) / det;
+    if (u < -1e-8 || u > 1.00000001) return false;
+    const double v = -(dx * (v2[y] - v1[y]) - dy * (v2[x] - v1[x])) / det;
+    if (v < -1e-8 || u + v > 1.00000001) return false;
+    point = v1 * (1 - u - v) + v2 * u + v3 * v;
+    if (sgn < 0 ? point[a] > o[a] + 1e-8 : point[a] < o[a] - 1e-8) return false;
+    w = V3(1 - u - v, u, v);
+    return true;
+}
+
+template <int X, int Y, int Z>
+void expectAxisRayMatches(const GmBoundingVolumeHierarchy& h, const GmTriangleMesh& mesh, const V3& o) {
+    constexpr int a = GmRayAxis<X, Y, Z>::kAxis, sgn = GmRayAxis<X, Y, Z>::kSign;
+    std::vector<GmPointIntersectionInfo> hits;
+    h.intersect(GmRayAxis<X, Y, Z>(o), hits, false, true);
+    std::set<int> expected;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 p, w;
+        if (axisHit(o, a, sgn, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f), p, w))
+            expected.insert(f);
+    }
+    EXPECT_EQ(faceSet(hits), expected) << "axis " << a << " sign " << sgn << " from " << o;
+    EXPECT_EQ(hits.size(), expected.size());
+    for (const GmPointIntersectionInfo& r : hits) {
+        V3 p, w;
+        axisHit(o, a, sgn, mesh.getFaceVertex1(r.triangleIndex), mesh.getFaceVertex2(r.triangleIndex),
+                mesh.getFaceVertex3(r.triangleIndex), p, w);
+        EXPECT_EQ(r.point, p);
+        EXPECT_EQ(r.barycentric, w);
+        EXPECT_EQ(r.objectIndex, -1);
+    }
+}
+
+TEST(BvhRays, GeneralRaysReportEveryFace) {
+    std::vector<std::pair<std::string, GmTriangleMesh>> m;
+    m.emplace_back("icosphere", qgtools::makeIcosphere(3));
+    m.emplace_back("torus", qgtools::makeTorus(30, 12));
+    m.emplace_back("soup", randomSoup(400, 2));
+    m.emplace_back("spot", loadData("spot.obj"));
+    for (auto& [name, mesh] : m) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        std::mt19937 rng(12);
+        std::normal_distribution<double> g;
+        int withHits = 0;
+        for (int i = 0; i < 300; ++i) {
+            const V3 o = randomPointAround(mesh, rng, 0.2);
+            // Half of the rays aim at a vertex, the others go anywhere.
+            const V3 d = i % 2 ? V3(g(rng), g(rng), g(rng))
+                               : mesh.getVertex(static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberVertices()))) - o;
+            std::vector<GmPointIntersectionInfo> hits;
+            const bool any = h.intersect(GmRay(o, d), hits, false, true);
+            const std::set<int> expected = bruteRay(mesh, o, d);
+            EXPECT_EQ(faceSet(hits), expected) << name;
+            EXPECT_EQ(hits.size(), expected.size()) << name;  // one record per face
+            EXPECT_EQ(any, !expected.empty());
+            withHits += any;
+            for (const GmPointIntersectionInfo& r : hits) {
+                const V3 q = mesh.getFaceVertex1(r.triangleIndex) * r.barycentric.x +
+                             mesh.getFaceVertex2(r.triangleIndex) * r.barycentric.y +
+                             mesh.getFaceVertex3(r.triangleIndex) * r.barycentric.z;
+                EXPECT_NEAR((q - r.point).length(), 0.0, 1e-12);
+                EXPECT_NEAR(r.barycentric.x + r.barycentric.y + r.barycentric.z, 1.0, 1e-12);
+            }
+        }
+        EXPECT_GT(withHits, 150) << name;
+    }
+}
+
+TEST(BvhRays, AxisRaysMatchTheirRule) {
+    for (GmTriangleMesh mesh : {qgtools::makeIcosphere(3), loadData("spot.obj"), randomSoup(300, 4)}) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        std::mt19937 rng(5);
+        for (int i = 0; i < 100; ++i) {
+            const V3 o = randomPointAround(mesh, rng, 0.1);
+            expectAxisRayMatches<1, 0, 0>(h, mesh, o);
+            expectAxisRayMatches<-1, 0, 0>(h, mesh, o);
+            expectAxisRayMatches<0, 1, 0>(h, mesh, o);
+            expectAxisRayMatches<0, -1, 0>(h, mesh, o);
+            expectAxisRayMatches<0, 0, 1>(h, mesh, o);
+            expectAxisRayMatches<0, 0, -1>(h, mesh, o);
+        }
+    }
+}
+
+TEST(BvhRays, SharedEdgesAndVerticesGiveOneRecordPerFace) {
+    GmTriangleMesh grid = qgtools::makeClothGrid(8, 8);  // exact coordinates k / 8
+    GmBoundingVolumeHierarchy h(&grid);
+    std::vector<GmPointIntersectionInfo> hits;
+    // Through the diagonal of quad (2, 3): faces 2 * (3 * 8 + 2) and the next one.
+    const V3 onDiagonal(0.25 + 0.0625, 0.375 + 0.0625, 1.0);
+    EXPECT_TRUE(h.intersect(GmRay(onDiagonal, V3(0, 0, -1)), hits, false, true));
+    EXPECT_EQ(faceSet(hits), (std::set<int>{52, 53}));
+    EXPECT_EQ(hits.size(), 2u);
+    EXPECT_TRUE(h.intersect(GmRayAxis<0, 0, -1>(onDiagonal), hits, false, true));
+    EXPECT_EQ(faceSet(hits), (std::set<int>{52, 53}));
+    // Through a grid line between two quads.
+    const V3 onLine(0.5, 0.4, -1.0);
+    EXPECT_TRUE(h.intersect(GmRay(onLine, V3(0, 0, 2)), hits, false, true));
+    EXPECT_EQ(faceSet(hits), bruteRay(grid, onLine, V3(0, 0, 2)));
+    EXPECT_EQ(hits.size(), 2u);
+    // Through an interior vertex: its six faces.
+    const V3 onVertex(0.5, 0.5, 1.0);
+    EXPECT_TRUE(h.intersect(GmRayAxis<0, 0, -1>(onVertex), hits, false, true));
+    EXPECT_EQ(hits.size(), 6u);
+    const V3 slanted(0.125, 0.25, -1), start(0.375, 0.25, 1);  // passes through (0.5, 0.5, 0)
+    EXPECT_TRUE(h.intersect(GmRay(start, slanted), hits, false, true));
+    EXPECT_EQ(faceSet(hits), bruteRay(grid, start, slanted));
+    EXPECT_EQ(hits.size(), 6u);
+}
+
+TEST(BvhRays, AxisRayEdgeCases) {
+    GmTriangleMesh grid = qgtools::makeClothGrid(4, 4);
+    GmBoundingVolumeHierarchy h(&grid);
+    std::vector<GmPointIntersectionInfo> hits;
+    // Starting on the face: z equal to the origin's passes.
+    EXPECT_TRUE(h.intersect(GmRayAxis<0, 0, -1>(V3(0.3, 0.6, 0.0)), hits, false, true));
+    EXPECT_EQ(hits.size(), 1u);
+    EXPECT_TRUE(h.intersect(GmRayAxis<0, 0, 1>(V3(0.3, 0.6, 0.0)), hits, false, true));
+    // Face above the origin of a -z ray, below that of a +z ray: missed.
+    EXPECT_FALSE(h.intersect(GmRayAxis<0, 0, -1>(V3(0.3, 0.6, -0.1)), hits, false, true));
+    EXPECT_FALSE(h.intersect(GmRayAxis<0, 0, 1>(V3(0.3, 0.6, 0.1)), hits, false, true));
+    // Seen edge-on: never hit, even through the face's plane.
+    for (const V3& o : {V3(-1, 0.3, 0.0), V3(2, 0.3, 0.0)}) {
+        EXPECT_FALSE(h.intersect(GmRayAxis<1, 0, 0>(o), hits, false, true));
+        EXPECT_FALSE(h.intersect(GmRayAxis<-1, 0, 0>(o), hits, false, true));
+    }
+}
+
+TEST(BvhRays, AppendMissAndDisabled) {
+    GmTriangleMesh grid = qgtools::makeClothGrid(4, 4);
+    GmDisabledData disabled(&grid);
+    for (int f = 0; f < 16; ++f) disabled.setFaceDisabled(f);  // the lower half
+    GmBoundingTree tree(&grid, &disabled, nullptr);
+    std::vector<GmPointIntersectionInfo> hits(2);
+    // A miss of the root box: false, cleared; with append: kept, and true because non-empty.
+    EXPECT_FALSE(tree.intersect(GmRay(V3(5, 5, 5), V3(0, 0, 1)), hits, false, true));
+    EXPECT_TRUE(hits.empty());
+    hits.resize(2);
+    EXPECT_TRUE(tree.intersect(GmRay(V3(5, 5, 5), V3(0, 0, 1)), hits, true, true));
+    EXPECT_EQ(hits.size(), 2u);
+    // Appended after the old records.
+    EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.7, 1), V3(0, 0, -1)), hits, true, true));
+    ASSERT_EQ(hits.size(), 3u);
+    EXPECT_EQ(hits[2].triangleIndex >= 16, true);
+    // Disabled faces give no records unless included.
+    EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.2, 1), V3(0, 0, -1)), hits, false, false));
+    EXPECT_FALSE(tree.intersect(GmRayAxis<0, 0, -1>(V3(0.3, 0.2, 1)), hits, false, false));
+    EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.2, 1), V3(0, 0, -1)), hits, false, true));
+    EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.7, 1), V3(0, 0, -1)), hits, false, false));
+}
+
+TEST(BvhRays, DegenerateRays) {
+    GmTriangleMesh mesh = qgtools::makeIcosphere(2);
+    GmBoundingTree tree(&mesh);
+    std::vector<GmPointIntersectionInfo> hits;
+    EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), V3(0, 0, 0)), hits, false, true));
+    EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), V3(1e-300, 0, 0)), hits, false, true));
+    EXPECT_TRUE(hits.empty());
+}
+
+TEST(BvhBox, RootOverlapOnly) {
+    GmTriangleMesh mesh = qgtools::makeCube();
+    GmBoundingVolumeHierarchy h(&mesh);
+    const GmAxisAlignedBox r = h.getRootBoundingVolume();
+    EXPECT_TRUE(h.intersect(GmAxisAlignedBox(0.4f, 0.4f, 0.4f, 0.6f, 0.6f, 0.6f)));  // inside, meets no face
+    EXPECT_TRUE(h.intersect(GmAxisAlignedBox(r.maxX, 0, 0, 3, 1, 1)));             // touching
+    EXPECT_TRUE(h.intersect(GmAxisAlignedBox(-3, -3, -3, r.minX, r.minY, r.minZ)));  // touching a corner
+    EXPECT_FALSE(h.intersect(GmAxisAlignedBox(std::nextafter(r.maxX, 10.0f), 0, 0, 3, 1, 1)));
+    EXPECT_FALSE(h.intersect(GmAxisAlignedBox()));  // the empty box
+}
+
+}  // namespace
