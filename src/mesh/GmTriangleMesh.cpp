@@ -15,10 +15,7 @@
 
 #include <quarrygeom/core/GmParallel.h>
 
-#if __has_include(<quarrygeom/core/GmMatrix.h>)
 #include <quarrygeom/core/GmMatrix.h>
-#define QG_MESH_HAVE_MATRIX 1
-#endif
 
 const GmTVector<double> GmTriangleMesh::UninitializedVector(GmTriangleMesh::UninitializedDouble,
                                                             GmTriangleMesh::UninitializedDouble,
@@ -145,7 +142,7 @@ namespace {
 // entries of every list, then to store them; entries keep their emission order.
 template <class Emit>
 void buildLists(GmAdjacencyLists& lists, std::size_t n, Emit&& emit) {
-    std::vector<std::size_t>& off = lists.offsets();
+    std::vector<std::uint32_t>& off = lists.offsets();
     std::vector<int>& idx = lists.indices();
     off.assign(n + 1, 0);
     emit([&off](int list, int) { ++off[static_cast<std::size_t>(list) + 1]; });
@@ -179,7 +176,7 @@ inline void sortSmall(int* first, int* last) {
 
 // Sorts every list; with `dedup`, also removes repeated entries and compacts the storage.
 void sortLists(GmAdjacencyLists& lists, bool dedup) {
-    std::vector<std::size_t>& off = lists.offsets();
+    std::vector<std::uint32_t>& off = lists.offsets();
     std::vector<int>& idx = lists.indices();
     const std::size_t n = lists.size();
     int* data = idx.data();
@@ -195,11 +192,11 @@ void sortLists(GmAdjacencyLists& lists, bool dedup) {
         int* last = std::unique(data + b, data + e);
         const std::size_t len = static_cast<std::size_t>(last - (data + b));
         if (w != b) std::copy(data + b, data + b + len, data + w);
-        off[i] = w;
+        off[i] = static_cast<std::uint32_t>(w);
         w += len;
         b = e;
     }
-    if (n > 0) off[n] = w;
+    if (n > 0) off[n] = static_cast<std::uint32_t>(w);
     idx.resize(w);
 }
 
@@ -476,13 +473,13 @@ void GmTriangleMesh::_constructionFaceToFaceNeighbors() {
 
 void GmTriangleMesh::_constructionEdgeToFaces() {
     const std::size_t n = _edges.size();
-    std::vector<std::size_t>& off = _edgeToFaces.offsets();
+    std::vector<std::uint32_t>& off = _edgeToFaces.offsets();
     std::vector<int>& idx = _edgeToFaces.indices();
     off.resize(n + 1);
-    std::size_t total = 0;
+    std::uint32_t total = 0;
     for (std::size_t e = 0; e < n; ++e) {
         off[e] = total;
-        total += static_cast<std::size_t>(_edges[e].firstFace >= 0) + static_cast<std::size_t>(_edges[e].secondFace >= 0);
+        total += static_cast<std::uint32_t>(_edges[e].firstFace >= 0) + static_cast<std::uint32_t>(_edges[e].secondFace >= 0);
     }
     off[n] = total;
     idx.resize(total);
@@ -512,6 +509,8 @@ void GmTriangleMesh::_runConstructionTask(int code) {
 }
 
 void GmTriangleMesh::finishConstruction() {
+    // Adjacency offsets are 32-bit.
+    assert(3 * _faces.size() < (std::size_t(1) << 32) && 2 * _edges.size() < (std::size_t(1) << 32));
 #ifndef NDEBUG
     for (const GmTriangleFace& f : _faces)
         for (int k = 0; k < 3; ++k)
@@ -967,7 +966,6 @@ GmTVector<double> GmTriangleMesh::getEdgeNormal(int e) const {
     return n;
 }
 
-#ifdef QG_MESH_HAVE_MATRIX
 GmMatrix GmTriangleMesh::getCovarianceMatrix(int f, const std::vector<GmTVector<double>>& positions,
                                              const GmTVector<double>& ref) const {
     const GmTriangleFace& fc = getFace(f);
@@ -989,7 +987,6 @@ GmMatrix GmTriangleMesh::getCovarianceMatrix(int f, const std::vector<GmTVector<
     }
     return GmMatrix(m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2], m[2][0], m[2][1], m[2][2]);
 }
-#endif
 
 bool GmTriangleMesh::isRightSideOut(int* vertex) const {
     const int n = getNumberVertices();

@@ -9,9 +9,7 @@
 #include "qgtools/mesh_io.h"
 #include "qgtools/shapes.h"
 
-#if __has_include(<quarrygeom/core/GmMatrix.h>)
 #include <quarrygeom/core/GmMatrix.h>
-#endif
 
 namespace {
 
@@ -332,8 +330,8 @@ TEST(MeshGeometry, ZeroNormalOffsetKeepsTheCaches) {
     for (int v = 0; v < m.getNumberVertices(); ++v) EXPECT_TRUE(m.isVertexNormalCached(v));
 }
 
-#if __has_include(<quarrygeom/core/GmMatrix.h>)
-// Exact second moment of a triangle by the edge-midpoint rule (exact for quadratics), halved.
+// Half the exact second moment of the triangle about ref, by the edge-midpoint rule
+// (exact for quadratics): the covariance of a face of non-trivial area.
 TEST(MeshGeometry, CovarianceMatrix) {
     GmTriangleMesh m;
     m.addVertex(V(0.3, -1.0, 2.0));
@@ -341,40 +339,40 @@ TEST(MeshGeometry, CovarianceMatrix) {
     m.addVertex(V(-0.5, 1.5, 0.0));
     m.addVertex(V(1, 1, 1));
     m.addVertex(V(2, 2, 2));
-    m.addVertex(V(3, 3, 3));
+    m.addVertex(V(3, 3, 3.5));
     m.addFace(0, 1, 2);
-    m.addFace(3, 4, 5);  // degenerate
+    m.addFace(3, 4, 5);  // area ~0.35
+    m.addVertex(V(0, 0, 0));
+    m.addVertex(V(1e-5, 0, 0));
+    m.addVertex(V(0, 1e-4, 0));
+    m.addFace(6, 7, 8);  // area 5e-10: below the 1e-8 threshold
     m.finishConstruction();
     const V ref(0.1, 0.2, -0.3);
     // Positions other than the mesh's own: the area still comes from the mesh.
     std::vector<V> pos = m.getVertices();
     for (V& p : pos) p = p * 2.0;
-    const double area = m.getFaceArea(0);
-    const V d[3] = {pos[0] - ref, pos[1] - ref, pos[2] - ref};
-    const V mids[3] = {(d[0] + d[1]) * 0.5, (d[1] + d[2]) * 0.5, (d[2] + d[0]) * 0.5};
-    double expected[3][3] = {};
-    for (const V& q : mids)
+    for (int f = 0; f < 2; ++f) {
+        const GmTriangleFace& fc = m.getFace(f);
+        const double area = m.getFaceArea(f);
+        const V d[3] = {pos[static_cast<std::size_t>(fc.vertices[0])] - ref,
+                        pos[static_cast<std::size_t>(fc.vertices[1])] - ref,
+                        pos[static_cast<std::size_t>(fc.vertices[2])] - ref};
+        const V mids[3] = {(d[0] + d[1]) * 0.5, (d[1] + d[2]) * 0.5, (d[2] + d[0]) * 0.5};
+        const GmMatrix c = m.getCovarianceMatrix(f, pos, ref);
         for (int r = 0; r < 3; ++r)
-            for (int s = 0; s < 3; ++s) expected[r][s] += 0.5 * area / 3.0 * q[r] * q[s];
-    double values[3];
-    GmTVector<double> vectors[3];
-    GmMatrix c = m.getCovarianceMatrix(0, pos, ref);
-    // Compare through the quadratic form x^T C x for a few directions via the eigen system.
-    c.getEigenSystem(values, vectors);
-    for (int k = 0; k < 3; ++k) {
-        const V& x = vectors[k];
-        double q = 0;
-        for (int r = 0; r < 3; ++r)
-            for (int s = 0; s < 3; ++s) q += x[r] * expected[r][s] * x[s];
-        EXPECT_NEAR(q, values[k], 1e-10);
+            for (int s = 0; s < 3; ++s) {
+                double expected = 0.0;
+                for (const V& q : mids) expected += 0.5 * area / 3.0 * q[r] * q[s];
+                EXPECT_NEAR(c(r, s), expected, 1e-12 * (1.0 + std::fabs(expected)));
+                EXPECT_EQ(c(r, s), c(s, r));
+            }
     }
-    // Degenerate face: the vertex average of d d^T.
-    GmMatrix cd = m.getCovarianceMatrix(1, m.getVertices(), V(0, 0, 0));
-    cd.getEigenSystem(values, vectors);
-    // (1,1,1) d d^T average = (1 + 4 + 9)/3 * (1,1,1)(1,1,1)^T: one eigenvalue 14, two zero.
-    double largest = std::max(values[0], std::max(values[1], values[2]));
-    EXPECT_NEAR(largest, 14.0, 1e-10);
+    // Tiny face: the vertex average of d d^T, whatever the area.
+    const GmMatrix small = m.getCovarianceMatrix(2, m.getVertices(), V(1, 1, 1));
+    const V d[3] = {V(-1, -1, -1), V(1e-5 - 1, -1, -1), V(-1, 1e-4 - 1, -1)};
+    for (int r = 0; r < 3; ++r)
+        for (int s = 0; s < 3; ++s)
+            EXPECT_NEAR(small(r, s), (d[0][r] * d[0][s] + d[1][r] * d[1][s] + d[2][r] * d[2][s]) / 3.0, 1e-15);
 }
-#endif
 
 }  // namespace

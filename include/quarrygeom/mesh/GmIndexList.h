@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 // Read-only view of one adjacency list (a sorted run of indices) held by a
@@ -59,6 +60,8 @@ inline bool operator!=(const std::vector<int>& a, const GmIndexList& b) { return
 
 // A list of index lists stored contiguously (offsets plus one index array), as
 // the mesh keeps its adjacency: one allocation per kind instead of one per element.
+// Offsets are 32-bit: a kind holds fewer than 2^32 entries in all (the mesh's
+// largest kind has three entries per face).
 class GmAdjacencyLists {
 public:
     GmAdjacencyLists() = default;
@@ -86,13 +89,13 @@ public:
     }
 
     // Raw storage, for builders: list i is indices[offsets[i] .. offsets[i + 1]).
-    std::vector<std::size_t>& offsets() { return _offsets; }
+    std::vector<std::uint32_t>& offsets() { return _offsets; }
     std::vector<int>& indices() { return _indices; }
-    const std::vector<std::size_t>& offsets() const { return _offsets; }
+    const std::vector<std::uint32_t>& offsets() const { return _offsets; }
     const std::vector<int>& indices() const { return _indices; }
 
 private:
-    std::vector<std::size_t> _offsets;
+    std::vector<std::uint32_t> _offsets;
     std::vector<int> _indices;
 };
 

@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <quarrygeom/core/GmExport.h>
@@ -13,6 +14,27 @@
 #include <quarrygeom/mesh/GmIndexList.h>
 
 class GmMatrix;
+
+namespace GmMeshDetail {
+// Allocator that leaves value-initialised elements uninitialised (for cache slots
+// that are always written before they are read).
+template <class T>
+struct NoInitAllocator : std::allocator<T> {
+    template <class U>
+    struct rebind {
+        using other = NoInitAllocator<U>;
+    };
+    NoInitAllocator() = default;
+    template <class U>
+    NoInitAllocator(const NoInitAllocator<U>&) noexcept {}
+    template <class U>
+    void construct(U*) noexcept {}
+    template <class U, class A0, class... A>
+    void construct(U* p, A0&& a0, A&&... a) {
+        ::new (static_cast<void*>(p)) U(std::forward<A0>(a0), std::forward<A>(a)...);
+    }
+};
+}  // namespace GmMeshDetail
 class GmDisabledData;
 class GmAdjacentOrphanSet;
 
@@ -428,8 +450,9 @@ private:
     std::vector<GmTriangleFace> _faces;
     mutable std::atomic<GmAdjacentOrphanSet*> _orphanSet{nullptr};
     mutable std::vector<double> _faceAreas;
-    mutable std::vector<GmTVector<double>> _faceNormals;
-    mutable std::vector<GmTVector<double>> _faceCenters;
+    // Read only once the face's area slot is set: left uninitialised until then.
+    mutable std::vector<GmTVector<double>, GmMeshDetail::NoInitAllocator<GmTVector<double>>> _faceNormals;
+    mutable std::vector<GmTVector<double>, GmMeshDetail::NoInitAllocator<GmTVector<double>>> _faceCenters;
     mutable std::vector<GmTVector<double>> _vertexNormals;
     mutable std::vector<GmTVector<double>> _unitEdges;
     std::unique_ptr<Lookups> _lookups;
