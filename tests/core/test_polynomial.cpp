@@ -330,6 +330,42 @@ TEST(CubicRoots, RandomCoefficientsMatchAnIndependentReference) {
     EXPECT_GT(compared, 15000);
 }
 
+// Coefficients of unrelated magnitudes, some zero: no sign change of p on a fine
+// logarithmic grid may be left without a reported root in or next to it.
+TEST(CubicRoots, NoRootMissedForWildlyScaledCoefficients) {
+    std::vector<long double> grid = {0.0L};
+    for (int e = -80; e <= 80; ++e)
+        for (int k = 1; k <= 9; ++k) {
+            grid.push_back(k * std::pow(10.0L, e));
+            grid.push_back(-k * std::pow(10.0L, e));
+        }
+    std::sort(grid.begin(), grid.end());
+    std::mt19937_64 rng(8080);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    for (int trial = 0; trial < 1500; ++trial) {
+        Coeffs c(4);
+        for (double& x : c) x = unit(rng) > 0.85 ? 0.0 : unit(rng) * std::pow(10.0, 40.0 * unit(rng));
+        const std::vector<double> got = solve(c);
+        expectRootsCover(c, {}, got, "wild");
+        int prevSign = 0;
+        long double prevT = 0.0L;
+        for (long double t : grid) {
+            const long double y = evalLD(c, t);
+            if (std::fabs(y) <= 1e-15L * magnitudeLD(c, t)) continue;  // too close to call
+            const int sign = y > 0 ? 1 : -1;
+            if (prevSign != 0 && sign != prevSign) {
+                bool explained = false;
+                for (double g : got) explained = explained || (g >= prevT && g <= t);
+                EXPECT_TRUE(explained) << "sign change in [" << static_cast<double>(prevT) << ", "
+                                       << static_cast<double>(t) << "] for " << c[0] << ' ' << c[1] << ' '
+                                       << c[2] << ' ' << c[3];
+            }
+            prevSign = sign;
+            prevT = t;
+        }
+    }
+}
+
 TEST(QuadraticRoots, StableForCancellingCoefficients) {
     double roots[2];
     // (t - 1e-9)(t - 1e9): the small root must not cancel away.
