@@ -11,15 +11,19 @@
 // Result records of the collision, proximity, inside and ray queries, and their text forms.
 // All records are plain copyable values; the caller owns the containers that hold them.
 
-// Kind of a triangle-pair contact. The underlying type is fixed, so any 32-bit value can be
-// stored (values above EDGE_EDGE are printed as a bare header). Prefer the qualified form
-// GmInterferenceType::VERTEX_FACE in code.
-enum GmInterferenceType : std::int32_t {
-    INVALID = 0,
-    VERTEX_FACE = 1,  // a vertex of triangle 1 against the face of triangle 2
-    FACE_VERTEX = 2,  // the face of triangle 1 against a vertex of triangle 2
-    EDGE_EDGE = 3     // an edge of triangle 1 against an edge of triangle 2
+// Kind of a triangle-pair contact, used as GmInterferenceType::VERTEX_FACE etc. The enumerators
+// live in their own scope (so they do not clash with GmGeometry::INVALID under a using-directive)
+// but convert to int like a plain enumeration. The underlying type is fixed, so any 32-bit value
+// can be stored; values above EDGE_EDGE are printed as a bare header.
+struct GmInterferenceTypes {
+    enum Value : std::int32_t {
+        INVALID = 0,
+        VERTEX_FACE = 1,  // a vertex of triangle 1 against the face of triangle 2
+        FACE_VERTEX = 2,  // the face of triangle 1 against a vertex of triangle 2
+        EDGE_EDGE = 3     // an edge of triangle 1 against an edge of triangle 2
+    };
 };
+using GmInterferenceType = GmInterferenceTypes::Value;
 
 // Feature kinds returned by GmTriangleInterferenceInfo::getFeatures.
 enum GmFeatureKind : int { kFeatureInvalid = 0, kFeatureVertex = 1, kFeatureEdge = 2, kFeatureFace = 3 };
