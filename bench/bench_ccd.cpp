@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -148,6 +149,7 @@ int main(int argc, char** argv) {
 
     std::printf("%-38s %8s %6s %6s %6s %10s\n", "set", "queries", "TP", "FN", "FP", "ns/query");
     Tally total, totalVF, totalEE;
+    long preCheckRejects = 0;
     for (auto& [key, files] : groups) {
         std::sort(files.begin(), files.end());
         const bool edgeEdge = key.find("edge-edge") != std::string::npos;
@@ -168,6 +170,21 @@ int main(int argc, char** argv) {
                 if (verbose) std::printf("  FN %s %s\n", key.c_str(), origin[i].c_str());
             }
             if (hit && !queries[i].truth) ++t.fp;
+            // A contact whose cubic the fixed pre-check rejects is reported with its coefficients.
+            if (queries[i].truth) {
+                const Query& q = queries[i];
+                double c[4];
+                const bool ok = edgeEdge ? GmIntersection::detail::edgeEdgeCubic(q.v[0], q.v[1], q.v[2], q.v[3], q.v[4],
+                                                                                q.v[5], q.v[6], q.v[7], c)
+                                         : GmIntersection::detail::vertexFaceCubic(q.v[0], q.v[1], q.v[2], q.v[3],
+                                                                                  q.v[4], q.v[5], q.v[6], q.v[7], c);
+                if (ok && std::fabs(c[0] + c[1] + c[2] + c[3]) > 1e-12 &&
+                    GmIntersection::detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3])) {
+                    ++preCheckRejects;
+                    std::printf("  pre-check rejects contact %s %s: c = %.17g %.17g %.17g %.17g (%s)\n", key.c_str(),
+                                origin[i].c_str(), c[0], c[1], c[2], c[3], hit ? "found" : "missed");
+                }
+            }
         }
         // Timing: thread CPU time (the machine is shared), best of five rounds of about 40k
         // queries each.
@@ -188,5 +205,6 @@ int main(int argc, char** argv) {
     printRow("total vertex-face", totalVF);
     printRow("total edge-edge", totalEE);
     printRow("total", total);
+    std::printf("contacts whose cubic the pre-check rejects: %ld\n", preCheckRejects);
     return 0;
 }

@@ -26,7 +26,8 @@ constexpr double kUnitRound = 1.1102230246251565e-16;
 
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
 
-inline Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; }
+// Position at time t of a point moving from a to b (exactly b at the end of the step).
+inline Vec lerp(const Vec& a, const Vec& b, double t) { return t == 1.0 ? b : a + (b - a) * t; }
 
 // The coplanarity cubic det(x1 + t v1, x2 + t v2, y + t w), lowest degree first. The vectors are
 // first scaled by a power of two (exactly) so that their largest component lies in [0.5, 1): the
@@ -173,8 +174,8 @@ void addNearDoubleRoots(const double* c, Candidates& out) {
 
 // Walks the cubic's roots in [0, 1] in ascending order and calls test(t) at each candidate time
 // until one reports a contact. Returns true with that time.
-template <class Test>
-bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test) {
+template <class Test, class Sign>
+bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test, Sign&& exactSign) {
     double times[8];
     const int n = detail::rootWalkTimes(q.c[0], q.c[1], q.c[2], q.c[3], times);
     for (int i = 0; i < n; ++i) {
@@ -184,7 +185,38 @@ bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test) {
             return true;
         }
     }
-    return false;
+    if (n > 0) return false;
+    // Nothing to test. Unless the pre-check rejected the cubic, make sure that rounding did not
+    // lose a crossing of the plane: the exact orientation signs at the two ends of the step
+    // decide, and a sign change is located by bisection on the exact signs.
+    const double* c = q.c;
+    if (std::fabs(c[0] + c[1] + c[2] + c[3]) > kResidual && detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3]))
+        return false;
+    const int s0 = exactSign(0.0), s1 = exactSign(1.0);
+    double t;
+    if (s0 == 0) {
+        t = 0.0;
+    } else if (s1 == 0) {
+        t = 1.0;
+    } else if (s0 != s1) {
+        double lo = 0.0, hi = 1.0;
+        for (int it = 0; it < 64 && hi - lo > 0.0; ++it) {
+            const double mid = 0.5 * (lo + hi);
+            if (!(mid > lo && mid < hi)) break;
+            const int sm = exactSign(mid);
+            if (sm == 0) {
+                lo = hi = mid;
+                break;
+            }
+            (sm == s0 ? lo : hi) = mid;
+        }
+        t = hi;
+    } else {
+        return false;
+    }
+    if (!(t < timeBound) || !test(t)) return false;
+    time = t;
+    return true;
 }
 
 // How far the four moving points are from staying in one plane.
@@ -284,6 +316,22 @@ int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]) {
     return m;
 }
 
+bool vertexFaceCubic(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& c0, const Vec& p1, const Vec& a1,
+                     const Vec& b1, const Vec& c1, double coeffs[4]) {
+    Cubic q;
+    if (buildCubic(b0 - a0, c0 - a0, p0 - a0, b1 - a1, c1 - a1, p1 - a1, q) != CubicStatus::Ok) return false;
+    std::copy(q.c, q.c + 4, coeffs);
+    return true;
+}
+
+bool edgeEdgeCubic(const Vec& a0, const Vec& b0, const Vec& c0, const Vec& d0, const Vec& a1, const Vec& b1,
+                   const Vec& c1, const Vec& d1, double coeffs[4]) {
+    Cubic q;
+    if (buildCubic(b0 - a0, d0 - c0, c0 - a0, b1 - a1, d1 - c1, c1 - a1, q) != CubicStatus::Ok) return false;
+    std::copy(q.c, q.c + 4, coeffs);
+    return true;
+}
+
 double refineCubicRoot(double c0, double c1, double c2, double c3, double t) {
     double p = ((c3 * t + c2) * t + c1) * t + c0;
     for (int it = 0; it < 4 && !(std::fabs(p) < kResidual); ++it) {
@@ -319,7 +367,12 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const Planarity pl =
         status == CubicStatus::AllCoincide ? Planarity::Throughout : planarity(q, x1, x2, y, e1, e2, f);
     if (pl == Planarity::General) {
-        if (!walkRoots(q, timeBound, t, inFace)) return false;
+        auto sign = [&](double tm) {
+            const Vec p = lerp(p0, p1, tm), a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm);
+            const double o = GmPredicates::orient3d(&a.x, &b.x, &c.x, &p.x);
+            return o > 0.0 ? 1 : (o < 0.0 ? -1 : 0);
+        };
+        if (!walkRoots(q, timeBound, t, inFace, sign)) return false;
     } else {
         // The vertex stays (nearly) in the face's plane: it is in the face from the start, or it
         // enters through an edge.
@@ -373,7 +426,12 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     const Planarity pl =
         status == CubicStatus::AllCoincide ? Planarity::Throughout : planarity(q, x1, x2, y, e1, e2, f);
     if (pl == Planarity::General) {
-        if (!walkRoots(q, timeBound, tm, cross)) return false;
+        auto sign = [&](double u) {
+            const Vec a = lerp(a0, a1, u), b = lerp(b0, b1, u), c = lerp(c0, c1, u), d = lerp(d0, d1, u);
+            const double o = GmPredicates::orient3d(&a.x, &b.x, &c.x, &d.x);
+            return o > 0.0 ? 1 : (o < 0.0 ? -1 : 0);
+        };
+        if (!walkRoots(q, timeBound, tm, cross, sign)) return false;
     } else {
         // The edges stay (nearly) in one plane: they cross from the start, or an end point of one
         // meets the other first.

@@ -46,6 +46,17 @@ QUARRYGEOM_API double refineCubicRoot(double c0, double c1, double c2, double c3
 // cubic that touch zero within rounding and t = 0 when p(0) vanishes within rounding.
 // Coefficients are expected scaled so that the features' coordinates are of order one.
 QUARRYGEOM_API int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]);
+// The coplanarity cubic of a vertex-face (p, a, b, c) or edge-edge (a, b, c, d) query as the
+// primitives build it (coordinates scaled by a power of two to the order of one). Returns false
+// when the coordinates are not finite or all points coincide throughout.
+QUARRYGEOM_API bool vertexFaceCubic(const GmTVector<double>& p0, const GmTVector<double>& a0,
+                                    const GmTVector<double>& b0, const GmTVector<double>& c0,
+                                    const GmTVector<double>& p1, const GmTVector<double>& a1,
+                                    const GmTVector<double>& b1, const GmTVector<double>& c1, double coeffs[4]);
+QUARRYGEOM_API bool edgeEdgeCubic(const GmTVector<double>& a0, const GmTVector<double>& b0,
+                                  const GmTVector<double>& c0, const GmTVector<double>& d0,
+                                  const GmTVector<double>& a1, const GmTVector<double>& b1,
+                                  const GmTVector<double>& c1, const GmTVector<double>& d1, double coeffs[4]);
 }  // namespace detail
 
 // The fifteen feature tests of a triangle pair, as a fixed-size bit set:
