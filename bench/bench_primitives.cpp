@@ -53,6 +53,35 @@ void BM_ClosestPointOnTriangle(benchmark::State& state) {
 }
 BENCHMARK(BM_ClosestPointOnTriangle);
 
+// Zero-area and sliver triangles: the region solution is checked against the three edges.
+const std::vector<Tri>& sliverInputs() {
+    static const std::vector<Tri> inputs = [] {
+        std::mt19937_64 rng(5);
+        std::vector<Tri> v(kPool);
+        for (Tri& t : v) {
+            const V a = randomPoint(rng, 1), b = randomPoint(rng, 1);
+            t = Tri{randomPoint(rng, 2), a, b, a + (b - a) * 0.3 + randomPoint(rng, 1e-12)};
+        }
+        return v;
+    }();
+    return inputs;
+}
+
+void BM_ClosestPointOnSliver(benchmark::State& state) {
+    const std::vector<Tri>& in = sliverInputs();
+    std::size_t i = 0;
+    for (auto _ : state) {
+        const Tri& t = in[i++ & (kPool - 1)];
+        double s, u;
+        const double d2 = GmGeometry::closestParametricPointOnTriangle(t.p, t.v0, t.v1, t.v2, s, u);
+        benchmark::DoNotOptimize(d2);
+        benchmark::DoNotOptimize(s);
+        benchmark::DoNotOptimize(u);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ClosestPointOnSliver);
+
 struct RayTri {
     V origin, dir, v0, v1, v2;
 };
