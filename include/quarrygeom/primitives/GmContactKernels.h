@@ -84,6 +84,7 @@ QUARRYGEOM_API bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleM
 // Appends one GmIntersectionInfo with the intersection points of the two triangles (their
 // intersection segment's end points, or the corners of the overlap polygon of coplanar
 // triangles) when they intersect. Touching counts. Sign decisions use exact predicates.
+// These kernels count nothing into the metrics (they run no vertex-face or edge-edge test).
 QUARRYGEOM_API bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& metrics,
                                std::vector<GmIntersectionInfo>& out);
 QUARRYGEOM_API bool staticMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
