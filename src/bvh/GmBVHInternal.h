@@ -4,6 +4,8 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
@@ -13,6 +15,29 @@ namespace GmBVHDetail {
 
 // Box padding and search slack.
 constexpr double kPad = 1e-8;
+
+// Nearest float at or below / at or above a double (the same values as
+// GmAxisAlignedBox::roundDown / roundUp, without the library call per bound).
+inline float floatDown(double v) {
+    float f = static_cast<float>(v);
+    if (static_cast<double>(f) > v) {
+        std::uint32_t b;
+        std::memcpy(&b, &f, sizeof b);
+        b = f > 0.0f ? b - 1u : (f < 0.0f ? b + 1u : 0x80000001u);
+        std::memcpy(&f, &b, sizeof f);
+    }
+    return f;
+}
+inline float floatUp(double v) {
+    float f = static_cast<float>(v);
+    if (static_cast<double>(f) < v) {
+        std::uint32_t b;
+        std::memcpy(&b, &f, sizeof b);
+        b = f > 0.0f ? b + 1u : (f < 0.0f ? b - 1u : 0x00000001u);
+        std::memcpy(&f, &b, sizeof f);
+    }
+    return f;
+}
 
 inline bool faceDisabled(const GmDisabledData* mask, int face) { return GmDisabledData::isDisabled(mask, face); }
 inline bool faceFrozen(const GmFrozenData* mask, int face) { return mask != nullptr && mask->isFrozen(face); }

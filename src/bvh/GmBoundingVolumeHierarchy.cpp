@@ -80,9 +80,8 @@ inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const G
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
     const double pad = N == 2 ? thickness + kPad : kPad;
-    return GmAxisAlignedBox(GmAxisAlignedBox::roundDown(mn[0] - pad), GmAxisAlignedBox::roundDown(mn[1] - pad),
-                            GmAxisAlignedBox::roundDown(mn[2] - pad), GmAxisAlignedBox::roundUp(mx[0] + pad),
-                            GmAxisAlignedBox::roundUp(mx[1] + pad), GmAxisAlignedBox::roundUp(mx[2] + pad));
+    return GmAxisAlignedBox(floatDown(mn[0] - pad), floatDown(mn[1] - pad), floatDown(mn[2] - pad),
+                            floatUp(mx[0] + pad), floatUp(mx[1] + pad), floatUp(mx[2] + pad));
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -97,7 +96,7 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 typedef GmBoundingVolumeHierarchy::Node Node;
 typedef GmBoundingVolumeHierarchy::FaceData FaceData;
 
-// Per-face initialisation of the build: leaf record, flags and centre.
+// Per-face initialisation of the build: leaf box, flags (bit 0 disabled, bit 1 frozen) and centre.
 template <int N>
 struct BuildInitializeBody {
     const GmTriangleMesh* mesh;
@@ -105,17 +104,15 @@ struct BuildInitializeBody {
     double thickness;
     const GmDisabledData* disabled;
     const GmFrozenData* frozen;
-    Node* work;
+    GmAxisAlignedBox* boxes;
+    unsigned char* flags;
     FaceData* items;
     GmTVector<double>* centres;
 
     void operator()(int f) const {
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
-        Node& w = work[f];
-        w.box = leafBox<N>(mesh->getVertices(), face, positions, thickness);
-        w.primitive = &face;
-        w.disabled = faceDisabled(disabled, f);
-        w.frozen = faceFrozen(frozen, f);
+        boxes[f] = leafBox<N>(mesh->getVertices(), face, positions, thickness);
+        flags[f] = static_cast<unsigned char>((faceDisabled(disabled, f) ? 1 : 0) | (faceFrozen(frozen, f) ? 2 : 0));
         items[f].face = f;
         items[f].key = 0.0;
         centres[f] = mesh->getFaceCenter(f);
@@ -125,30 +122,35 @@ struct BuildInitializeBody {
 // Top-down assignment of items to the subtree rooted at node i.
 struct BuildTask {
     Node* nodes;
-    const Node* work;
+    const GmTriangleFace* faces;
+    const GmAxisAlignedBox* boxes;
+    const unsigned char* flags;
     FaceData* items;
     const GmTVector<double>* centres;
     bool parallel;
 
     void run(int i, int lo, int hi) const {
         const int k = hi - lo;
+        Node& node = nodes[i];
         if (k == 1) {
-            nodes[i] = work[items[lo].face];
+            const int f = items[lo].face;
+            node.box = boxes[f];
+            node.primitive = faces + f;
+            node.disabled = (flags[f] & 1) != 0;
+            node.frozen = (flags[f] & 2) != 0;
             return;
         }
-        Node& node = nodes[i];
         GmAxisAlignedBox box;
-        bool dis = true, fro = true;
+        unsigned char all = 3;
         for (int j = lo; j < hi; ++j) {
-            const Node& w = work[items[j].face];
-            unionInto(box, w.box);
-            dis = dis && w.disabled;
-            fro = fro && w.frozen;
+            const int f = items[j].face;
+            unionInto(box, boxes[f]);
+            all &= flags[f];
         }
         node.box = box;
         node.primitive = nullptr;
-        node.disabled = dis;
-        node.frozen = fro;
+        node.disabled = (all & 1) != 0;
+        node.frozen = (all & 2) != 0;
 
         const int m = leftCount(k);
         if (k > 2) {
@@ -325,12 +327,14 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
     if (n <= 0 || _nodes.empty()) return;
 
-    std::vector<Node> work(static_cast<size_t>(n));
+    std::vector<GmAxisAlignedBox> boxes(static_cast<size_t>(n));
+    std::vector<unsigned char> flags(static_cast<size_t>(n));
     std::vector<FaceData> items(static_cast<size_t>(n));
     std::vector<GmTVector<double>> centres(static_cast<size_t>(n));
-    const BuildInitializeBody<N> init{_mesh, positions, thickness, disabled, frozen,
-                                      work.data(), items.data(), centres.data()};
-    BuildTask task{_nodes.data(), work.data(), items.data(), centres.data(), false};
+    const BuildInitializeBody<N> init{_mesh,        positions,    thickness,    disabled,      frozen,
+                                      boxes.data(), flags.data(), items.data(), centres.data()};
+    BuildTask task{_nodes.data(), _mesh->getFaces().data(), boxes.data(), flags.data(), items.data(), centres.data(),
+                   false};
 
     GmParallel::dispatch(
         [&] {

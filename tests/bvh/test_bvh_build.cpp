@@ -108,6 +108,27 @@ TEST(BvhLayout, AxisAlignedFaceGetsAThinBox) {
     EXPECT_NEAR(static_cast<double>(b.maxZ) - b.minZ, 2e-8, 1e-14);
 }
 
+TEST(BvhLayout, LeafBoxesRoundOutwardsForAnyCoordinate) {
+    // Zeros, tiny and huge values, values beyond the float range, both signs.
+    const double values[] = {0.0, -0.0, 1e-30, -1e-30, 1e-45, 0.1, -0.3, 1.0, 3.0e38, -3.0e38, 1e39, -1e39, 12345.678};
+    qgtools::PolygonSoup s;
+    std::mt19937 rng(4);
+    for (int i = 0; i < 60; ++i) {
+        for (int k = 0; k < 3; ++k)
+            s.positions.push_back(V3(values[rng() % 13], values[rng() % 13], values[rng() % 13]));
+        s.triangles.push_back({3 * i, 3 * i + 1, 3 * i + 2});
+    }
+    GmTriangleMesh mesh = qgtools::meshFromSoup(s);
+    ScopedThreading serial(false);
+    GmBoundingVolumeHierarchy h(&mesh);
+    for (int i = 0; i < h.getNumberNodes(); ++i) {
+        const auto& n = h.getNode(i);
+        if (!n.isLeaf()) continue;
+        const GmAxisAlignedBox ref = refFaceBox(mesh, n.primitive->index, 0, nullptr, 0.0);
+        EXPECT_TRUE(sameBox(n.box, ref)) << i << ": " << n.box << " vs " << ref;
+    }
+}
+
 // ---- Build equals the reference -----------------------------------------------------------
 
 TEST(BvhBuild, EqualsReferenceInEveryMode) {
