@@ -217,6 +217,41 @@ TEST(CcdVertexFace, SlidingAlongAnEdgeLineUnderRotation) {
     }
 }
 
+TEST(CcdVertexFace, TangentialTouchUnderRotation) {
+    // The face tilts through the horizontal while the vertex swings under it: the coplanarity
+    // cubic is -(2t - 1)^2, a double root at t = 0.5 where the vertex touches the face inside
+    // (weights 0.5, 0.25, 0.25) without crossing it. Rotated at random, rounding may turn the
+    // double root into a complex pair; the contact must survive.
+    std::mt19937 rng(77);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    int found = 0;
+    for (int trial = 0; trial < 300; ++trial) {
+        Vec ax(1, 0, 0), ay(0, 1, 0), az(0, 0, 1), o(0, 0, 0);
+        if (trial > 0) {
+            ax = Vec(u(rng), u(rng), u(rng));
+            ax = ax / ax.length();
+            ay = Vec(u(rng), u(rng), u(rng));
+            ay = ay - ax * ax.dot(ay);
+            ay = ay / ay.length();
+            az = ax.cross(ay);
+            o = Vec(u(rng), u(rng), u(rng)) * 10.0;
+        }
+        auto R = [&](double x, double y, double z) { return o + ax * x + ay * y + az * z; };
+        const Vec v[8] = {R(-0.75, 0.25, -0.25), R(0, 0, 0), R(1, 0, -1), R(0, 1, 0),
+                          R(1.25, 0.25, 0.25),   R(0, 0, 0), R(1, 0, 1),  R(0, 1, 0)};
+        double time;
+        Vec point, bary, n;
+        const bool hit = vertexFace(v, time, point, bary, n);
+        EXPECT_TRUE(hit) << "trial " << trial;
+        if (hit) {
+            ++found;
+            EXPECT_NEAR(time, 0.5, 1e-6) << "trial " << trial;
+            EXPECT_NEAR(bary.x, 0.5, 1e-6) << "trial " << trial;
+        }
+    }
+    EXPECT_EQ(found, 300);
+}
+
 TEST(CcdVertexFace, TinyFaceAndFarVertexAreNotTakenForACoplanarMotion) {
     // A face 1e-7 across, a vertex passing through it from distance 1: the coplanarity cubic is
     // tiny relative to the vertex's travel but far above its rounding noise.
