@@ -284,6 +284,34 @@ TEST(CcdEdgeEdge, CrossingEdges) {
     EXPECT_FALSE(edgeEdge(w, time, s, t, n));
 }
 
+TEST(CcdEdgeEdge, TangentialTouchUnderRotation) {
+    // Edge c-d twists past edge a-b, meeting it at t = 0.5 without the four points changing
+    // sides: the coplanarity cubic is a multiple of -(2t - 1)^2. Rotated at random.
+    std::mt19937 rng(78);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (int trial = 0; trial < 300; ++trial) {
+        Vec ax(1, 0, 0), ay(0, 1, 0), az(0, 0, 1), o(0, 0, 0);
+        if (trial > 0) {
+            ax = Vec(u(rng), u(rng), u(rng));
+            ax = ax / ax.length();
+            ay = Vec(u(rng), u(rng), u(rng));
+            ay = ay - ax * ax.dot(ay);
+            ay = ay / ay.length();
+            az = ax.cross(ay);
+            o = Vec(u(rng), u(rng), u(rng)) * 10.0;
+        }
+        auto R = [&](double x, double y, double z) { return o + ax * x + ay * y + az * z; };
+        const Vec v[8] = {R(-1, 0, 0), R(1, 0, 0), R(0, -1.5, 0.5), R(0, -0.5, -0.5),
+                          R(-1, 0, 0), R(1, 0, 0), R(0, 0.5, -0.5), R(0, 1.5, 0.5)};
+        double time, s, t;
+        Vec n;
+        ASSERT_TRUE(edgeEdge(v, time, s, t, n)) << "trial " << trial;
+        EXPECT_NEAR(time, 0.5, 1e-6) << "trial " << trial;
+        EXPECT_NEAR(s, 0.5, 1e-6) << "trial " << trial;
+        EXPECT_NEAR(t, 0.5, 1e-6) << "trial " << trial;
+    }
+}
+
 TEST(CcdEdgeEdge, CoplanarThroughoutAndEndpointContacts) {
     double time, s, t;
     Vec n;
