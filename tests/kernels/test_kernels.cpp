@@ -232,6 +232,42 @@ TEST(ContinuousKernels, OrphanPairSkipsSharedFeatures) {
     EXPECT_LE(metrics.edgeEdgeTests(), 5u);  // the four pairs of edges through vertex 0 are not run
 }
 
+TEST(ContinuousKernels, ContactOnACommonFaceTakesTheMeshNormal) {
+    // Face g = (0,1,2) joins vertex 0 (of face f1 = (0,4,5)) and edge 1-2 (of face f2 = (2,1,3)).
+    // Vertex 0 falls onto that edge: the contact's elements lie on g, so the normal is the mesh's
+    // normal of edge 1-2 (faces g and f2) instead of f2's face normal.
+    GmTriangleMesh m;
+    m.addVertex(Vec(1, 0.5, 1));
+    m.addVertex(Vec(1, 0, 0));
+    m.addVertex(Vec(1, 1, 0));
+    m.addVertex(Vec(2, 0.5, 0));
+    m.addVertex(Vec(0, 0, 5));
+    m.addVertex(Vec(0, 1, 5));
+    const int g = m.addFace(0, 1, 2);
+    const int f2 = m.addFace(2, 1, 3);
+    const int f1 = m.addFace(0, 4, 5);
+    m.finishConstruction();
+    (void)g;
+    const std::vector<Vec> end = translated(m, {0}, Vec(0, 0, -2));
+    std::vector<GmContinuousTimeIntersectionInfo> out;
+    GmBVHMetrics metrics;
+    ASSERT_TRUE(GmContactKernels::continuousSelf(m, end, f1, f2, ComponentTests(0x1u), metrics, kNoBound, nullptr, -1,
+                                                 out));
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].pointType, GmGeometry::ON_EDGE_1);
+    EXPECT_EQ(out[0].edgeIndices[1], m.getFace(f2).edges[0]);
+    const double h = std::sqrt(0.5);
+    EXPECT_NEAR(out[0].normal.x, h, 1e-12);
+    EXPECT_NEAR(out[0].normal.y, 0.0, 1e-12);
+    EXPECT_NEAR(out[0].normal.z, h, 1e-12);
+    // Between two meshes there is no common face: the face's own normal.
+    out.clear();
+    ASSERT_TRUE(GmContactKernels::continuousMesh(m, end, m, end, f1, f2, ComponentTests(0x1u), metrics, kNoBound,
+                                                 nullptr, nullptr, 0, 1, out));
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_NEAR(out[0].normal.z, 1.0, 1e-12);
+}
+
 TEST(ContinuousKernels, TwoMeshPairCarriesObjectIndices) {
     GmTriangleMesh a = twoTriangles(Vec(5, 5, 5), Vec(6, 5, 5), Vec(5, 6, 5));
     GmTriangleMesh b;
