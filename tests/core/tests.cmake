@@ -1,6 +1,6 @@
 # The arena width is read from KORV_THREAD_COUNT when the library loads, so each width
-# needs its own process.
-foreach(qg_width IN ITEMS 3 1 abc)
+# needs its own process. A non-numeric value reads as 0; a negative one is kept.
+foreach(qg_width IN ITEMS 3 1 abc -2)
   if(qg_width STREQUAL "abc")
     set(qg_expected 0)
   else()
