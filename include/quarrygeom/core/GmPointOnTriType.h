@@ -6,7 +6,7 @@ namespace GmGeometry {
 
 // Where on a triangle a point lies; vertex and edge numbering as in GmTriangleFace
 // (edge 1 joins vertices 1-2, edge 2 joins 2-3, edge 3 joins 3-1).
-enum PointOnTriType {
+enum PointOnTriType : int {
     INSIDE = 0,
     ON_VERTEX_1 = 1,
     ON_VERTEX_2 = 2,
