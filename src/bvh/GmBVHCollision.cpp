@@ -34,6 +34,28 @@ constexpr double kNoTimeBound = DBL_MAX;
 constexpr int kSplitNodes = 127;
 constexpr std::size_t kFrontierSize = 512;
 
+// Synchronisation addresses of the ThreadSanitizer annotations (GmBVHCollisionWalk.h); static,
+// so that a worker reaches them without first reading the calling thread's frame.
+char published = 0;
+char finished = 0;
+
+// body(k) for every k in [0, n) through the parallel frame; each iteration acquires what the
+// calling thread published before the loop and releases its own results for the caller.
+template <class Body>
+void parallelItems(int n, const Body& body) {
+    struct Item {
+        const Body* body;
+        void operator()(int k) const {
+            QG_TSAN_ACQUIRE(&published);
+            (*body)(k);
+            QG_TSAN_RELEASE(&finished);
+        }
+    } item{&body};
+    QG_TSAN_RELEASE(&published);
+    GmParallel::parallelFor(0, n, item);
+    QG_TSAN_ACQUIRE(&finished);
+}
+
 // ---- Narrow phases ----------------------------------------------------------------------
 
 class ContSelfIntersector {
@@ -276,7 +298,7 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
         const int numItems = numFrontier + (internal - split);
 
         GmParallel::ThreadResults<Record> local;
-        GmParallel::parallelFor(0, numItems, [&](int k) {
+        parallelItems(numItems, [&](int k) {
             PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
             if (k < numFrontier) {
                 const NodePair& p = frontier[static_cast<std::size_t>(k)];
@@ -287,7 +309,7 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
             }
         });
         if constexpr (Narrow::kOrphanPass) {
-            GmParallel::parallelFor(0, static_cast<int>(orphans.size()), [&](int k) {
+            parallelItems(static_cast<int>(orphans.size()), [&](int k) {
                 PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
                 walk.setFaces(faces);
                 const OrphanJob& job = orphans[static_cast<std::size_t>(k)];
@@ -320,7 +342,7 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
         const std::vector<NodePair> frontier = expandFrontier(top, setup, {{0, 0}}, kFrontierSize);
 
         GmParallel::ThreadResults<Record> local;
-        GmParallel::parallelFor(0, static_cast<int>(frontier.size()), [&](int k) {
+        parallelItems(static_cast<int>(frontier.size()), [&](int k) {
             PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
             const NodePair& p = frontier[static_cast<std::size_t>(k)];
             walk.descend(p.a, p.b);
@@ -333,9 +355,13 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
     return results.size() > before;
 }
 
-// Lazily filled mesh caches must be complete before several workers read them.
+// The kernels read face and vertex normals, which the mesh fills lazily. Several workers must
+// not fill the same slot at once, so the calling thread completes them before a parallel walk
+// (a pass of checks when nothing is missing).
 void prepareMesh(const GmTriangleMesh& mesh) {
-    if (GmParallel::isParallel()) mesh.fillCaches();
+    if (!GmParallel::isParallel()) return;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) mesh.getFaceNormal(f);
+    for (int v = 0; v < mesh.getNumberVertices(); ++v) mesh.getVertexNormal(v);
 }
 
 }  // namespace

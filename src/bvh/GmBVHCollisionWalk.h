@@ -26,6 +26,19 @@
 #include <quarrygeom/mesh/GmMeshTests.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
+// ThreadSanitizer cannot see the synchronisation inside TBB's (uninstrumented) scheduler; the
+// parallel traversals state it: the calling thread publishes the query before the loops, and
+// every loop body publishes its per-thread results before the loops return.
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+#define QG_TSAN_ACQUIRE(addr) __tsan_acquire(addr)
+#define QG_TSAN_RELEASE(addr) __tsan_release(addr)
+#else
+#define QG_TSAN_ACQUIRE(addr) ((void)(addr))
+#define QG_TSAN_RELEASE(addr) ((void)(addr))
+#endif
+
 namespace GmBVHCollision {
 
 using Node = GmBoundingVolumeHierarchy::Node;

@@ -49,6 +49,13 @@ private:
     bool _saved;
 };
 
+// Meshes and trees are built serially; the queries under test switch the parallel path on
+// (serialAndParallel, ThreadingSwitch).
+class SerialByDefault : public ::testing::Environment {
+public:
+    void SetUp() override { tarnCollision::setMultiThreading(false); }
+};
+
 // Deterministic pseudo-random value in [-1, 1] from an integer.
 inline double jitter(std::uint32_t i) {
     i ^= i >> 16;

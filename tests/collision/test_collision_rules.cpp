@@ -8,6 +8,8 @@ using GmIntersection::ComponentTests;
 
 namespace {
 
+::testing::Environment* const serialByDefault = ::testing::AddGlobalTestEnvironment(new SerialByDefault);
+
 // Three triangles that share no vertex and all cross the z axis: every pair intersects.
 GmTriangleMesh threeCrossingTriangles() {
     GmTriangleMesh m;
@@ -99,6 +101,8 @@ TEST(CollisionRules, EmptyMeshIsHarmless) {
 TEST(CollisionRules, AppendKeepsOldRecordsAndReturnsWhetherTheVectorGrew) {
     GmTriangleMesh m = threeCrossingTriangles();
     GmBoundingVolumeHierarchy tree(&m);
+    GmTriangleMesh far = qgtools::makeIcosphere(0, 0.1, Vec(10, 0, 0));
+    GmBoundingVolumeHierarchy farTree(&far);
     ThreadingSwitch sw;
     for (bool parallel : {false, true}) {
         sw.set(parallel);
@@ -117,8 +121,6 @@ TEST(CollisionRules, AppendKeepsOldRecordsAndReturnsWhetherTheVectorGrew) {
         EXPECT_EQ(metrics.narrowPhaseTests(), 6u);
 
         // Appending nothing returns false although the vector is not empty.
-        GmTriangleMesh far = qgtools::makeIcosphere(0, 0.1, Vec(10, 0, 0));
-        GmBoundingVolumeHierarchy farTree(&far);
         std::vector<GmIntersectionInfo> kept{marker};
         EXPECT_FALSE(tree.meshMeshIntersect(kept, farTree, true, false, metrics));
         EXPECT_EQ(kept.size(), 1u);
