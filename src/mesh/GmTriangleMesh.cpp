@@ -517,35 +517,38 @@ void GmTriangleMesh::finishConstruction() {
             assert(f.vertices[k] >= 0 && f.vertices[k] < static_cast<int>(_vertices.size()) &&
                    "face vertex index out of range");
 #endif
-    auto serial = [this]() {
+    // The closed flag and the cache slots depend on the element counts only; in the
+    // parallel form they are set up beside the five list builders.
+    auto flagAndCaches = [this]() {
+        _closed = true;
+        for (const GmTriangleEdge& ed : _edges) {
+            if (ed.firstFace < 0 || ed.secondFace < 0) {
+                _closed = false;
+                break;
+            }
+        }
+        // Every slot starts out missing, including the slots of a rebuilt mesh.
+        _faceAreas.assign(_faces.size(), UninitializedDouble);
+        _faceNormals.resize(_faces.size());
+        _faceCenters.resize(_faces.size());
+        _vertexNormals.assign(_vertices.size(), UninitializedVector);
+        _unitEdges.assign(_edges.size(), UninitializedVector);
+    };
+    auto serial = [&]() {
         for (int code = 1; code <= 5; ++code) _runConstructionTask(code);
+        flagAndCaches();
     };
     if (_vertices.size() > static_cast<std::size_t>(kParallelVertexThreshold)) {
-        GmParallel::dispatch(serial, [this]() {
+        GmParallel::dispatch(serial, [&]() {
             tbb::parallel_invoke(TriMeshConstructTask(this, 1), TriMeshConstructTask(this, 2),
                                  TriMeshConstructTask(this, 3), TriMeshConstructTask(this, 4),
-                                 TriMeshConstructTask(this, 5));
+                                 TriMeshConstructTask(this, 5), flagAndCaches);
         });
     } else {
         serial();
     }
-
-    _closed = true;
-    for (const GmTriangleEdge& ed : _edges) {
-        if (ed.firstFace < 0 || ed.secondFace < 0) {
-            _closed = false;
-            break;
-        }
-    }
-
-    // Every slot starts out missing, including the slots of a rebuilt mesh.
-    _faceAreas.assign(_faces.size(), UninitializedDouble);
-    _faceNormals.resize(_faces.size());
-    _faceCenters.resize(_faces.size());
     _faceDataReset.store(true, std::memory_order_relaxed);
-    _vertexNormals.assign(_vertices.size(), UninitializedVector);
     _vertexNormalsReset.store(true, std::memory_order_relaxed);
-    _unitEdges.assign(_edges.size(), UninitializedVector);
     _unitEdgesReset.store(true, std::memory_order_relaxed);
 }
 
