@@ -97,6 +97,33 @@ TEST(MeshGeometry, DegenerateFacesGiveZeroNormalsAndNoNaN) {
     EXPECT_EQ(m.getEdgeNormal(e11), V(0, 0, 0));
 }
 
+TEST(MeshGeometry, NonManifoldEdgeGivesFiniteResults) {
+    // Three faces on edge (0, 1): the edge records the first and the last one.
+    GmTriangleMesh m;
+    m.addVertex(V(0, 0, 0));
+    m.addVertex(V(1, 0, 0));
+    m.addVertex(V(0.5, 1, 0));
+    m.addVertex(V(0.5, -1, 0));
+    m.addVertex(V(0.5, 0, 1));
+    m.addFace(0, 1, 2);
+    m.addFace(1, 0, 3);
+    m.addFace(0, 1, 4);
+    m.finishConstruction();
+    EXPECT_FALSE(m.isClosed());
+    for (int v = 0; v < m.getNumberVertices(); ++v) {
+        EXPECT_TRUE(finite(m.getVertexNormal(v)));
+        EXPECT_TRUE(finite(m.getVertexAreaWeightedNormal(v)));
+    }
+    for (int e = 0; e < m.getNumberEdges(); ++e) EXPECT_TRUE(finite(m.getEdgeNormal(e)));
+    // Faces 0 and 2 (normals +z and -y) are recorded on the edge; face 1 is not.
+    expectNear(m.getEdgeNormal(0), V(0, -1, 1), 1e-15);
+    EXPECT_TRUE(m.shareFace(1, GmGeometry::ON_EDGE_1, 1, GmGeometry::INSIDE));
+    EXPECT_TRUE(m.shareFace(1, GmGeometry::ON_EDGE_1, 2, GmGeometry::INSIDE));
+    int v = -1;
+    EXPECT_TRUE(m.isRightSideOut(&v));
+    EXPECT_EQ(v, 0);
+}
+
 TEST(MeshGeometry, CollinearCornerContributesNothing) {
     // A sliver whose area is tiny but above the floor gets a unit normal (+z); its
     // corners are straight to double precision, so it adds nothing to the vertex
