@@ -1,9 +1,9 @@
 // cloth_drop: a host simulation on top of QuarryGeom.
 //
 // A square cloth falls onto a body (a sphere, or the Stanford bunny), drapes over it and folds
-// onto itself on the floor. The dynamics are deliberately simple (position-based: gravity, edge
-// length constraints, an analytic floor). What keeps the cloth from passing through itself and
-// through the body is the library:
+// onto itself as it hangs. The dynamics are deliberately simple (position-based: gravity, edge
+// and bending length constraints, an analytic sphere as a first guess for sliding). What keeps
+// the cloth from passing through itself and through the body is the library:
 //
 //   each step   refit the swept hierarchies of the motion from the current to the proposed
 //               positions, ask for every continuous-time contact of the cloth with itself
@@ -15,7 +15,7 @@
 //
 // Usage: cloth_drop [--size N] [--steps S] [--body sphere|bunny] [--frames DIR] [--every K]
 //   --size N     cloth of N x N quads (default 128)
-//   --steps S    time steps of 1/200 s (default 300)
+//   --steps S    time steps of 1/200 s (default 200)
 //   --body       what the cloth falls on (default sphere)
 //   --frames DIR write the cloth as OBJ every K steps (default 10) and the body once
 
@@ -45,19 +45,19 @@ namespace {
 
 constexpr double kDt = 1.0 / 200.0;
 const Vec kGravity(0.0, 0.0, -9.81);
-constexpr double kFloor = -0.5;          // the sphere rests on the floor
 constexpr double kSphereRadius = 0.5;
 constexpr double kClothSize = 2.4;       // side of the square cloth
 constexpr double kClothHeight = 0.62;    // where it starts, flat
-constexpr double kGap = 2e-3;            // distance kept from the floor and the sphere
+constexpr double kGap = 2e-3;            // distance kept from the analytic sphere
 constexpr int kConstraintIterations = 20;
 constexpr double kDamping = 0.995;
-constexpr int kPartialRewinds = 4;       // contact iterations before vertices are stopped outright
-constexpr int kMaxContactIterations = 60;
+constexpr int kPartialRewinds = 4;       // contact rounds before vertices are stopped outright
+constexpr double kStopShort = 2e-3;      // how far short of an impact a vertex stops
+constexpr int kMaxContactIterations = 25;
 
 struct Options {
     int size = 128;
-    int steps = 300;
+    int steps = 200;
     std::string body = "sphere";
     std::string framesDir;
     int every = 10;
@@ -113,15 +113,12 @@ void solveConstraints(const std::vector<Constraint>& constraints, Positions& p) 
         }
 }
 
-// The floor, and for the sphere its analytic surface: a cheap first guess that lets the cloth
-// slide over them. The collision queries below are what guarantees the result.
-void pushOutOfObstacles(Positions& p, bool sphere) {
+// The sphere's analytic surface: a cheap first guess that lets the cloth slide over it. The
+// collision queries below are what guarantees the result (and all there is for the bunny).
+void pushOutOfSphere(Positions& p) {
     for (Vec& v : p) {
-        if (v.z < kFloor + kGap) v.z = kFloor + kGap;
-        if (sphere) {
-            const double r = v.length();
-            if (r < kSphereRadius + kGap && r > 0) v = v * ((kSphereRadius + kGap) / r);
-        }
+        const double r = v.length();
+        if (r < kSphereRadius + kGap && r > 0) v = v * ((kSphereRadius + kGap) / r);
     }
 }
 
@@ -135,16 +132,28 @@ struct StepStats {
     double seconds = 0.0;   // time spent in refit and queries
 };
 
-// Stops each cloth vertex of a contact before the time of impact: for the first rounds at half
-// of it, later at its start position. Either way its new path is a part of the old one that ends
-// before the contact, so the contact cannot recur; stopped vertices keep the start positions,
-// which are free of contacts.
-void rewind(const Positions& start, Positions& end, const std::vector<double>& firstTime, int iteration) {
+// Stops each cloth vertex of a contact short of the time of impact: kStopShort before the point
+// of impact along its path (at its start position when it is closer than that), and after a few
+// rounds at its start position together with its neighbours, so that a pile of contacts settles
+// quickly. The new path of a vertex is a part of its old one that ends before the contact, so
+// the contact cannot recur; stopping short keeps features from creeping into touching distance,
+// and a stopped vertex keeps its start position, which is free of contacts.
+void rewind(const GmTriangleMesh& cloth, Positions& end, const std::vector<double>& firstTime, int iteration) {
+    const Positions& start = cloth.getVertices();
+    std::vector<char> stop(end.size(), 0);
     for (std::size_t v = 0; v < end.size(); ++v) {
         if (firstTime[v] > 1.0) continue;
-        const double s = iteration < kPartialRewinds ? 0.5 * firstTime[v] : 0.0;
-        end[v] = start[v] + (end[v] - start[v]) * s;
+        if (iteration < kPartialRewinds) {
+            const double length = (end[v] - start[v]).length();
+            const double s = length > 0 ? std::max(0.0, firstTime[v] - kStopShort / length) : 0.0;
+            end[v] = start[v] + (end[v] - start[v]) * s;
+            continue;
+        }
+        stop[v] = 1;
+        for (int u : cloth.getNeighborVerticesToVertex(static_cast<int>(v))) stop[u] = 1;
     }
+    for (std::size_t v = 0; v < end.size(); ++v)
+        if (stop[v]) end[v] = start[v];
 }
 
 StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree& clothTree,
@@ -164,6 +173,8 @@ StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree&
         st.bodyContacts += static_cast<int>(bodyContacts.size());
         if (selfContacts.empty() && bodyContacts.empty()) break;
         if (st.iterations >= kMaxContactIterations) {
+            // Give up on this step's motion: the start positions are free of contacts.
+            end = cloth.getVertices();
             st.resolved = false;
             break;
         }
@@ -182,7 +193,7 @@ StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree&
             if (c.type == GmInterferenceType::EDGE_EDGE)
                 for (int k = 0; k < 2; ++k) mark(c.vertexIndices[k], c.time);
         }
-        rewind(cloth.getVertices(), end, firstTime, st.iterations - 1);
+        rewind(cloth, end, firstTime, st.iterations - 1);
     }
     st.seconds = std::chrono::duration<double>(Clock::now() - t0).count();
     return st;
@@ -192,7 +203,7 @@ StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree&
 
 GmTriangleMesh makeBody(const std::string& which) {
     if (which == "sphere") return qgtools::makeIcosphere(4, kSphereRadius);
-    // The bunny, scaled to about one unit across and standing on the floor under the cloth.
+    // The bunny, scaled to about one unit across, under the cloth.
     GmTriangleMesh bunny = qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/stanford-bunny.obj", true);
     Positions p = bunny.getVertices();
     Vec lo(1e30, 1e30, 1e30), hi(-1e30, -1e30, -1e30);
@@ -205,7 +216,7 @@ GmTriangleMesh makeBody(const std::string& which) {
     for (Vec& v : p) {
         // The scan's up axis is y: turn it to z.
         const Vec c = (v - (lo + hi) * 0.5) * scale;
-        v = Vec(c.x, -c.z, c.y + 0.5 * (hi.y - lo.y) * scale + kFloor);
+        v = Vec(c.x, -c.z, c.y + 0.5 * (hi.y - lo.y) * scale - 0.5);
     }
     bunny.setVertices(p);
     return bunny;
@@ -265,7 +276,7 @@ int main(int argc, char** argv) {
             end[i] = x[i] + velocity[i] * kDt;
         }
         solveConstraints(constraints, end);
-        pushOutOfObstacles(end, sphere);
+        if (sphere) pushOutOfSphere(end);
 
         // 2. Continuous-time collision with itself and the body, until the motion is free.
         GmBVHMetrics metrics;
@@ -318,8 +329,8 @@ int main(int argc, char** argv) {
     std::printf("\nsummary\n");
     std::printf("  steps %d in %.1f s (collision handling %.1f s), %lld query rounds (%.2f per step)\n", opt.steps,
                 wall, collisionSeconds, iterationsTotal, opt.steps > 0 ? double(iterationsTotal) / opt.steps : 0.0);
-    std::printf("  continuous-time contacts found: self %lld, body %lld; steps left unresolved: %d\n", selfTotal,
-                bodyTotal, unresolvedSteps);
+    std::printf("  continuous-time contacts found: self %lld, body %lld; steps whose motion was dropped: %d\n",
+                selfTotal, bodyTotal, unresolvedSteps);
     std::printf("  broad-phase prune rate %.4f%%, narrow-phase prune rate %.4f%%\n", total.broadPhasePruneRate(),
                 total.narrowPhasePruneRate());
     std::printf("  final cloth: %zu intersecting triangle pairs (static selfIntersect)\n", crossings.size());
