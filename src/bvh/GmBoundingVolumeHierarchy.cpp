@@ -28,6 +28,9 @@ constexpr std::int64_t kPowersOfTwo[32] = {
 constexpr int kParallelLevel = 7;
 constexpr int kParallelBuildNodes = 127;  // nodes of the top seven levels
 
+// Address through which the parallel build and refit announce their hand-overs to ThreadSanitizer.
+char kHandOff = 0;
+
 // ceil(log2 n) from the highest set bit among bits 0..30; -1 for n <= 0.
 int computeDepth(int n) {
     if (n <= 0) return -1;
@@ -110,12 +113,14 @@ struct BuildInitializeBody {
     GmTVector<double>* centres;
 
     void operator()(int f) const {
+        QG_BVH_ACQUIRE(&kHandOff);
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
         boxes[f] = leafBox<N>(mesh->getVertices(), face, positions, thickness);
         flags[f] = static_cast<unsigned char>((faceDisabled(disabled, f) ? 1 : 0) | (faceFrozen(frozen, f) ? 2 : 0));
         items[f].face = f;
         items[f].key = 0.0;
         centres[f] = mesh->getFaceCenter(f);
+        QG_BVH_RELEASE(&kHandOff);
     }
 };
 
@@ -167,9 +172,19 @@ struct BuildTask {
         const int left = 2 * i + 1, right = 2 * i + 2;
         if (parallel && i < kParallelBuildNodes) {
             tbb::task_group group;
-            group.run([=] { run(right, lo + m, hi); });
-            group.run([=] { run(left, lo, lo + m); });
+            QG_BVH_RELEASE(&kHandOff);
+            group.run([=] {
+                QG_BVH_ACQUIRE(&kHandOff);
+                run(right, lo + m, hi);
+                QG_BVH_RELEASE(&kHandOff);
+            });
+            group.run([=] {
+                QG_BVH_ACQUIRE(&kHandOff);
+                run(left, lo, lo + m);
+                QG_BVH_RELEASE(&kHandOff);
+            });
             group.wait();
+            QG_BVH_ACQUIRE(&kHandOff);
         } else {
             run(left, lo, lo + m);
             run(right, lo + m, hi);
@@ -342,8 +357,10 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
             task.run(0, 0, n);
         },
         [&] {
-            GmParallel::parallelFor(0, n, init);
             task.parallel = true;
+            QG_BVH_RELEASE(&kHandOff);
+            GmParallel::parallelFor(0, n, init);
+            QG_BVH_ACQUIRE(&kHandOff);
             task.run(0, 0, n);
         });
 }
@@ -387,6 +404,7 @@ struct RefitSubtreeBody {
     int numberNodes;
 
     void operator()(int j) const {
+        QG_BVH_ACQUIRE(&kHandOff);
         const std::int64_t r = kPowersOfTwo[kParallelLevel] - 1 + j;
         for (int l = depth; l >= kParallelLevel; --l) {
             const std::int64_t span = kPowersOfTwo[l - kParallelLevel];
@@ -394,6 +412,7 @@ struct RefitSubtreeBody {
             const std::int64_t last = std::min<std::int64_t>(first + span, numberNodes);
             for (std::int64_t i = first; i < last; ++i) refit(static_cast<int>(i));
         }
+        QG_BVH_RELEASE(&kHandOff);
     }
 };
 
@@ -434,7 +453,9 @@ void GmBoundingVolumeHierarchy::_refit(const std::vector<GmTVector<double>>* pos
     GmParallel::dispatch([&] { levels(_depth, 0); },
                          [&] {
                              const RefitSubtreeBody<N> body{refitNode, _depth, numberNodes};
+                             QG_BVH_RELEASE(&kHandOff);
                              GmParallel::parallelFor(0, 1 << kParallelLevel, body);
+                             QG_BVH_ACQUIRE(&kHandOff);
                              levels(kParallelLevel - 1, 0);
                          });
 }
