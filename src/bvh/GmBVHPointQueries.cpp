@@ -33,10 +33,6 @@ struct SearchEntry {
     GmGeometry::PointOnTriType type;
 };
 
-struct EntryGreater {
-    bool operator()(const SearchEntry& a, const SearchEntry& b) const { return a.key > b.key; }
-};
-
 inline const GmTVector<double>& vertexOf(const GmTriangleMesh& mesh, const GmTriangleFace& f, int k) {
     return mesh.getVertices()[static_cast<size_t>(f.vertices[k])];
 }
@@ -80,38 +76,35 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
     const GmTriangleMesh& mesh = *_mesh;
     double best = info.face >= 0 ? info.distanceSquared : DBL_MAX;
 
-    static thread_local std::vector<SearchEntry> heap;
-    heap.clear();
-    const EntryGreater greater;
-    auto push = [&](const SearchEntry& e) {
-        heap.push_back(e);
-        std::push_heap(heap.begin(), heap.end(), greater);
+    // The queue holds node entries only; the face entry with the smallest key is kept aside and
+    // is the answer as soon as no node entry in the queue has a smaller key (a face entry would
+    // leave a queue holding both first).
+    struct NodeEntry {
+        double key;
+        int node;
     };
-    push(SearchEntry{boxDistanceSquared(_nodes[0].box, p), 0, -1, 0.0, 0.0, GmTVector<double>(), GmGeometry::INVALID});
+    auto greater = [](const NodeEntry& a, const NodeEntry& b) { return a.key > b.key; };
+    static thread_local std::vector<NodeEntry> heap;
+    heap.clear();
+    heap.push_back(NodeEntry{boxDistanceSquared(_nodes[0].box, p), 0});
+    SearchEntry found{DBL_MAX, -1, -1, 0.0, 0.0, GmTVector<double>(), GmGeometry::INVALID};
 
     const bool directionTest = tests != nullptr && tests->directionWeight != 0.0;
     const bool sideTest = tests != nullptr && tests->sideMode != 0;
     while (!heap.empty()) {
+        if (found.face >= 0 && !(heap.front().key < found.key)) break;
         std::pop_heap(heap.begin(), heap.end(), greater);
-        const SearchEntry e = heap.back();
+        const NodeEntry e = heap.back();
         heap.pop_back();
-        if (e.face >= 0) {
-            info.face = e.face;
-            info.s = e.s;
-            info.t = e.t;
-            info.point = e.point;
-            info.type = e.type;
-            info.distanceSquared = e.key;
-            heap.clear();
-            return;
-        }
         const Node& node = _nodes[static_cast<size_t>(e.node)];
         if (!includeDisabled && node.disabled) continue;
         if (!node.isLeaf()) {
             for (int c = 2 * e.node + 1; c <= 2 * e.node + 2; ++c) {
                 const double d2 = boxDistanceSquared(_nodes[static_cast<size_t>(c)].box, p);
-                if (!(d2 > best + kSlack))
-                    push(SearchEntry{d2, c, -1, 0.0, 0.0, GmTVector<double>(), GmGeometry::INVALID});
+                if (!(d2 > best + kSlack)) {
+                    heap.push_back(NodeEntry{d2, c});
+                    std::push_heap(heap.begin(), heap.end(), greater);
+                }
             }
             continue;
         }
@@ -130,7 +123,16 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
             if (tests->sideMode < 0 ? front : !front) continue;
         }
         best = d2;
-        push(SearchEntry{d2, e.node, f.index, s, t, q, classifyWeights(w1, s, t)});
+        if (found.face < 0 || d2 < found.key) found = SearchEntry{d2, e.node, f.index, s, t, q, classifyWeights(w1, s, t)};
+    }
+    heap.clear();
+    if (found.face >= 0) {
+        info.face = found.face;
+        info.s = found.s;
+        info.t = found.t;
+        info.point = found.point;
+        info.type = found.type;
+        info.distanceSquared = found.key;
     }
 }
 
