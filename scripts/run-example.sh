@@ -6,6 +6,6 @@ cd "$(dirname "$0")/.."
 
 bash scripts/deps.sh
 cmake -S . -B build-example -DCMAKE_BUILD_TYPE=Release -DQUARRYGEOM_BUILD_TESTS=OFF -DQUARRYGEOM_BUILD_EXAMPLES=ON
-example=${QG_EXAMPLE:-quickstart}
+example=${QG_EXAMPLE:-cloth_drop}
 cmake --build build-example -j"$(nproc)" --target "$example"
 ./build-example/examples/"$example" "$@"
