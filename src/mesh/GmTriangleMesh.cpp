@@ -158,6 +158,7 @@ public:
     TriMeshConstructTask(GmTriangleMesh* mesh, int code, HandOver* handOver)
         : _mesh(mesh), _code(code), _handOver(handOver) {}
     void operator()() const {
+        GmParallel::handOverAcquire();  // the task object itself was built by the calling thread
         _handOver->enter();
         _mesh->_runConstructionTask(_code);
         _handOver->leave();
@@ -574,10 +575,12 @@ void GmTriangleMesh::finishConstruction() {
     if (_vertices.size() > static_cast<std::size_t>(kParallelVertexThreshold)) {
         GmParallel::dispatch(serial, [&]() {
             HandOver h;
+            const TriMeshConstructTask t1(this, 1, &h), t2(this, 2, &h), t3(this, 3, &h), t4(this, 4, &h),
+                t5(this, 5, &h);
             h.publish();
-            tbb::parallel_invoke(TriMeshConstructTask(this, 1, &h), TriMeshConstructTask(this, 2, &h),
-                                 TriMeshConstructTask(this, 3, &h), TriMeshConstructTask(this, 4, &h),
-                                 TriMeshConstructTask(this, 5, &h), [&]() {
+            GmParallel::handOverRelease();
+            tbb::parallel_invoke(t1, t2, t3, t4, t5, [&]() {
+                                     GmParallel::handOverAcquire();
                                      h.enter();
                                      flagAndCaches();
                                      h.leave();

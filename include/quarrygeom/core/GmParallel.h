@@ -39,6 +39,21 @@ QUARRYGEOM_API bool isParallel();
 // calling thread), so that the work uses at most workerCount() threads whatever the host's
 // own TBB settings. The arena is terminated when the work returns or throws; an exception
 // propagates to the caller.
+// ThreadSanitizer cannot see the synchronisation inside an uninstrumented TBB. The frame states
+// its hand-overs itself: the calling thread releases before work is handed to workers and
+// acquires after it returns; every parallel body acquires on entry and releases on exit.
+// Both are no-ops in other builds.
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+inline char handOverToken;
+inline void handOverRelease() { __tsan_release(&handOverToken); }
+inline void handOverAcquire() { __tsan_acquire(&handOverToken); }
+#else
+inline void handOverRelease() {}
+inline void handOverAcquire() {}
+#endif
+
 template <class F>
 void runInArena(F&& work) {
     tbb::task_arena arena(workerCount(), 1);
@@ -47,6 +62,10 @@ void runInArena(F&& work) {
         tbb::task_arena& a;
         ~Terminate() { a.terminate(); }
     } terminate{arena};
+    struct Collect {
+        ~Collect() { handOverAcquire(); }
+    } collect;
+    handOverRelease();
     arena.execute([&work]() { work(); });
 }
 
@@ -68,7 +87,9 @@ void parallelFor(int begin, int end, Body&& body) {
     tbb::parallel_for(
         tbb::blocked_range<int>(begin, end, 1),
         [&body](const tbb::blocked_range<int>& r) {
+            handOverAcquire();
             for (int i = r.begin(); i != r.end(); ++i) body(i);
+            handOverRelease();
         },
         tbb::auto_partitioner());
 }
