@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include <tbb/parallel_invoke.h>
 #include <tbb/task_group.h>
 
 #include <quarrygeom/core/GmParallel.h>
@@ -171,19 +172,20 @@ struct BuildTask {
         }
         const int left = 2 * i + 1, right = 2 * i + 2;
         if (parallel && i < kParallelBuildNodes) {
-            tbb::task_group group;
-            QG_BVH_RELEASE(&kHandOff);
-            group.run([=] {
+            // Both subtrees as child tasks. The tasks refer to these closures, which are
+            // complete before the hand-over is released.
+            const auto buildRight = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
                 run(right, lo + m, hi);
                 QG_BVH_RELEASE(&kHandOff);
-            });
-            group.run([=] {
+            };
+            const auto buildLeft = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
                 run(left, lo, lo + m);
                 QG_BVH_RELEASE(&kHandOff);
-            });
-            group.wait();
+            };
+            QG_BVH_RELEASE(&kHandOff);
+            tbb::parallel_invoke(buildRight, buildLeft);
             QG_BVH_ACQUIRE(&kHandOff);
         } else {
             run(left, lo, lo + m);
