@@ -84,12 +84,18 @@ void dispatch(S&& serial, P&& parallel) {
 template <class Body>
 void parallelFor(int begin, int end, Body&& body) {
     if (end <= begin) return;
+    struct Collect {
+        ~Collect() { handOverAcquire(); }
+    } collect;
+    handOverRelease();
     tbb::parallel_for(
         tbb::blocked_range<int>(begin, end, 1),
         [&body](const tbb::blocked_range<int>& r) {
             handOverAcquire();
+            struct Release {
+                ~Release() { handOverRelease(); }
+            } release;  // also when the body throws
             for (int i = r.begin(); i != r.end(); ++i) body(i);
-            handOverRelease();
         },
         tbb::auto_partitioner());
 }
