@@ -20,11 +20,7 @@
 #include <string>
 #include <vector>
 
-#ifdef QG_HAVE_GMP
-#include <gmp.h>
-#include <mpfr.h>
-#endif
-
+#include <qgtools/ccd_queries.h>
 #include <qgtools/data_dir.h>
 #include <quarrygeom/primitives/GmIntersection.h>
 
@@ -34,53 +30,9 @@ namespace {
 
 using Vec = GmTVector<double>;
 
-struct Query {
-    Vec v[8];
-    bool truth = false;
-};
+using Query = qgtools::CcdQuery;
 
-// Nearest double to num/den (correctly rounded with MPFR when available).
-double rationalToDouble(const std::string& num, const std::string& den) {
-#ifdef QG_HAVE_GMP
-    mpq_t q;
-    mpq_init(q);
-    const std::string text = num + "/" + den;
-    mpq_set_str(q, text.c_str(), 10);
-    mpq_canonicalize(q);
-    mpfr_t f;
-    mpfr_init2(f, 53);
-    mpfr_set_q(f, q, MPFR_RNDN);
-    const double d = mpfr_get_d(f, MPFR_RNDN);
-    mpfr_clear(f);
-    mpq_clear(q);
-    return d;
-#else
-    return std::strtod(num.c_str(), nullptr) / std::strtod(den.c_str(), nullptr);
-#endif
-}
-
-std::vector<Query> readQueries(const fs::path& file) {
-    std::vector<Query> out;
-    std::ifstream in(file);
-    std::string line;
-    Query q;
-    int row = 0;
-    while (std::getline(in, line)) {
-        if (line.empty()) continue;
-        std::vector<std::string> cols;
-        std::stringstream ss(line);
-        std::string cell;
-        while (std::getline(ss, cell, ',')) cols.push_back(cell);
-        if (cols.size() < 7) continue;
-        for (int k = 0; k < 3; ++k) q.v[row][k] = rationalToDouble(cols[2 * k], cols[2 * k + 1]);
-        q.truth = std::atoi(cols[6].c_str()) != 0;
-        if (++row == 8) {
-            out.push_back(q);
-            row = 0;
-        }
-    }
-    return out;
-}
+std::vector<Query> readQueries(const fs::path& file) { return qgtools::readCcdQueries(file.string()); }
 
 bool runQuery(const Query& q, bool edgeEdge) {
     double time;

@@ -12,11 +12,7 @@
 #include <string>
 #include <vector>
 
-#ifdef QG_HAVE_GMP
-#include <gmp.h>
-#include <mpfr.h>
-#endif
-
+#include <qgtools/ccd_queries.h>
 #include <qgtools/data_dir.h>
 #include <quarrygeom/primitives/GmIntersection.h>
 
@@ -26,29 +22,9 @@ namespace {
 
 using Vec = GmTVector<double>;
 
-struct Query {
-    Vec v[8];
-    bool truth = false;
+struct Query : qgtools::CcdQuery {
     std::string origin;
 };
-
-double toDouble(const std::string& num, const std::string& den) {
-#ifdef QG_HAVE_GMP
-    mpq_t q;
-    mpq_init(q);
-    mpq_set_str(q, (num + "/" + den).c_str(), 10);
-    mpq_canonicalize(q);
-    mpfr_t f;
-    mpfr_init2(f, 53);
-    mpfr_set_q(f, q, MPFR_RNDN);
-    const double d = mpfr_get_d(f, MPFR_RNDN);
-    mpfr_clear(f);
-    mpq_clear(q);
-    return d;
-#else
-    return std::strtod(num.c_str(), nullptr) / std::strtod(den.c_str(), nullptr);
-#endif
-}
 
 // All query files, parsed once: key "set/kind".
 const std::map<std::string, std::vector<Query>>& allQueries() {
@@ -60,23 +36,12 @@ const std::map<std::string, std::vector<Query>>& allQueries() {
             if (!entry.is_regular_file() || entry.path().extension() != ".csv") continue;
             const fs::path kind = entry.path().parent_path();
             const std::string key = kind.parent_path().filename().string() + "/" + kind.filename().string();
-            std::ifstream in(entry.path());
-            std::string line;
-            Query q;
-            int row = 0, index = 0;
-            while (std::getline(in, line)) {
-                std::vector<std::string> cols;
-                std::stringstream ss(line);
-                std::string cell;
-                while (std::getline(ss, cell, ',')) cols.push_back(cell);
-                if (cols.size() < 7) continue;
-                for (int k = 0; k < 3; ++k) q.v[row][k] = toDouble(cols[2 * k], cols[2 * k + 1]);
-                q.truth = std::atoi(cols[6].c_str()) != 0;
-                if (++row == 8) {
-                    q.origin = entry.path().filename().string() + " #" + std::to_string(index++);
-                    out[key].push_back(q);
-                    row = 0;
-                }
+            int index = 0;
+            for (const qgtools::CcdQuery& c : qgtools::readCcdQueries(entry.path().string())) {
+                Query q;
+                static_cast<qgtools::CcdQuery&>(q) = c;
+                q.origin = entry.path().filename().string() + " #" + std::to_string(index++);
+                out[key].push_back(q);
             }
         }
         return out;
