@@ -8,6 +8,7 @@
 // any ray agree. Every test below uses exact signs.
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmContactKernels.h>
 
@@ -133,51 +135,68 @@ bool segmentMeetsTriangle(const V3& p, const V3& q, const V3& a, const V3& b, co
 // opposite edge meets the other face. (This covers an edge from v that runs into the other
 // face's plane and sector, coplanar or not.)
 bool vertexNeighboursOverlap(const V3& v, const V3& a1, const V3& b1, const V3& a2, const V3& b2) {
+    // Usually the second face lies on one side of the first one's plane and meets it only in v.
+    if (orient3(v, a1, b1, a2) * orient3(v, a1, b1, b2) > 0) return false;
     return segmentMeetsTriangle(a1, b1, v, a2, b2) || segmentMeetsTriangle(a2, b2, v, a1, b1);
+}
+
+// The pairs of faces around vertex v that have v as their smallest common vertex.
+bool adjacentFacesOverlapAt(const GmTriangleMesh& mesh, int v) {
+    const std::vector<V3>& V = mesh.getVertices();
+    const GmIndexList around = mesh.getNeighborFacesToVertex(v);
+    for (size_t i = 0; i < around.size(); ++i) {
+        const GmTriangleFace& f = mesh.getFace(around[i]);
+        const int sf = f.vertexSlot(v);
+        for (size_t j = i + 1; j < around.size(); ++j) {
+            const GmTriangleFace& g = mesh.getFace(around[j]);
+            int shared = 0, smallest = v;
+            for (const int w : f.vertices)
+                if (g.hasVertex(w)) {
+                    ++shared;
+                    smallest = std::min(smallest, w);
+                }
+            if (smallest != v) continue;
+            if (shared == 3) return true;
+            const int sg = g.vertexSlot(v);
+            if (shared == 2) {
+                // The shared edge runs v -> u in one face and u -> v in the other.
+                const GmTriangleFace& first = f.hasVertex(g.vertices[(sg + 1) % 3]) ? g : f;
+                const GmTriangleFace& second = &first == &f ? g : f;
+                const int s = first.vertexSlot(v);
+                const int u = first.vertices[(s + 1) % 3], w1 = first.vertices[(s + 2) % 3];
+                int w2 = -1;
+                for (const int w : second.vertices)
+                    if (w != u && w != v) w2 = w;
+                if (edgeNeighboursOverlap(V[static_cast<size_t>(v)], V[static_cast<size_t>(u)],
+                                          V[static_cast<size_t>(w1)], V[static_cast<size_t>(w2)]))
+                    return true;
+                continue;
+            }
+            if (vertexNeighboursOverlap(V[static_cast<size_t>(v)], V[static_cast<size_t>(f.vertices[(sf + 1) % 3])],
+                                        V[static_cast<size_t>(f.vertices[(sf + 2) % 3])],
+                                        V[static_cast<size_t>(g.vertices[(sg + 1) % 3])],
+                                        V[static_cast<size_t>(g.vertices[(sg + 2) % 3])]))
+                return true;
+        }
+    }
+    return false;
 }
 
 // Every pair of faces sharing a vertex, taken once at the smallest shared vertex.
 bool adjacentFacesOverlap(const GmTriangleMesh& mesh) {
-    const std::vector<V3>& V = mesh.getVertices();
-    for (int v = 0; v < mesh.getNumberVertices(); ++v) {
-        const GmIndexList around = mesh.getNeighborFacesToVertex(v);
-        for (size_t i = 0; i < around.size(); ++i) {
-            const GmTriangleFace& f = mesh.getFace(around[i]);
-            const int sf = f.vertexSlot(v);
-            for (size_t j = i + 1; j < around.size(); ++j) {
-                const GmTriangleFace& g = mesh.getFace(around[j]);
-                int shared = 0, smallest = v;
-                for (const int w : f.vertices)
-                    if (g.hasVertex(w)) {
-                        ++shared;
-                        smallest = std::min(smallest, w);
-                    }
-                if (smallest != v) continue;
-                if (shared == 3) return true;
-                const int sg = g.vertexSlot(v);
-                if (shared == 2) {
-                    // The shared edge runs v -> u in one face and u -> v in the other.
-                    const GmTriangleFace& first = f.hasVertex(g.vertices[(sg + 1) % 3]) ? g : f;
-                    const GmTriangleFace& second = &first == &f ? g : f;
-                    const int s = first.vertexSlot(v);
-                    const int u = first.vertices[(s + 1) % 3], w1 = first.vertices[(s + 2) % 3];
-                    int w2 = -1;
-                    for (const int w : second.vertices)
-                        if (w != u && w != v) w2 = w;
-                    if (edgeNeighboursOverlap(V[static_cast<size_t>(v)], V[static_cast<size_t>(u)],
-                                              V[static_cast<size_t>(w1)], V[static_cast<size_t>(w2)]))
-                        return true;
-                    continue;
-                }
-                if (vertexNeighboursOverlap(V[static_cast<size_t>(v)], V[static_cast<size_t>(f.vertices[(sf + 1) % 3])],
-                                            V[static_cast<size_t>(f.vertices[(sf + 2) % 3])],
-                                            V[static_cast<size_t>(g.vertices[(sg + 1) % 3])],
-                                            V[static_cast<size_t>(g.vertices[(sg + 2) % 3])]))
-                    return true;
-            }
-        }
-    }
-    return false;
+    std::atomic<bool> met{false};
+    GmParallel::dispatch(
+        [&] {
+            for (int v = 0; v < mesh.getNumberVertices() && !met.load(std::memory_order_relaxed); ++v)
+                if (adjacentFacesOverlapAt(mesh, v)) met.store(true, std::memory_order_relaxed);
+        },
+        [&] {
+            GmParallel::parallelFor(0, mesh.getNumberVertices(), [&](int v) {
+                if (!met.load(std::memory_order_relaxed) && adjacentFacesOverlapAt(mesh, v))
+                    met.store(true, std::memory_order_relaxed);
+            });
+        });
+    return met.load(std::memory_order_relaxed);
 }
 
 // ---- Faces without a shared vertex ----------------------------------------------------------
@@ -186,46 +205,66 @@ inline bool sharesVertex(const GmTriangleFace& f, const GmTriangleFace& g) {
     return f.hasVertex(g.vertices[0]) || f.hasVertex(g.vertices[1]) || f.hasVertex(g.vertices[2]);
 }
 
-// Any two faces without a common vertex that touch or cross (every leaf pair of the tree with
-// overlapping boxes, tested exactly).
-bool separateFacesMeet(const GmBoundingVolumeHierarchy& tree) {
+// Two faces without a common vertex that touch or cross, one in each subtree of internal node i
+// (every leaf pair with overlapping boxes, tested exactly).
+bool separateFacesMeetBelow(const GmBoundingVolumeHierarchy& tree, int i) {
     const GmTriangleMesh& mesh = *tree.getTriangleMesh();
     const std::vector<V3>& V = mesh.getVertices();
     const std::vector<Node>& nodes = tree.getNodes();
-    std::vector<std::pair<int, int>> stack;
-    std::vector<V3> points;
-    for (int i = 0; i < tree.getNumberInternalNodes(); ++i) {
-        stack.emplace_back(2 * i + 1, 2 * i + 2);
-        while (!stack.empty()) {
-            const std::pair<int, int> pr = stack.back();
-            stack.pop_back();
-            const Node& a = nodes[static_cast<size_t>(pr.first)];
-            const Node& b = nodes[static_cast<size_t>(pr.second)];
-            if (!a.box.overlaps(b.box)) continue;
-            if (a.isLeaf() && b.isLeaf()) {
-                const GmTriangleFace& f = *a.primitive;
-                const GmTriangleFace& g = *b.primitive;
-                if (sharesVertex(f, g)) continue;
-                if (GmContactKernels::triangleTriangleIntersection(
-                        V[static_cast<size_t>(f.vertices[0])], V[static_cast<size_t>(f.vertices[1])],
-                        V[static_cast<size_t>(f.vertices[2])], V[static_cast<size_t>(g.vertices[0])],
-                        V[static_cast<size_t>(g.vertices[1])], V[static_cast<size_t>(g.vertices[2])], points))
-                    return true;
-            } else if (a.isLeaf()) {
-                stack.emplace_back(pr.first, 2 * pr.second + 1);
-                stack.emplace_back(pr.first, 2 * pr.second + 2);
-            } else if (b.isLeaf()) {
-                stack.emplace_back(2 * pr.first + 1, pr.second);
-                stack.emplace_back(2 * pr.first + 2, pr.second);
-            } else {
-                stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 1);
-                stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 2);
-                stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 1);
-                stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 2);
+    static thread_local std::vector<std::pair<int, int>> stack;
+    static thread_local std::vector<V3> points;
+    stack.clear();
+    stack.emplace_back(2 * i + 1, 2 * i + 2);
+    while (!stack.empty()) {
+        const std::pair<int, int> pr = stack.back();
+        stack.pop_back();
+        const Node& a = nodes[static_cast<size_t>(pr.first)];
+        const Node& b = nodes[static_cast<size_t>(pr.second)];
+        if (!a.box.overlaps(b.box)) continue;
+        if (a.isLeaf() && b.isLeaf()) {
+            const GmTriangleFace& f = *a.primitive;
+            const GmTriangleFace& g = *b.primitive;
+            if (sharesVertex(f, g)) continue;
+            if (GmContactKernels::triangleTriangleIntersection(
+                    V[static_cast<size_t>(f.vertices[0])], V[static_cast<size_t>(f.vertices[1])],
+                    V[static_cast<size_t>(f.vertices[2])], V[static_cast<size_t>(g.vertices[0])],
+                    V[static_cast<size_t>(g.vertices[1])], V[static_cast<size_t>(g.vertices[2])], points)) {
+                stack.clear();
+                return true;
             }
+        } else if (a.isLeaf()) {
+            stack.emplace_back(pr.first, 2 * pr.second + 1);
+            stack.emplace_back(pr.first, 2 * pr.second + 2);
+        } else if (b.isLeaf()) {
+            stack.emplace_back(2 * pr.first + 1, pr.second);
+            stack.emplace_back(2 * pr.first + 2, pr.second);
+        } else {
+            stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 1);
+            stack.emplace_back(2 * pr.first + 1, 2 * pr.second + 2);
+            stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 1);
+            stack.emplace_back(2 * pr.first + 2, 2 * pr.second + 2);
         }
     }
     return false;
+}
+
+// Any two faces without a common vertex that touch or cross: the pairs below every internal
+// node, which together are all pairs of leaves.
+bool separateFacesMeet(const GmBoundingVolumeHierarchy& tree) {
+    std::atomic<bool> met{false};
+    const int internal = tree.getNumberInternalNodes();
+    GmParallel::dispatch(
+        [&] {
+            for (int i = 0; i < internal && !met.load(std::memory_order_relaxed); ++i)
+                if (separateFacesMeetBelow(tree, i)) met.store(true, std::memory_order_relaxed);
+        },
+        [&] {
+            GmParallel::parallelFor(0, internal, [&](int i) {
+                if (!met.load(std::memory_order_relaxed) && separateFacesMeetBelow(tree, i))
+                    met.store(true, std::memory_order_relaxed);
+            });
+        });
+    return met.load(std::memory_order_relaxed);
 }
 
 // ---- Parts: orientation and nesting -------------------------------------------------------
@@ -340,8 +379,6 @@ void ThinFaces::build(const GmTriangleMesh& mesh, int axis) {
         const V3& v1 = V[static_cast<size_t>(face.vertices[0])];
         const V3& v2 = V[static_cast<size_t>(face.vertices[1])];
         const V3& v3 = V[static_cast<size_t>(face.vertices[2])];
-        // A face seen exactly edge-on is never crossed transversally.
-        if (orient2Dropped(v1, v2, v3, axis) == 0) continue;
         // The seeding test's determinant, as it computes it; skipped at 1e-8. Its barycentric
         // coordinates carry a rounding error of a few ulps times the squared projected edge
         // length over the determinant, which must stay well below their tolerance of 1e-8.
@@ -353,6 +390,8 @@ void ThinFaces::build(const GmTriangleMesh& mesh, int axis) {
             edge2 = std::max(edge2, db * db + dc * dc);
         }
         if (std::fabs(det) > 1e-8 + 1e-7 * edge2) continue;
+        // A face seen exactly edge-on is never crossed transversally.
+        if (orient2Dropped(v1, v2, v3, axis) == 0) continue;
         Item item;
         item.face = f;
         item.lo[0] = std::min({v1[B], v2[B], v3[B]});
