@@ -88,12 +88,18 @@ bool GmBoundingVolumeHierarchy::prepareInsideQueries(bool includeDisabled) const
 }
 
 int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, bool includeDisabled) const {
-    if (!isInside(p)) return 0;  // outside the root box (or not finite): never inside
-    if (!insideQueriesPrepared(includeDisabled)) return -1;
-    const Certificate& certificate = _insideCache.state().certificate;
+    // Outside the root box (or not finite): never inside. (isInside, without the call.)
+    if (_nodes.empty()) return 0;
+    const GmAxisAlignedBox& root = _nodes[0].box;
+    if (!(root.minX <= p.x && p.x <= root.maxX && root.minY <= p.y && p.y <= root.maxY && root.minZ <= p.z &&
+          p.z <= root.maxZ))
+        return 0;
+    const InsideCache::State& state = _insideCache.state();
+    if (state.status.load(std::memory_order_acquire) != kCertified) return -1;
+    const Certificate& certificate = state.certificate;
+    if (!includeDisabled && (certificate.anyNodeDisabled || GmDisabledData::isActive(_disabledData))) return -1;
 
     // The ray towards the nearest face of the root box first: it meets the fewest boxes.
-    const GmAxisAlignedBox& root = _nodes[0].box;
     const double room[6] = {root.maxX - p.x, root.maxY - p.y, root.maxZ - p.z,
                             p.x - root.minX, p.y - root.minY, p.z - root.minZ};
     int first = 0;

@@ -129,22 +129,35 @@ RayOutcome castAxisRay(const Node* nodes, const GmTriangleMesh& mesh, const V3& 
     const float cLo = floatDown(p[C] - delta), cHi = floatUp(p[C] + delta);
     const double delta2 = delta * delta;
     const V3* v = mesh.getVertices().data();
+    // One branch per box: the five comparisons are combined without short-circuit.
+    const auto passes = [&](const GmAxisAlignedBox& box) {
+        return static_cast<bool>((S > 0 ? boxMax<A>(box) >= aLo : boxMin<A>(box) <= aHi) & (boxMin<B>(box) <= bHi) &
+                                 (boxMax<B>(box) >= bLo) & (boxMin<C>(box) <= cHi) & (boxMax<C>(box) >= cLo));
+    };
+    if (!passes(nodes[0].box)) return kRayDecided;
     int stack[64];
     int top = 0;
     int i = 0;
     for (;;) {
         const Node& node = nodes[i];
-        const GmAxisAlignedBox& box = node.box;
-        const bool ahead = S > 0 ? boxMax<A>(box) >= aLo : boxMin<A>(box) <= aHi;
-        if (ahead && boxMin<B>(box) <= bHi && boxMax<B>(box) >= bLo && boxMin<C>(box) <= cHi &&
-            boxMax<C>(box) >= cLo) {
-            if (!node.isLeaf()) {
-                stack[top++] = 2 * i + 2;
-                i = 2 * i + 1;
+        if (!node.isLeaf()) {
+            // Children are tested before they are entered: a passing one is entered, the other
+            // kept on the stack when it passes too.
+            const int left = 2 * i + 1, right = left + 1;
+            const bool inLeft = passes(nodes[left].box), inRight = passes(nodes[right].box);
+            if (inLeft) {
+                if (inRight) stack[top++] = right;
+                i = left;
                 continue;
             }
+            if (inRight) {
+                i = right;
+                continue;
+            }
+        } else {
             const GmTriangleFace& f = *node.primitive;
             if (!skip(f.index)) {
+                const GmAxisAlignedBox& box = node.box;
                 const V3& a = v[f.vertices[0]];
                 const V3& b = v[f.vertices[1]];
                 const V3& c = v[f.vertices[2]];
