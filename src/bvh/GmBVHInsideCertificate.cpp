@@ -348,7 +348,7 @@ bool partsNested(const GmBoundingVolumeHierarchy& tree, const std::vector<int>& 
                 for (const int t : touched) odd[static_cast<size_t>(t)] = 0;
                 touched.clear();
                 const RayOutcome r = castAxisRay(
-                    d, nodes, mesh, origin, 0.0, [&](int f) { return part[static_cast<size_t>(f)] == c; },
+                    d, nodes, tree.getNumberNodes(), mesh, origin, 0.0, [&](int f) { return part[static_cast<size_t>(f)] == c; },
                     [&](int f) {
                         const int q = part[static_cast<size_t>(f)];
                         if (odd[static_cast<size_t>(q)] == 0) touched.push_back(q);

@@ -109,7 +109,7 @@ int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, boo
         const int d = k == 0 ? first : (k <= first ? k - 1 : k);
         bool odd = false;
         const RayOutcome r = castAxisRay(
-            d, _nodes.data(), *_mesh, p, certificate.delta, [](int) { return false; }, [&odd](int) { odd = !odd; });
+            d, _nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p, certificate.delta, [](int) { return false; }, [&odd](int) { odd = !odd; });
         if (r == kRayNearSurface) return -1;
         if (r != kRayDecided) continue;
         if (!odd) return 0;
