@@ -151,16 +151,79 @@ void BM_Ours_ClosestPoint(benchmark::State& state) {
     label(state, static_cast<int>(state.range(0)), "");
 }
 
+// Steady state: the ray-parity check is built before the timed loop (its cost is
+// BM_Ours_InsidePrepare). The counter "inside" is the number of points found inside, to be
+// compared with BM_CGAL_Inside's.
 void BM_Ours_Inside(benchmark::State& state) {
     Scene& s = scene(static_cast<int>(state.range(0)));
     GmBoundingVolumeHierarchy h(&s.mesh);
+    const bool prepared = h.prepareInsideQueries(true);
+    int inside = 0;
     for (auto _ : state) {
-        int inside = 0;
+        inside = 0;
         for (const V3& p : s.points) inside += h.isInsideMesh(p, true);
         benchmark::DoNotOptimize(inside);
     }
+    state.counters["inside"] = inside;
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.points.size()));
+    label(state, static_cast<int>(state.range(0)), prepared ? "ray parity" : "closest point");
+}
+
+// The closest-point decision that isInsideMesh makes without the ray test: the signed distance
+// of the search with the inside check (what isInsideMesh cost before the ray test).
+void BM_Ours_InsideBySearch(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    GmBoundingVolumeHierarchy h(&s.mesh);
+    int inside = 0;
+    for (auto _ : state) {
+        inside = 0;
+        for (const V3& p : s.points) {
+            V3 closest, normal;
+            int face;
+            bool pinched;
+            inside += h.findClosestPoint(p, closest, face, normal, pinched, true, true) <= 0.0;
+        }
+        benchmark::DoNotOptimize(inside);
+    }
+    state.counters["inside"] = inside;
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.points.size()));
     label(state, static_cast<int>(state.range(0)), "");
+}
+
+// Building the ray-parity check on a fresh hierarchy (the hierarchy build is not timed). The
+// second argument is the multithreading switch, as for the build.
+void BM_Ours_InsidePrepare(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    std::unique_ptr<GmBoundingVolumeHierarchy> h;
+    Threading t(state.range(1) != 0);
+    bool prepared = false;
+    for (auto _ : state) {
+        state.PauseTiming();
+        h.reset(new GmBoundingVolumeHierarchy(&s.mesh));
+        state.ResumeTiming();
+        prepared = h->prepareInsideQueries(true);
+    }
+    label(state, static_cast<int>(state.range(0)),
+          (std::string(state.range(1) ? "parallel " : "serial ") + (prepared ? "certified" : "refused")).c_str());
+}
+
+// The first round of queries on a fresh hierarchy: closest-point searches until they have cost
+// about as much as the check, the check, then ray parity (the hierarchy build is not timed).
+void BM_Ours_InsideFirstRound(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    std::unique_ptr<GmBoundingVolumeHierarchy> h;
+    int inside = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        h.reset(new GmBoundingVolumeHierarchy(&s.mesh));
+        state.ResumeTiming();
+        inside = 0;
+        for (const V3& p : s.points) inside += h->isInsideMesh(p, true);
+        benchmark::DoNotOptimize(inside);
+    }
+    state.counters["inside"] = inside;
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.points.size()));
+    label(state, static_cast<int>(state.range(0)), h->insideQueriesPrepared(true) ? "checked" : "not checked");
 }
 
 void BM_Ours_RayAllHits(benchmark::State& state) {
@@ -246,11 +309,13 @@ void BM_CGAL_Inside(benchmark::State& state) {
     const Scene& s = scene(which);
     CGAL::Side_of_triangle_mesh<SurfaceMesh, K> side(m);
     side(K::Point_3(0, 0, 0));  // builds its tree
+    int inside = 0;
     for (auto _ : state) {
-        int inside = 0;
+        inside = 0;
         for (const V3& p : s.points) inside += side(K::Point_3(p.x, p.y, p.z)) != CGAL::ON_UNBOUNDED_SIDE;
         benchmark::DoNotOptimize(inside);
     }
+    state.counters["inside"] = inside;
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.points.size()));
     label(state, which, "");
 }
@@ -485,6 +550,13 @@ BENCHMARK(BM_Ours_Build)->Apply(buildArgs);
 BENCHMARK(BM_Ours_Refit)->Apply(refitArgs);
 BENCHMARK(BM_Ours_ClosestPoint)->Apply(queryArgs);
 BENCHMARK(BM_Ours_Inside)->Apply(closedArgs);
+BENCHMARK(BM_Ours_InsideBySearch)->Apply(closedArgs);
+BENCHMARK(BM_Ours_InsidePrepare)->Apply([](benchmark::internal::Benchmark* b) {
+    for (int m : {1, 3})
+        for (int t = 0; t < 2; ++t) b->Args({m, t});
+    b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
+});
+BENCHMARK(BM_Ours_InsideFirstRound)->Apply(closedArgs);
 BENCHMARK(BM_Ours_RayAllHits)->Apply(queryArgs);
 #ifdef QG_HAVE_CGAL
 BENCHMARK(BM_CGAL_Build)->Apply(serialBuildArgs);

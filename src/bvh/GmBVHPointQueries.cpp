@@ -404,8 +404,11 @@ double GmBoundingVolumeHierarchy::findClosestVertex(const GmTVector<double>& p, 
 // ---- Inside -----------------------------------------------------------------------------
 
 bool GmBoundingVolumeHierarchy::isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const {
+    // Away from the surface of a checked mesh the parity of ray crossings gives the same answer.
+    const int byRays = insideByRayParity(p, includeDisabled);
+    if (byRays >= 0) return byRays != 0;
     ClosestPointInfo info;
-    return _closestPointSigned(p, info, true, includeDisabled, -1) <= 0.0;
+    return _closestPointInside(p, info, includeDisabled) <= 0.0;
 }
 
 bool GmBoundingVolumeHierarchy::isMeshClosed(bool includeDisabled) const {
@@ -501,8 +504,10 @@ bool GmBoundingVolumeHierarchy::pointsInsideMesh(const GmBoundingVolumeHierarchy
     if (_mesh == nullptr || _nodes.empty() || other._mesh == nullptr) return false;
     const std::vector<GmTVector<double>>& V = other._mesh->getVertices();
     for (int v = 0; v < static_cast<int>(V.size()); ++v) {
+        // Vertices that ray parity puts outside need no search; inside ones need the record.
+        if (insideByRayParity(V[static_cast<size_t>(v)], includeDisabled) == 0) continue;
         ClosestPointInfo info;
-        const double d = _closestPointSigned(V[static_cast<size_t>(v)], info, true, includeDisabled, -1);
+        const double d = _closestPointInside(V[static_cast<size_t>(v)], info, includeDisabled);
         if (info.face < 0 || !(d <= 0.0)) continue;
         GmInsideInfo rec;
         rec.vertex = v;

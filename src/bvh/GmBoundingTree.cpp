@@ -161,6 +161,12 @@ double GmBoundingTree::getNearestVertex(const GmTVector<double>& p, int& vertex,
 bool GmBoundingTree::isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const {
     return _hierarchy->isInsideMesh(p, includeDisabled);
 }
+bool GmBoundingTree::prepareInsideQueries(bool includeDisabled) const {
+    return _hierarchy->prepareInsideQueries(includeDisabled);
+}
+bool GmBoundingTree::insideQueriesPrepared(bool includeDisabled) const {
+    return _hierarchy->insideQueriesPrepared(includeDisabled);
+}
 bool GmBoundingTree::isMeshClosed(bool includeDisabled) const { return _hierarchy->isMeshClosed(includeDisabled); }
 bool GmBoundingTree::isBoundaryEdge(int edge, bool includeDisabled) const {
     return _hierarchy->isBoundaryEdge(edge, includeDisabled);

@@ -77,6 +77,8 @@ public:
                                       GmTVector<double>& normal, bool includeDisabled) const;
     double getNearestVertex(const GmTVector<double>& p, int& vertex, bool includeDisabled) const;
     bool isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const;
+    bool prepareInsideQueries(bool includeDisabled) const;
+    bool insideQueriesPrepared(bool includeDisabled) const;
     bool isMeshClosed(bool includeDisabled) const;
     bool isBoundaryEdge(int edge, bool includeDisabled) const;
     bool isBoundaryVertex(int vertex, bool includeDisabled) const;

@@ -141,6 +141,15 @@ public:
 
     // True when p lies inside the mesh or on its surface.
     bool isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const;
+    // On a closed, manifold, outward oriented mesh without self-intersections or nested parts,
+    // isInsideMesh decides points away from the surface by the parity of the crossings of one
+    // axis ray (the answer is the same). The check that allows this costs about one static
+    // self-intersection pass; isInsideMesh runs it once its closest-point searches since the
+    // last build, refit or mask change have cost as much. prepareInsideQueries runs it now and
+    // returns whether the ray path serves queries with includeDisabled; insideQueriesPrepared
+    // only reports that. Disabled faces (with includeDisabled false) keep the search path.
+    bool prepareInsideQueries(bool includeDisabled) const;
+    bool insideQueriesPrepared(bool includeDisabled) const;
     bool isMeshClosed(bool includeDisabled) const;
     bool isBoundaryEdge(int edge, bool includeDisabled) const;
     bool isBoundaryVertex(int vertex, bool includeDisabled) const;
@@ -244,6 +253,10 @@ protected:
                                bool includeDisabled) const;
     void initializeClosestVertexInfo(const GmTVector<double>& p, int& vertex, double& distanceSquared,
                                      bool includeDisabled) const;
+    // Inside decision by ray parity: 1 inside, 0 outside (always so outside the root box), -1
+    // when the closest-point search has to decide (no check yet or refused, disabled faces, p
+    // near the surface, every axis ray degenerate).
+    int insideByRayParity(const GmTVector<double>& p, bool includeDisabled) const;
 
 private:
     template <int N>
@@ -270,6 +283,27 @@ private:
     bool pointInsideEdge(const GmTVector<double>& d, int face, int edge, bool includeDisabled) const;
     bool pointInsideVertex(const GmTVector<double>& d, int vertex, bool includeDisabled) const;
 
+    // _closestPointSigned with the inside check and no hint, its cost counted towards building
+    // the ray-parity check.
+    double _closestPointInside(const GmTVector<double>& p, ClosestPointInfo& info, bool includeDisabled) const;
+
+    // Lazily built state of the inside queries: whether ray parity may decide them, and the
+    // search work done without it. A copy or an assignment starts afresh.
+    class InsideCache {
+    public:
+        struct State;
+        InsideCache();
+        InsideCache(const InsideCache&);
+        InsideCache& operator=(const InsideCache&);
+        ~InsideCache();
+        // Forget the check (after a build, a refit or a mask change).
+        void reset();
+        State& state() const { return *_state; }
+
+    private:
+        State* _state;
+    };
+
     GmTriangleMesh* _mesh;
     const GmDisabledData* _disabledData;
     bool _ignoreFrozen;
@@ -278,6 +312,7 @@ private:
     int _depth;
     std::vector<Node> _nodes;
     int _numberFaces;  // face count at construction
+    InsideCache _insideCache;
 };
 
 template <typename CurveTree, typename Segment>

@@ -1,0 +1,145 @@
+// Inside test by ray parity: the lazily built check of the mesh, the rule that decides when to
+// build it, and the query that counts the crossings of one axis ray.
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
+#include <quarrygeom/mesh/GmDisabledData.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+
+#include "GmBVHInsideTest.h"
+
+using namespace GmBVHInside;
+
+namespace {
+
+enum InsideStatus { kUnchecked = 0, kCertified = 1, kRefused = 2 };
+
+// Before a check has run on a hierarchy its cost is estimated from the face count (about the
+// serial cost per face measured on the benchmark meshes); afterwards the measured cost is used.
+constexpr std::int64_t kEstimatedCheckNanosPerFace = 1000;
+constexpr std::int64_t kMinSearchesPerCheck = 8;
+
+std::int64_t nanosSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+struct GmBoundingVolumeHierarchy::InsideCache::State {
+    std::mutex mutex;  // held while the check runs
+    std::atomic<int> status{kUnchecked};
+    // Nanoseconds spent in closest-point searches of inside queries since the last reset.
+    std::atomic<std::int64_t> spent{0};
+    // Nanoseconds the last check took (-1: none ran yet); kept over resets.
+    std::atomic<std::int64_t> checkCost{-1};
+    // Written before the status turns kCertified (release), read after seeing it (acquire).
+    Certificate certificate;
+
+    // Runs the check unless it has run since the last reset. Without wait, gives up when another
+    // thread is running it.
+    void check(const GmBoundingVolumeHierarchy& tree, bool wait) {
+        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+        if (wait)
+            lock.lock();
+        else if (!lock.try_lock())
+            return;
+        if (status.load(std::memory_order_relaxed) != kUnchecked) return;
+        const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+        Certificate found;
+        const bool ok = certifyRayParity(tree, found);
+        checkCost.store(nanosSince(start), std::memory_order_relaxed);
+        if (ok) certificate = found;
+        status.store(ok ? kCertified : kRefused, std::memory_order_release);
+    }
+};
+
+GmBoundingVolumeHierarchy::InsideCache::InsideCache() : _state(new State) {}
+GmBoundingVolumeHierarchy::InsideCache::InsideCache(const InsideCache&) : _state(new State) {}
+GmBoundingVolumeHierarchy::InsideCache& GmBoundingVolumeHierarchy::InsideCache::operator=(const InsideCache& other) {
+    if (this != &other) reset();
+    return *this;
+}
+GmBoundingVolumeHierarchy::InsideCache::~InsideCache() { delete _state; }
+
+void GmBoundingVolumeHierarchy::InsideCache::reset() {
+    std::lock_guard<std::mutex> lock(_state->mutex);
+    _state->status.store(kUnchecked, std::memory_order_relaxed);
+    _state->spent.store(0, std::memory_order_relaxed);
+}
+
+// ---- Queries ----------------------------------------------------------------------------
+
+bool GmBoundingVolumeHierarchy::insideQueriesPrepared(bool includeDisabled) const {
+    const InsideCache::State& state = _insideCache.state();
+    if (state.status.load(std::memory_order_acquire) != kCertified) return false;
+    return includeDisabled || (!state.certificate.anyNodeDisabled && !GmDisabledData::isActive(_disabledData));
+}
+
+bool GmBoundingVolumeHierarchy::prepareInsideQueries(bool includeDisabled) const {
+    if (_mesh == nullptr || _nodes.empty()) return false;
+    InsideCache::State& state = _insideCache.state();
+    if (state.status.load(std::memory_order_acquire) == kUnchecked) state.check(*this, true);
+    return insideQueriesPrepared(includeDisabled);
+}
+
+int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, bool includeDisabled) const {
+    // Outside the root box (or not finite): never inside. (isInside, without the call.)
+    if (_nodes.empty()) return 0;
+    const GmAxisAlignedBox& root = _nodes[0].box;
+    if (!(root.minX <= p.x && p.x <= root.maxX && root.minY <= p.y && p.y <= root.maxY && root.minZ <= p.z &&
+          p.z <= root.maxZ))
+        return 0;
+    const InsideCache::State& state = _insideCache.state();
+    if (state.status.load(std::memory_order_acquire) != kCertified) return -1;
+    const Certificate& certificate = state.certificate;
+    if (!includeDisabled && (certificate.anyNodeDisabled || GmDisabledData::isActive(_disabledData))) return -1;
+
+    // The ray towards the nearest face of the root box first: it meets the fewest boxes.
+    const double room[6] = {root.maxX - p.x, root.maxY - p.y, root.maxZ - p.z,
+                            p.x - root.minX, p.y - root.minY, p.z - root.minZ};
+    int first = 0;
+    for (int d = 1; d < 6; ++d)
+        if (room[d] < room[first]) first = d;
+    for (int k = 0; k < 6; ++k) {
+        const int d = k == 0 ? first : (k <= first ? k - 1 : k);
+        bool odd = false;
+        const RayOutcome r = castAxisRay(
+            d, _nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p, certificate.delta, [](int) { return false; }, [&odd](int) { odd = !odd; });
+        if (r == kRayNearSurface) return -1;
+        if (r != kRayDecided) continue;
+        if (!odd) return 0;
+        // Inside, unless a seeding ray of the search could miss every face it crosses: then the
+        // search says outside, and that is the answer to give.
+        for (const ThinFaces& thin : certificate.thin)
+            if (thin.covers(*_mesh, p)) return -1;
+        return 1;
+    }
+    return -1;  // every axis ray met an edge or a vertex
+}
+
+double GmBoundingVolumeHierarchy::_closestPointInside(const GmTVector<double>& p, ClosestPointInfo& info,
+                                                      bool includeDisabled) const {
+    InsideCache::State& state = _insideCache.state();
+    // Count only searches that a check could spare: on a closed mesh without a check yet, with
+    // every face taking part, for points in the root box.
+    const bool count = state.status.load(std::memory_order_relaxed) == kUnchecked &&
+                       (includeDisabled || !GmDisabledData::isActive(_disabledData)) && isMeshClosed(true) &&
+                       isInside(p);
+    if (!count) return _closestPointSigned(p, info, true, includeDisabled, -1);
+
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    const double d = _closestPointSigned(p, info, true, includeDisabled, -1);
+    std::int64_t budget = state.checkCost.load(std::memory_order_relaxed);
+    if (budget < 0) budget = kEstimatedCheckNanosPerFace * _numberFaces;
+    // One search counts for at most an eighth of the check (a thread descheduled in the middle
+    // of it does not buy the check), so fewer than eight searches per refit never run it.
+    const std::int64_t spent = std::min(nanosSince(start), budget / kMinSearchesPerCheck);
+    const std::int64_t total = state.spent.fetch_add(spent, std::memory_order_relaxed) + spent;
+    if (total >= budget) state.check(*this, false);
+    return d;
+}
