@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
 
 #include <tbb/parallel_invoke.h>
 #include <tbb/task_group.h>
@@ -49,15 +52,41 @@ inline int leftCount(int k) {
     return std::min(k - p, 2 * p);
 }
 
-// Strict total order on (key, face): keys ascending (NaN after every number), ties by face.
-inline bool itemLess(const GmBoundingVolumeHierarchy::FaceData& a, const GmBoundingVolumeHierarchy::FaceData& b) {
-    const bool na = std::isnan(a.key), nb = std::isnan(b.key);
-    if (na != nb) return nb;
-    if (!na) {
-        if (a.key < b.key) return true;
-        if (b.key < a.key) return false;
-    }
-    return a.face < b.face;
+// Image of a sort key as an unsigned integer in the same order: both zeros share one value,
+// NaN takes the largest (the build orders NaN keys after every number).
+inline std::uint64_t monotoneKey(double x) {
+    if (std::isnan(x)) return ~std::uint64_t(0);
+    if (x == 0.0) return std::uint64_t(1) << 63;
+    std::uint64_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return (u >> 63) != 0 ? ~u : (u | (std::uint64_t(1) << 63));
+}
+
+// Nearest float at or below / at or above a double, without branches on the rounding
+// direction (which is as good as random): the same values as floatDown / floatUp.
+inline float roundFloatDown(double v) {
+    const float f = static_cast<float>(v);
+    std::uint32_t b;
+    std::memcpy(&b, &f, sizeof b);
+    const std::uint32_t z = b | (static_cast<std::uint32_t>(b == 0u) << 31);  // +0 steps as -0 does
+    const std::uint32_t step = z + 2u * (z >> 31) - 1u;                        // one float towards -inf
+    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) > v);
+    const std::uint32_t r = (b & ~mask) | (step & mask);
+    float out;
+    std::memcpy(&out, &r, sizeof out);
+    return out;
+}
+inline float roundFloatUp(double v) {
+    const float f = static_cast<float>(v);
+    std::uint32_t b;
+    std::memcpy(&b, &f, sizeof b);
+    const std::uint32_t z = b & ~(static_cast<std::uint32_t>(b == 0x80000000u) << 31);  // -0 steps as +0
+    const std::uint32_t step = z + 1u - 2u * (z >> 31);                                 // one float towards +inf
+    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) < v);
+    const std::uint32_t r = (b & ~mask) | (step & mask);
+    float out;
+    std::memcpy(&out, &r, sizeof out);
+    return out;
 }
 
 // Leaf box of one face in mode N (0 plain, 1 swept, 2 thickened).
@@ -84,8 +113,8 @@ inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const G
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
     const double pad = N == 2 ? thickness + kPad : kPad;
-    return GmAxisAlignedBox(floatDown(mn[0] - pad), floatDown(mn[1] - pad), floatDown(mn[2] - pad),
-                            floatUp(mx[0] + pad), floatUp(mx[1] + pad), floatUp(mx[2] + pad));
+    return GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
+                            roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -98,9 +127,31 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 }
 
 typedef GmBoundingVolumeHierarchy::Node Node;
-typedef GmBoundingVolumeHierarchy::FaceData FaceData;
 
-// Per-face initialisation of the build: leaf box, flags (bit 0 disabled, bit 1 frozen) and centre.
+// What the build keeps of one face: its leaf box and flags (bit 0 disabled, bit 1 frozen).
+// Plain data, so that an array of them is not initialised before the build fills it.
+struct alignas(32) LeafRecord {
+    float minX, minY, minZ, maxX, maxY, maxZ;
+    unsigned flags;
+
+    GmAxisAlignedBox box() const { return GmAxisAlignedBox(minX, minY, minZ, maxX, maxY, maxZ); }
+    void setBox(const GmAxisAlignedBox& b) {
+        minX = b.minX;
+        minY = b.minY;
+        minZ = b.minZ;
+        maxX = b.maxX;
+        maxY = b.maxY;
+        maxZ = b.maxZ;
+    }
+};
+
+// Uninitialised array of a trivially constructible type (filled by the build's first pass).
+template <class T>
+std::unique_ptr<T[]> rawArray(std::size_t n) {
+    return std::unique_ptr<T[]>(new T[n]);
+}
+
+// Per-face initialisation of the build: leaf record, and the face centre made current.
 template <int N>
 struct BuildInitializeBody {
     const GmTriangleMesh* mesh;
@@ -108,88 +159,218 @@ struct BuildInitializeBody {
     double thickness;
     const GmDisabledData* disabled;
     const GmFrozenData* frozen;
-    GmAxisAlignedBox* boxes;
-    unsigned char* flags;
-    FaceData* items;
-    GmTVector<double>* centres;
+    LeafRecord* leaves;
 
     void operator()(int f) const {
         QG_BVH_ACQUIRE(&kHandOff);
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
-        boxes[f] = leafBox<N>(mesh->getVertices(), face, positions, thickness);
-        flags[f] = static_cast<unsigned char>((faceDisabled(disabled, f) ? 1 : 0) | (faceFrozen(frozen, f) ? 2 : 0));
-        items[f].face = f;
-        items[f].key = 0.0;
-        centres[f] = mesh->getFaceCenter(f);
+        LeafRecord& r = leaves[f];
+        r.setBox(leafBox<N>(mesh->getVertices(), face, positions, thickness));
+        r.flags = (faceDisabled(disabled, f) ? 1u : 0u) | (faceFrozen(frozen, f) ? 2u : 0u);
+        mesh->getFaceCenter(f);
         QG_BVH_RELEASE(&kHandOff);
     }
 };
 
-// Top-down assignment of items to the subtree rooted at node i.
+// Sort item: the exact key, the face and a coarse monotone image of the key (22 bits).
+struct SortItem {
+    std::uint64_t key;
+    std::uint32_t face;
+    std::uint32_t coarse;
+};
+
+// The faces ordered by (centre on one axis, face index), NaN last. A stable two-pass radix
+// sort on the coarse keys (the centre's place in [lo, hi] in 2^22 steps) starting from face
+// order; runs of equal coarse keys are then put in the order of the exact keys. tmp holds 2n
+// items.
+void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi, SortItem* tmp, int* out) {
+    constexpr int kBits = 11, kBuckets = 1 << kBits;
+    constexpr std::uint32_t kTop = (1u << (2 * kBits)) - 1u;
+    const double scale = static_cast<double>(kTop + 1u) / (hi - lo);
+    const bool scaled = std::isfinite(scale) && scale > 0.0;
+    SortItem* src = tmp;
+    SortItem* dst = tmp + n;
+    std::uint32_t count[2][kBuckets] = {};
+    for (int f = 0; f < n; ++f) {
+        const double x = mesh.getFaceCenter(f)[axis];
+        SortItem& it = src[f];
+        it.key = monotoneKey(x);
+        it.face = static_cast<std::uint32_t>(f);
+        if (!scaled)
+            it.coarse = static_cast<std::uint32_t>(it.key >> (64 - 2 * kBits));
+        else if (std::isnan(x))
+            it.coarse = kTop;
+        else
+            it.coarse = static_cast<std::uint32_t>(std::min(std::max((x - lo) * scale, 0.0), static_cast<double>(kTop)));
+        ++count[0][it.coarse & (kBuckets - 1)];
+        ++count[1][it.coarse >> kBits];
+    }
+    for (int pass = 0; pass < 2; ++pass) {
+        std::uint32_t* c = count[pass];
+        const int shift = pass * kBits;
+        if (c[(src[0].coarse >> shift) & (kBuckets - 1)] == static_cast<std::uint32_t>(n)) continue;
+        std::uint32_t sum = 0;
+        for (int b = 0; b < kBuckets; ++b) {
+            const std::uint32_t t = c[b];
+            c[b] = sum;
+            sum += t;
+        }
+        for (int j = 0; j < n; ++j) dst[c[(src[j].coarse >> shift) & (kBuckets - 1)]++] = src[j];
+        std::swap(src, dst);
+    }
+    // Within a run of equal coarse keys the faces ascend: a stable sort by the exact key
+    // completes the order. Runs are short and mostly in order already.
+    int j = 0;
+    while (j < n) {
+        int e = j + 1;
+        bool sorted = true;
+        while (e < n && src[e].coarse == src[j].coarse) {
+            sorted &= src[e - 1].key <= src[e].key;
+            ++e;
+        }
+        if (!sorted)
+            std::stable_sort(src + j, src + e, [](const SortItem& a, const SortItem& b) { return a.key < b.key; });
+        for (int q = j; q < e; ++q) out[q] = static_cast<int>(src[q].face);
+        j = e;
+    }
+}
+
+// Top-down assignment of faces to nodes. lists[a] holds the faces sorted by their centre on
+// axis a; a node of the item range [lo, hi) finds its faces in that range of all three lists,
+// each in its own axis order. Splitting on axis a leaves lists[a] as it is (the left child takes
+// the first m) and partitions the other two stably, so every child again finds its faces sorted
+// on all three axes. A node's box and flags come from its parent, which gathers both children's
+// in one pass over the faces.
 struct BuildTask {
     Node* nodes;
     const GmTriangleFace* faces;
-    const GmAxisAlignedBox* boxes;
-    const unsigned char* flags;
-    FaceData* items;
-    const GmTVector<double>* centres;
+    const LeafRecord* leaves;
+    int* lists[3];
+    int* scratch;         // n entries; a node uses [lo, hi)
+    unsigned char* side;  // per face: 0 left, 1 right of the current split
     bool parallel;
 
-    void run(int i, int lo, int hi) const {
-        const int k = hi - lo;
+    void setLeaf(int i, int f) const {
         Node& node = nodes[i];
-        if (k == 1) {
-            const int f = items[lo].face;
-            node.box = boxes[f];
-            node.primitive = faces + f;
-            node.disabled = (flags[f] & 1) != 0;
-            node.frozen = (flags[f] & 2) != 0;
-            return;
-        }
-        GmAxisAlignedBox box;
-        unsigned char all = 3;
-        for (int j = lo; j < hi; ++j) {
-            const int f = items[j].face;
-            unionInto(box, boxes[f]);
-            all &= flags[f];
-        }
+        const LeafRecord& r = leaves[f];
+        node.box = r.box();
+        node.primitive = faces + f;
+        node.disabled = (r.flags & 1u) != 0;
+        node.frozen = (r.flags & 2u) != 0;
+    }
+    void setInternal(int i, const GmAxisAlignedBox& box, unsigned flags) const {
+        Node& node = nodes[i];
         node.box = box;
         node.primitive = nullptr;
-        node.disabled = (all & 1) != 0;
-        node.frozen = (all & 2) != 0;
+        node.disabled = (flags & 1u) != 0;
+        node.frozen = (flags & 2u) != 0;
+    }
 
-        const int m = leftCount(k);
-        if (k > 2) {
-            int order[3];
-            box.getExtent().getIndexOrdering(order);
-            const int axis = order[0];
-            for (int j = lo; j < hi; ++j) items[j].key = centres[items[j].face][axis];
-            // The left child takes the m smallest items by (key, face): a selection gives the
-            // same sets as a full sort. Children of two items keep the sorted order.
-            std::nth_element(items + lo, items + lo + m, items + hi, itemLess);
-            if (m == 2 && itemLess(items[lo + 1], items[lo])) std::swap(items[lo], items[lo + 1]);
-            if (k - m == 2 && itemLess(items[lo + m + 1], items[lo + m])) std::swap(items[lo + m], items[lo + m + 1]);
+    // Box and flags of the faces list[from, to), marking their side (mark >= 0).
+    void gather(const int* list, int from, int to, GmAxisAlignedBox& box, unsigned& flags, int mark) const {
+        const LeafRecord* const records = leaves;
+        unsigned char* const sides = side;
+        float x0 = box.minX, y0 = box.minY, z0 = box.minZ, x1 = box.maxX, y1 = box.maxY, z1 = box.maxZ;
+        unsigned all = flags;
+        const unsigned char value = static_cast<unsigned char>(mark);
+        for (int j = from; j < to; ++j) {
+            const int f = list[j];
+            const LeafRecord& r = records[f];
+            x0 = std::min(x0, r.minX);
+            y0 = std::min(y0, r.minY);
+            z0 = std::min(z0, r.minZ);
+            x1 = std::max(x1, r.maxX);
+            y1 = std::max(y1, r.maxY);
+            z1 = std::max(z1, r.maxZ);
+            all &= r.flags;
+            if (mark >= 0) sides[f] = value;
         }
+        box = GmAxisAlignedBox(x0, y0, z0, x1, y1, z1);
+        flags = all;
+    }
+
+    // Stable partition of list[lo, hi) by side: the m left faces first.
+    void partition(int* list, int lo, int hi, int m) const {
+        int* const copy = scratch;
+        const unsigned char* const sides = side;
+        std::memcpy(copy + lo, list + lo, static_cast<size_t>(hi - lo) * sizeof(int));
+        int l = lo, r = lo + m;
+        for (int j = lo; j < hi; ++j) {
+            const int f = copy[j];
+            const int s = sides[f];
+            list[l + ((r - l) & -s)] = f;
+            l += 1 - s;
+            r += s;
+        }
+    }
+
+    // Node i of the range [lo, hi); order is the parent's split list (a node of two keeps it).
+    void child(int i, int lo, int hi, const int* order, const GmAxisAlignedBox& box, unsigned flags) const {
+        const int k = hi - lo;
+        if (k == 1) {
+            setLeaf(i, order[lo]);
+        } else if (k == 2) {
+            setInternal(i, box, flags);
+            setLeaf(2 * i + 1, order[lo]);
+            setLeaf(2 * i + 2, order[lo + 1]);
+        } else {
+            run(i, lo, hi, box, flags);
+        }
+    }
+
+    // Node i with k = hi - lo > 2 faces, whose box and flags are known.
+    void run(int i, int lo, int hi, const GmAxisAlignedBox& box, unsigned flags) const {
+        const int k = hi - lo;
+        setInternal(i, box, flags);
+        int order[3];
+        box.getExtent().getIndexOrdering(order);
+        const int axis = order[0];
+        const int m = leftCount(k);
+        const int* sorted = lists[axis];
+
+        GmAxisAlignedBox leftBox, rightBox;
+        unsigned leftFlags = 3u, rightFlags = 3u;
+        // Children of one or two faces take their faces from the sorted list alone.
+        const bool split = m > 2 || k - m > 2;
+        gather(sorted, lo, lo + m, leftBox, leftFlags, split ? 0 : -1);
+        gather(sorted, lo + m, hi, rightBox, rightFlags, split ? 1 : -1);
+        if (split)
+            for (int a = 0; a < 3; ++a)
+                if (a != axis) partition(lists[a], lo, hi, m);
+
         const int left = 2 * i + 1, right = 2 * i + 2;
         if (parallel && i < kParallelBuildNodes) {
             // Both subtrees as child tasks. The tasks refer to these closures, which are
             // complete before the hand-over is released.
             const auto buildRight = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                run(right, lo + m, hi);
+                child(right, lo + m, hi, sorted, rightBox, rightFlags);
                 QG_BVH_RELEASE(&kHandOff);
             };
             const auto buildLeft = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                run(left, lo, lo + m);
+                child(left, lo, lo + m, sorted, leftBox, leftFlags);
                 QG_BVH_RELEASE(&kHandOff);
             };
             QG_BVH_RELEASE(&kHandOff);
             tbb::parallel_invoke(buildRight, buildLeft);
             QG_BVH_ACQUIRE(&kHandOff);
         } else {
-            run(left, lo, lo + m);
-            run(right, lo + m, hi);
+            child(left, lo, lo + m, sorted, leftBox, leftFlags);
+            child(right, lo + m, hi, sorted, rightBox, rightFlags);
+        }
+    }
+
+    // The whole tree over n faces, whose box and flags are given.
+    void root(int n, const GmAxisAlignedBox& box, unsigned flags) const {
+        if (n == 1) {
+            setLeaf(0, 0);
+        } else if (n == 2) {  // two faces keep their order
+            setInternal(0, box, flags);
+            setLeaf(1, 0);
+            setLeaf(2, 1);
+        } else {
+            run(0, 0, n, box, flags);
         }
     }
 };
@@ -344,26 +525,41 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
     if (n <= 0 || _nodes.empty()) return;
 
-    std::vector<GmAxisAlignedBox> boxes(static_cast<size_t>(n));
-    std::vector<unsigned char> flags(static_cast<size_t>(n));
-    std::vector<FaceData> items(static_cast<size_t>(n));
-    std::vector<GmTVector<double>> centres(static_cast<size_t>(n));
-    const BuildInitializeBody<N> init{_mesh,        positions,    thickness,    disabled,      frozen,
-                                      boxes.data(), flags.data(), items.data(), centres.data()};
-    BuildTask task{_nodes.data(), _mesh->getFaces().data(), boxes.data(), flags.data(), items.data(), centres.data(),
-                   false};
+    const size_t count = static_cast<size_t>(n);
+    const std::unique_ptr<LeafRecord[]> leaves = rawArray<LeafRecord>(count);
+    const std::unique_ptr<int[]> lists = rawArray<int>(3 * count);
+    const BuildInitializeBody<N> init{_mesh, positions, thickness, disabled, frozen, leaves.get()};
+    BuildTask task{_nodes.data(), _mesh->getFaces().data(), leaves.get(),
+                   {lists.get(), lists.get() + n, lists.get() + 2 * n}, nullptr, nullptr, false};
+    GmAxisAlignedBox box;
+    unsigned flags = 3u;
+    // The sort's buffers serve the partitions afterwards.
+    std::unique_ptr<SortItem[]> tmp;
+    const auto prepare = [&] {
+        for (int f = 0; f < n; ++f) {
+            unionInto(box, leaves[f].box());
+            flags &= leaves[f].flags;
+        }
+        tmp = rawArray<SortItem>(2 * count);
+        const double lo[3] = {box.minX, box.minY, box.minZ}, hi[3] = {box.maxX, box.maxY, box.maxZ};
+        for (int a = 0; a < 3; ++a) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a]);
+        task.scratch = reinterpret_cast<int*>(tmp.get());
+        task.side = reinterpret_cast<unsigned char*>(tmp.get() + count);
+    };
 
     GmParallel::dispatch(
         [&] {
             for (int f = 0; f < n; ++f) init(f);
-            task.run(0, 0, n);
+            prepare();
+            task.root(n, box, flags);
         },
         [&] {
             task.parallel = true;
             QG_BVH_RELEASE(&kHandOff);
             GmParallel::parallelFor(0, n, init);
             QG_BVH_ACQUIRE(&kHandOff);
-            task.run(0, 0, n);
+            prepare();
+            task.root(n, box, flags);
         });
 }
 
