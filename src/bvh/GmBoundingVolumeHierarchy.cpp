@@ -179,60 +179,114 @@ struct SortItem {
     std::uint32_t coarse;
 };
 
+// Runs body(c) for every chunk c in [0, chunks): on the calling thread, or as a parallel loop
+// inside the build's arena.
+struct ChunkLoop {
+    bool parallel;
+
+    template <class Body>
+    void operator()(int chunks, const Body& body) const {
+        if (parallel)
+            GmParallel::parallelFor(0, chunks, body);
+        else
+            for (int c = 0; c < chunks; ++c) body(c);
+    }
+};
+
+// Chunks of the per-face passes: enough for the workers to share, few enough to stay cheap.
+inline int chunkCount(int n) { return std::max(1, std::min(64, n / 16384)); }
+inline int chunkBegin(int n, int chunks, int c) {
+    return static_cast<int>(static_cast<std::int64_t>(n) * c / chunks);
+}
+
 // The faces ordered by (centre on one axis, face index), NaN last. A stable two-pass radix
 // sort on the coarse keys (the centre's place in [lo, hi] in 2^22 steps) starting from face
-// order; runs of equal coarse keys are then put in the order of the exact keys. tmp holds 2n
-// items.
-void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi, SortItem* tmp, int* out) {
+// order, each chunk of the input keeping its own counts; runs of equal coarse keys are then
+// put in the order of the exact keys. tmp holds 2n items.
+void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi, SortItem* tmp, int* out,
+              const ChunkLoop& loop) {
     constexpr int kBits = 11, kBuckets = 1 << kBits;
     constexpr std::uint32_t kTop = (1u << (2 * kBits)) - 1u;
     const double scale = static_cast<double>(kTop + 1u) / (hi - lo);
     const bool scaled = std::isfinite(scale) && scale > 0.0;
+    const int chunks = chunkCount(n);
+    std::vector<std::uint32_t> counts(static_cast<size_t>(chunks) * kBuckets);
     SortItem* src = tmp;
     SortItem* dst = tmp + n;
-    std::uint32_t count[2][kBuckets] = {};
-    for (int f = 0; f < n; ++f) {
-        const double x = mesh.getFaceCenter(f)[axis];
-        SortItem& it = src[f];
-        it.key = monotoneKey(x);
-        it.face = static_cast<std::uint32_t>(f);
-        if (!scaled)
-            it.coarse = static_cast<std::uint32_t>(it.key >> (64 - 2 * kBits));
-        else if (std::isnan(x))
-            it.coarse = kTop;
-        else
-            it.coarse = static_cast<std::uint32_t>(std::min(std::max((x - lo) * scale, 0.0), static_cast<double>(kTop)));
-        ++count[0][it.coarse & (kBuckets - 1)];
-        ++count[1][it.coarse >> kBits];
-    }
-    for (int pass = 0; pass < 2; ++pass) {
-        std::uint32_t* c = count[pass];
-        const int shift = pass * kBits;
-        if (c[(src[0].coarse >> shift) & (kBuckets - 1)] == static_cast<std::uint32_t>(n)) continue;
-        std::uint32_t sum = 0;
-        for (int b = 0; b < kBuckets; ++b) {
-            const std::uint32_t t = c[b];
-            c[b] = sum;
-            sum += t;
+
+    loop(chunks, [&](int c) {
+        std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
+        std::fill(count, count + kBuckets, 0u);
+        for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
+            const double x = mesh.getFaceCenter(f)[axis];
+            SortItem& it = src[f];
+            it.key = monotoneKey(x);
+            it.face = static_cast<std::uint32_t>(f);
+            if (!scaled)
+                it.coarse = static_cast<std::uint32_t>(it.key >> (64 - 2 * kBits));
+            else if (std::isnan(x))
+                it.coarse = kTop;
+            else
+                it.coarse = static_cast<std::uint32_t>(std::min(std::max((x - lo) * scale, 0.0), double(kTop)));
+            ++count[it.coarse & (kBuckets - 1)];
         }
-        for (int j = 0; j < n; ++j) dst[c[(src[j].coarse >> shift) & (kBuckets - 1)]++] = src[j];
+    });
+    for (int pass = 0; pass < 2; ++pass) {
+        const int shift = pass * kBits;
+        if (pass > 0)
+            loop(chunks, [&](int c) {
+                std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
+                std::fill(count, count + kBuckets, 0u);
+                for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j)
+                    ++count[(src[j].coarse >> shift) & (kBuckets - 1)];
+            });
+        // Start of every (bucket, chunk) in the output; a pass whose digit never varies is skipped.
+        std::uint32_t sum = 0;
+        bool trivial = false;
+        for (int b = 0; b < kBuckets; ++b) {
+            const std::uint32_t start = sum;
+            for (int c = 0; c < chunks; ++c) {
+                std::uint32_t& count = counts[static_cast<size_t>(c) * kBuckets + b];
+                const std::uint32_t t = count;
+                count = sum;
+                sum += t;
+            }
+            trivial |= sum - start == static_cast<std::uint32_t>(n);
+        }
+        if (trivial) continue;
+        loop(chunks, [&](int c) {
+            std::uint32_t* next = counts.data() + static_cast<size_t>(c) * kBuckets;
+            for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j)
+                dst[next[(src[j].coarse >> shift) & (kBuckets - 1)]++] = src[j];
+        });
         std::swap(src, dst);
     }
     // Within a run of equal coarse keys the faces ascend: a stable sort by the exact key
-    // completes the order. Runs are short and mostly in order already.
-    int j = 0;
-    while (j < n) {
-        int e = j + 1;
-        bool sorted = true;
-        while (e < n && src[e].coarse == src[j].coarse) {
-            sorted &= src[e - 1].key <= src[e].key;
-            ++e;
+    // completes the order. Runs are short and mostly in order already. A chunk takes the runs
+    // that start in it.
+    const SortItem* const items = src;
+    const auto runStart = [&](int j) {
+        while (j > 0 && j < n && items[j].coarse == items[j - 1].coarse) ++j;
+        return j;
+    };
+    loop(chunks, [&](int c) {
+        SortItem* const sorted = src;
+        int j = runStart(chunkBegin(n, chunks, c));
+        const int end = runStart(chunkBegin(n, chunks, c + 1));
+        while (j < end) {
+            int e = j + 1;
+            bool ordered = true;
+            while (e < n && sorted[e].coarse == sorted[j].coarse) {
+                ordered &= sorted[e - 1].key <= sorted[e].key;
+                ++e;
+            }
+            if (!ordered)
+                std::stable_sort(sorted + j, sorted + e,
+                                 [](const SortItem& a, const SortItem& b) { return a.key < b.key; });
+            for (int q = j; q < e; ++q) out[q] = static_cast<int>(sorted[q].face);
+            j = e;
         }
-        if (!sorted)
-            std::stable_sort(src + j, src + e, [](const SortItem& a, const SortItem& b) { return a.key < b.key; });
-        for (int q = j; q < e; ++q) out[q] = static_cast<int>(src[q].face);
-        j = e;
-    }
+    });
 }
 
 // Top-down assignment of faces to nodes. lists[a] holds the faces sorted by their centre on
@@ -535,14 +589,27 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     unsigned flags = 3u;
     // The sort's buffers serve the partitions afterwards.
     std::unique_ptr<SortItem[]> tmp;
-    const auto prepare = [&] {
-        for (int f = 0; f < n; ++f) {
-            unionInto(box, leaves[f].box());
-            flags &= leaves[f].flags;
+    const auto prepare = [&](const ChunkLoop& loop) {
+        // Root box and flags, combined in face order.
+        const int chunks = chunkCount(n);
+        std::vector<LeafRecord> parts(static_cast<size_t>(chunks));
+        loop(chunks, [&](int c) {
+            GmAxisAlignedBox b;
+            unsigned all = 3u;
+            for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
+                unionInto(b, leaves[f].box());
+                all &= leaves[f].flags;
+            }
+            parts[static_cast<size_t>(c)].setBox(b);
+            parts[static_cast<size_t>(c)].flags = all;
+        });
+        for (const LeafRecord& part : parts) {
+            unionInto(box, part.box());
+            flags &= part.flags;
         }
         tmp = rawArray<SortItem>(2 * count);
         const double lo[3] = {box.minX, box.minY, box.minZ}, hi[3] = {box.maxX, box.maxY, box.maxZ};
-        for (int a = 0; a < 3; ++a) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a]);
+        for (int a = 0; a < 3; ++a) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a], loop);
         task.scratch = reinterpret_cast<int*>(tmp.get());
         task.side = reinterpret_cast<unsigned char*>(tmp.get() + count);
     };
@@ -550,7 +617,7 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     GmParallel::dispatch(
         [&] {
             for (int f = 0; f < n; ++f) init(f);
-            prepare();
+            prepare(ChunkLoop{false});
             task.root(n, box, flags);
         },
         [&] {
@@ -558,7 +625,7 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
             QG_BVH_RELEASE(&kHandOff);
             GmParallel::parallelFor(0, n, init);
             QG_BVH_ACQUIRE(&kHandOff);
-            prepare();
+            prepare(ChunkLoop{true});
             task.root(n, box, flags);
         });
 }
