@@ -2,6 +2,7 @@
 // closest-point search by the six axis rays.
 
 #include <cfloat>
+#include <cstddef>
 #include <cmath>
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
@@ -35,7 +36,7 @@ struct RayTests<GmRay> {
     // underflow). NaN bounds never reject.
     bool slabs;
     double o[3], inv[3];
-    int enter[3], exit[3];  // per axis the box bound (0..5, min x .. max z) where the ray enters / leaves
+    std::size_t enter[3], exit[3];  // per axis the offset in a box of the bound where the ray enters / leaves
 
     explicit RayTests(const GmRay& r) : ray(r), slabs(true) {
         const GmTVector<double>& d = ray.getDirection();
@@ -43,8 +44,10 @@ struct RayTests<GmRay> {
             o[a] = ray.getOrigin()[a];
             slabs = slabs && std::fabs(d[a]) >= 1e-300;
             inv[a] = slabs ? 1.0 / d[a] : 0.0;
-            enter[a] = d[a] > 0.0 ? a : a + 3;
-            exit[a] = d[a] > 0.0 ? a + 3 : a;
+            const std::size_t low = offsetof(GmAxisAlignedBox, minX) + sizeof(float) * static_cast<std::size_t>(a);
+            const std::size_t high = offsetof(GmAxisAlignedBox, maxX) + sizeof(float) * static_cast<std::size_t>(a);
+            enter[a] = d[a] > 0.0 ? low : high;
+            exit[a] = d[a] > 0.0 ? high : low;
         }
     }
 
@@ -54,13 +57,16 @@ struct RayTests<GmRay> {
     }
     bool box(const GmAxisAlignedBox& b) const {
         if (!slabs) return GmGeometry::intersectRayBox(b, ray);
-        const float bounds[6] = {b.minX, b.minY, b.minZ, b.maxX, b.maxY, b.maxZ};
-        const double e0 = (static_cast<double>(bounds[enter[0]]) - o[0]) * inv[0];
-        const double e1 = (static_cast<double>(bounds[enter[1]]) - o[1]) * inv[1];
-        const double e2 = (static_cast<double>(bounds[enter[2]]) - o[2]) * inv[2];
-        const double x0 = (static_cast<double>(bounds[exit[0]]) - o[0]) * inv[0];
-        const double x1 = (static_cast<double>(bounds[exit[1]]) - o[1]) * inv[1];
-        const double x2 = (static_cast<double>(bounds[exit[2]]) - o[2]) * inv[2];
+        const char* const p = reinterpret_cast<const char*>(&b);
+        const auto bound = [p](std::size_t offset) {
+            return static_cast<double>(*reinterpret_cast<const float*>(p + offset));
+        };
+        const double e0 = (bound(enter[0]) - o[0]) * inv[0];
+        const double e1 = (bound(enter[1]) - o[1]) * inv[1];
+        const double e2 = (bound(enter[2]) - o[2]) * inv[2];
+        const double x0 = (bound(exit[0]) - o[0]) * inv[0];
+        const double x1 = (bound(exit[1]) - o[1]) * inv[1];
+        const double x2 = (bound(exit[2]) - o[2]) * inv[2];
         const double first = std::max(std::max(e0, e1), e2);
         const double last = std::min(std::min(x0, x1), x2);
         constexpr double kSlack = 1.0 + 0x1p-49;
@@ -141,8 +147,14 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
         if (!node.isLeaf()) {
             const int l = 2 * i + 1, r = l + 1;
             const bool left = passes(base[l]), right = passes(base[r]);
-            if (left) fetchChildren(l);
+            if (left) {
+                if (base[l].isLeaf()) __builtin_prefetch(base[l].primitive);
+                fetchChildren(l);
+                fetchChildren(2 * l + 1);
+                fetchChildren(2 * l + 2);
+            }
             if (right) {
+                if (base[r].isLeaf()) __builtin_prefetch(base[r].primitive);
                 fetchChildren(r);
                 stack[top++] = r;
             }
