@@ -47,8 +47,7 @@ int computeDepth(int n) {
 // Items on the left of a node of k > 2 items: keeps the heap complete.
 inline int leftCount(int k) {
     if (k <= 2) return 1;
-    int p = 1;
-    while (p * 2 <= k / 2) p *= 2;
+    const int p = 1 << (31 - __builtin_clz(static_cast<unsigned>(k / 2)));  // largest power of two <= k / 2
     return std::min(k - p, 2 * p);
 }
 
@@ -347,7 +346,10 @@ struct BuildTask {
     void partition(int* list, int lo, int hi, int m) const {
         int* const copy = scratch;
         const unsigned char* const sides = side;
-        std::memcpy(copy + lo, list + lo, static_cast<size_t>(hi - lo) * sizeof(int));
+        if (hi - lo > 32)
+            std::memcpy(copy + lo, list + lo, static_cast<size_t>(hi - lo) * sizeof(int));
+        else
+            for (int j = lo; j < hi; ++j) copy[j] = list[j];
         int l = lo, r = lo + m;
         for (int j = lo; j < hi; ++j) {
             const int f = copy[j];
@@ -355,6 +357,65 @@ struct BuildTask {
             list[l + ((r - l) & -s)] = f;
             l += 1 - s;
             r += s;
+        }
+    }
+
+    // The same split of the root's faces as gather and partition do it, in chunks shared by the
+    // workers; partial boxes are combined in chunk order, which is the faces' order.
+    void splitInChunks(int axis, int n, int m, GmAxisAlignedBox& leftBox, unsigned& leftFlags,
+                       GmAxisAlignedBox& rightBox, unsigned& rightFlags) const {
+        const ChunkLoop loop{true};
+        const int chunks = chunkCount(n);
+        std::vector<LeafRecord> parts(2 * static_cast<size_t>(chunks));
+        std::vector<int> lefts(static_cast<size_t>(chunks));
+        const int* sorted = lists[axis];
+        loop(chunks, [&](int c) {
+            const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+            GmAxisAlignedBox b[2];
+            unsigned all[2] = {3u, 3u};
+            gather(sorted, begin, std::max(begin, std::min(end, m)), b[0], all[0], 0);
+            gather(sorted, std::min(end, std::max(begin, m)), end, b[1], all[1], 1);
+            for (int s = 0; s < 2; ++s) {
+                parts[2 * static_cast<size_t>(c) + s].setBox(b[s]);
+                parts[2 * static_cast<size_t>(c) + s].flags = all[s];
+            }
+        });
+        for (int c = 0; c < chunks; ++c) {
+            unionInto(leftBox, parts[2 * static_cast<size_t>(c)].box());
+            leftFlags &= parts[2 * static_cast<size_t>(c)].flags;
+            unionInto(rightBox, parts[2 * static_cast<size_t>(c) + 1].box());
+            rightFlags &= parts[2 * static_cast<size_t>(c) + 1].flags;
+        }
+        for (int a = 0; a < 3; ++a) {
+            if (a == axis) continue;
+            int* const list = lists[a];
+            loop(chunks, [&](int c) {
+                const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+                int count = 0;
+                for (int j = begin; j < end; ++j) {
+                    scratch[j] = list[j];
+                    count += 1 - side[list[j]];
+                }
+                lefts[static_cast<size_t>(c)] = count;
+            });
+            std::vector<int> leftStart(static_cast<size_t>(chunks)), rightStart(static_cast<size_t>(chunks));
+            for (int c = 0, l = 0, r = m; c < chunks; ++c) {
+                leftStart[static_cast<size_t>(c)] = l;
+                rightStart[static_cast<size_t>(c)] = r;
+                const int size = chunkBegin(n, chunks, c + 1) - chunkBegin(n, chunks, c);
+                l += lefts[static_cast<size_t>(c)];
+                r += size - lefts[static_cast<size_t>(c)];
+            }
+            loop(chunks, [&](int c) {
+                int l = leftStart[static_cast<size_t>(c)], r = rightStart[static_cast<size_t>(c)];
+                for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j) {
+                    const int f = scratch[j];
+                    const int s = side[f];
+                    list[l + ((r - l) & -s)] = f;
+                    l += 1 - s;
+                    r += s;
+                }
+            });
         }
     }
 
@@ -386,11 +447,15 @@ struct BuildTask {
         unsigned leftFlags = 3u, rightFlags = 3u;
         // Children of one or two faces take their faces from the sorted list alone.
         const bool split = m > 2 || k - m > 2;
-        gather(sorted, lo, lo + m, leftBox, leftFlags, split ? 0 : -1);
-        gather(sorted, lo + m, hi, rightBox, rightFlags, split ? 1 : -1);
-        if (split)
-            for (int a = 0; a < 3; ++a)
-                if (a != axis) partition(lists[a], lo, hi, m);
+        if (parallel && i == 0 && chunkCount(k) > 1) {
+            splitInChunks(axis, k, m, leftBox, leftFlags, rightBox, rightFlags);
+        } else {
+            gather(sorted, lo, lo + m, leftBox, leftFlags, split ? 0 : -1);
+            gather(sorted, lo + m, hi, rightBox, rightFlags, split ? 1 : -1);
+            if (split)
+                for (int a = 0; a < 3; ++a)
+                    if (a != axis) partition(lists[a], lo, hi, m);
+        }
 
         const int left = 2 * i + 1, right = 2 * i + 2;
         if (parallel && i < kParallelBuildNodes) {
