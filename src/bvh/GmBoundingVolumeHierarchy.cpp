@@ -178,10 +178,19 @@ struct SortItem {
     std::uint32_t coarse;
 };
 
+// Chunks of the per-face passes: enough for the workers to share, few enough to stay cheap.
+inline int chunkCount(int n) { return std::max(1, std::min(64, n / 16384)); }
+inline int chunkBegin(int n, int chunks, int c) {
+    return static_cast<int>(static_cast<std::int64_t>(n) * c / chunks);
+}
+
 // Runs body(c) for every chunk c in [0, chunks): on the calling thread, or as a parallel loop
 // inside the build's arena.
 struct ChunkLoop {
     bool parallel;
+
+    // Chunks of a per-face pass over n faces: one on the calling thread.
+    int chunks(int n) const { return parallel ? chunkCount(n) : 1; }
 
     template <class Body>
     void operator()(int chunks, const Body& body) const {
@@ -191,12 +200,6 @@ struct ChunkLoop {
             for (int c = 0; c < chunks; ++c) body(c);
     }
 };
-
-// Chunks of the per-face passes: enough for the workers to share, few enough to stay cheap.
-inline int chunkCount(int n) { return std::max(1, std::min(64, n / 16384)); }
-inline int chunkBegin(int n, int chunks, int c) {
-    return static_cast<int>(static_cast<std::int64_t>(n) * c / chunks);
-}
 
 // The faces ordered by (centre on one axis, face index), NaN last. A stable two-pass radix
 // sort on the coarse keys (the centre's place in [lo, hi] in 2^22 steps) starting from face
@@ -208,14 +211,17 @@ void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi,
     constexpr std::uint32_t kTop = (1u << (2 * kBits)) - 1u;
     const double scale = static_cast<double>(kTop + 1u) / (hi - lo);
     const bool scaled = std::isfinite(scale) && scale > 0.0;
-    const int chunks = chunkCount(n);
+    const int chunks = loop.chunks(n);
     std::vector<std::uint32_t> counts(static_cast<size_t>(chunks) * kBuckets);
+    // With a single chunk the pack pass counts the second digit as well.
+    std::vector<std::uint32_t> high(chunks == 1 ? kBuckets : 0);
     SortItem* src = tmp;
     SortItem* dst = tmp + n;
 
     loop(chunks, [&](int c) {
         std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
         std::fill(count, count + kBuckets, 0u);
+        std::uint32_t* countHigh = chunks == 1 ? high.data() : nullptr;
         for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
             const double x = mesh.getFaceCenter(f)[axis];
             SortItem& it = src[f];
@@ -228,11 +234,14 @@ void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi,
             else
                 it.coarse = static_cast<std::uint32_t>(std::min(std::max((x - lo) * scale, 0.0), double(kTop)));
             ++count[it.coarse & (kBuckets - 1)];
+            if (countHigh != nullptr) ++countHigh[it.coarse >> kBits];
         }
     });
     for (int pass = 0; pass < 2; ++pass) {
         const int shift = pass * kBits;
-        if (pass > 0)
+        if (pass > 0 && chunks == 1)
+            counts.swap(high);
+        else if (pass > 0)
             loop(chunks, [&](int c) {
                 std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
                 std::fill(count, count + kBuckets, 0u);
@@ -655,13 +664,14 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     // The sort's buffers serve the partitions afterwards.
     std::unique_ptr<SortItem[]> tmp;
     const auto prepare = [&](const ChunkLoop& loop) {
-        // Root box and flags, combined in face order.
-        const int chunks = chunkCount(n);
+        // Leaf records, then the root box and flags combined in face order.
+        const int chunks = loop.chunks(n);
         std::vector<LeafRecord> parts(static_cast<size_t>(chunks));
         loop(chunks, [&](int c) {
             GmAxisAlignedBox b;
             unsigned all = 3u;
             for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
+                init(f);
                 unionInto(b, leaves[f].box());
                 all &= leaves[f].flags;
             }
@@ -681,15 +691,11 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
 
     GmParallel::dispatch(
         [&] {
-            for (int f = 0; f < n; ++f) init(f);
             prepare(ChunkLoop{false});
             task.root(n, box, flags);
         },
         [&] {
             task.parallel = true;
-            QG_BVH_RELEASE(&kHandOff);
-            GmParallel::parallelFor(0, n, init);
-            QG_BVH_ACQUIRE(&kHandOff);
             prepare(ChunkLoop{true});
             task.root(n, box, flags);
         });
