@@ -7,6 +7,10 @@
 #include <memory>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 #include <tbb/parallel_invoke.h>
 #include <tbb/task_group.h>
 
@@ -128,20 +132,33 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 typedef GmBoundingVolumeHierarchy::Node Node;
 
 // What the build keeps of one face: its leaf box and flags (bit 0 disabled, bit 1 frozen).
-// Plain data, so that an array of them is not initialised before the build fills it.
+// Plain data, so that an array of them is not initialised before the build fills it. Laid out
+// as two groups of four floats: minimum x, y, z and the flags' bits, maximum x, y, z and a spare.
 struct alignas(32) LeafRecord {
-    float minX, minY, minZ, maxX, maxY, maxZ;
-    unsigned flags;
+    float v[8];
 
-    GmAxisAlignedBox box() const { return GmAxisAlignedBox(minX, minY, minZ, maxX, maxY, maxZ); }
-    void setBox(const GmAxisAlignedBox& b) {
-        minX = b.minX;
-        minY = b.minY;
-        minZ = b.minZ;
-        maxX = b.maxX;
-        maxY = b.maxY;
-        maxZ = b.maxZ;
+    unsigned flags() const {
+        unsigned f;
+        std::memcpy(&f, &v[3], sizeof f);
+        return f;
     }
+    GmAxisAlignedBox box() const { return GmAxisAlignedBox(v[0], v[1], v[2], v[4], v[5], v[6]); }
+    void set(const GmAxisAlignedBox& b, unsigned f) {
+        v[0] = b.minX;
+        v[1] = b.minY;
+        v[2] = b.minZ;
+        std::memcpy(&v[3], &f, sizeof f);
+        v[4] = b.maxX;
+        v[5] = b.maxY;
+        v[6] = b.maxZ;
+        v[7] = 0.0f;
+    }
+};
+
+// A box and the AND of flags: partial results of chunked passes.
+struct BoxFlags {
+    GmAxisAlignedBox box;
+    unsigned flags = 3u;
 };
 
 // Uninitialised array of a trivially constructible type (filled by the build's first pass).
@@ -163,9 +180,8 @@ struct BuildInitializeBody {
     void operator()(int f) const {
         QG_BVH_ACQUIRE(&kHandOff);
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
-        LeafRecord& r = leaves[f];
-        r.setBox(leafBox<N>(mesh->getVertices(), face, positions, thickness));
-        r.flags = (faceDisabled(disabled, f) ? 1u : 0u) | (faceFrozen(frozen, f) ? 2u : 0u);
+        leaves[f].set(leafBox<N>(mesh->getVertices(), face, positions, thickness),
+                      (faceDisabled(disabled, f) ? 1u : 0u) | (faceFrozen(frozen, f) ? 2u : 0u));
         mesh->getFaceCenter(f);
         QG_BVH_RELEASE(&kHandOff);
     }
@@ -317,8 +333,9 @@ struct BuildTask {
         const LeafRecord& r = leaves[f];
         node.box = r.box();
         node.primitive = faces + f;
-        node.disabled = (r.flags & 1u) != 0;
-        node.frozen = (r.flags & 2u) != 0;
+        const unsigned flags = r.flags();
+        node.disabled = (flags & 1u) != 0;
+        node.frozen = (flags & 2u) != 0;
     }
     void setInternal(int i, const GmAxisAlignedBox& box, unsigned flags) const {
         Node& node = nodes[i];
@@ -332,41 +349,62 @@ struct BuildTask {
     void gather(const int* list, int from, int to, GmAxisAlignedBox& box, unsigned& flags, int mark) const {
         const LeafRecord* const records = leaves;
         unsigned char* const sides = side;
-        float x0 = box.minX, y0 = box.minY, z0 = box.minZ, x1 = box.maxX, y1 = box.maxY, z1 = box.maxZ;
         unsigned all = flags;
         const unsigned char value = static_cast<unsigned char>(mark);
+#if defined(__SSE2__)
+        // Four lanes at once; minps / maxps keep the accumulated value unless the record's is
+        // smaller / larger, as std::min / std::max do (the flags' lane is ignored).
+        __m128 lo = _mm_setr_ps(box.minX, box.minY, box.minZ, 0.0f);
+        __m128 hi = _mm_setr_ps(box.maxX, box.maxY, box.maxZ, 0.0f);
         for (int j = from; j < to; ++j) {
             const int f = list[j];
             const LeafRecord& r = records[f];
-            x0 = std::min(x0, r.minX);
-            y0 = std::min(y0, r.minY);
-            z0 = std::min(z0, r.minZ);
-            x1 = std::max(x1, r.maxX);
-            y1 = std::max(y1, r.maxY);
-            z1 = std::max(z1, r.maxZ);
-            all &= r.flags;
+            lo = _mm_min_ps(_mm_load_ps(r.v), lo);
+            hi = _mm_max_ps(_mm_load_ps(r.v + 4), hi);
+            all &= r.flags();
+            if (mark >= 0) sides[f] = value;
+        }
+        alignas(16) float l[4], h[4];
+        _mm_store_ps(l, lo);
+        _mm_store_ps(h, hi);
+        box = GmAxisAlignedBox(l[0], l[1], l[2], h[0], h[1], h[2]);
+#else
+        float x0 = box.minX, y0 = box.minY, z0 = box.minZ, x1 = box.maxX, y1 = box.maxY, z1 = box.maxZ;
+        for (int j = from; j < to; ++j) {
+            const int f = list[j];
+            const LeafRecord& r = records[f];
+            x0 = std::min(x0, r.v[0]);
+            y0 = std::min(y0, r.v[1]);
+            z0 = std::min(z0, r.v[2]);
+            x1 = std::max(x1, r.v[4]);
+            y1 = std::max(y1, r.v[5]);
+            z1 = std::max(z1, r.v[6]);
+            all &= r.flags();
             if (mark >= 0) sides[f] = value;
         }
         box = GmAxisAlignedBox(x0, y0, z0, x1, y1, z1);
+#endif
         flags = all;
     }
 
-    // Stable partition of list[lo, hi) by side: the m left faces first.
+    // Stable partition of list[lo, hi) by side: the m left faces first. Left faces move down in
+    // place, right ones go to the scratch range and are copied back after.
     void partition(int* list, int lo, int hi, int m) const {
-        int* const copy = scratch;
+        int* const right = scratch + lo;
         const unsigned char* const sides = side;
-        if (hi - lo > 32)
-            std::memcpy(copy + lo, list + lo, static_cast<size_t>(hi - lo) * sizeof(int));
-        else
-            for (int j = lo; j < hi; ++j) copy[j] = list[j];
-        int l = lo, r = lo + m;
+        int l = lo, r = 0;
         for (int j = lo; j < hi; ++j) {
-            const int f = copy[j];
+            const int f = list[j];
             const int s = sides[f];
-            list[l + ((r - l) & -s)] = f;
-            l += 1 - s;
+            list[l] = f;
+            right[r] = f;
+            l += s ^ 1;
             r += s;
         }
+        if (r > 32)
+            std::memcpy(list + lo + m, right, static_cast<size_t>(r) * sizeof(int));
+        else
+            for (int j = 0; j < r; ++j) list[lo + m + j] = right[j];
     }
 
     // The same split of the root's faces as gather and partition do it, in chunks shared by the
@@ -375,24 +413,20 @@ struct BuildTask {
                        GmAxisAlignedBox& rightBox, unsigned& rightFlags) const {
         const ChunkLoop loop{true};
         const int chunks = chunkCount(n);
-        std::vector<LeafRecord> parts(2 * static_cast<size_t>(chunks));
+        std::vector<BoxFlags> parts(2 * static_cast<size_t>(chunks));
         std::vector<int> lefts(static_cast<size_t>(chunks));
         const int* sorted = lists[axis];
         loop(chunks, [&](int c) {
             const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
-            GmAxisAlignedBox b[2];
-            unsigned all[2] = {3u, 3u};
-            gather(sorted, begin, std::max(begin, std::min(end, m)), b[0], all[0], 0);
-            gather(sorted, std::min(end, std::max(begin, m)), end, b[1], all[1], 1);
-            for (int s = 0; s < 2; ++s) {
-                parts[2 * static_cast<size_t>(c) + s].setBox(b[s]);
-                parts[2 * static_cast<size_t>(c) + s].flags = all[s];
-            }
+            BoxFlags& l = parts[2 * static_cast<size_t>(c)];
+            BoxFlags& r = parts[2 * static_cast<size_t>(c) + 1];
+            gather(sorted, begin, std::max(begin, std::min(end, m)), l.box, l.flags, 0);
+            gather(sorted, std::min(end, std::max(begin, m)), end, r.box, r.flags, 1);
         });
         for (int c = 0; c < chunks; ++c) {
-            unionInto(leftBox, parts[2 * static_cast<size_t>(c)].box());
+            unionInto(leftBox, parts[2 * static_cast<size_t>(c)].box);
             leftFlags &= parts[2 * static_cast<size_t>(c)].flags;
-            unionInto(rightBox, parts[2 * static_cast<size_t>(c) + 1].box());
+            unionInto(rightBox, parts[2 * static_cast<size_t>(c) + 1].box);
             rightFlags &= parts[2 * static_cast<size_t>(c) + 1].flags;
         }
         for (int a = 0; a < 3; ++a) {
@@ -666,20 +700,17 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const auto prepare = [&](const ChunkLoop& loop) {
         // Leaf records, then the root box and flags combined in face order.
         const int chunks = loop.chunks(n);
-        std::vector<LeafRecord> parts(static_cast<size_t>(chunks));
+        std::vector<BoxFlags> parts(static_cast<size_t>(chunks));
         loop(chunks, [&](int c) {
-            GmAxisAlignedBox b;
-            unsigned all = 3u;
+            BoxFlags& part = parts[static_cast<size_t>(c)];
             for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
                 init(f);
-                unionInto(b, leaves[f].box());
-                all &= leaves[f].flags;
+                unionInto(part.box, leaves[f].box());
+                part.flags &= leaves[f].flags();
             }
-            parts[static_cast<size_t>(c)].setBox(b);
-            parts[static_cast<size_t>(c)].flags = all;
         });
-        for (const LeafRecord& part : parts) {
-            unionInto(box, part.box());
+        for (const BoxFlags& part : parts) {
+            unionInto(box, part.box);
             flags &= part.flags;
         }
         tmp = rawArray<SortItem>(2 * count);
