@@ -304,9 +304,17 @@ void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi,
                 ordered &= sorted[e - 1].key <= sorted[e].key;
                 ++e;
             }
-            if (!ordered)
+            if (!ordered && e - j <= 32) {
+                for (int q = j + 1; q < e; ++q) {  // stable insertion
+                    const SortItem item = sorted[q];
+                    int p = q;
+                    for (; p > j && item.key < sorted[p - 1].key; --p) sorted[p] = sorted[p - 1];
+                    sorted[p] = item;
+                }
+            } else if (!ordered) {
                 std::stable_sort(sorted + j, sorted + e,
                                  [](const SortItem& a, const SortItem& b) { return a.key < b.key; });
+            }
             for (int q = j; q < e; ++q) out[q] = static_cast<int>(sorted[q].face);
             j = e;
         }
@@ -357,7 +365,7 @@ struct BuildTask {
         __m128 lo = _mm_setr_ps(box.minX, box.minY, box.minZ, 0.0f);
         __m128 hi = _mm_setr_ps(box.maxX, box.maxY, box.maxZ, 0.0f);
         for (int j = from; j < to; ++j) {
-            const int f = list[j];
+            const unsigned f = static_cast<unsigned>(list[j]);
             const LeafRecord& r = records[f];
             lo = _mm_min_ps(_mm_load_ps(r.v), lo);
             hi = _mm_max_ps(_mm_load_ps(r.v + 4), hi);
@@ -390,21 +398,22 @@ struct BuildTask {
     // Stable partition of list[lo, hi) by side: the m left faces first. Left faces move down in
     // place, right ones go to the scratch range and are copied back after.
     void partition(int* list, int lo, int hi, int m) const {
+        int* const in = list + lo;
         int* const right = scratch + lo;
         const unsigned char* const sides = side;
-        int l = lo, r = 0;
-        for (int j = lo; j < hi; ++j) {
-            const int f = list[j];
-            const int s = sides[f];
-            list[l] = f;
-            right[r] = f;
-            l += s ^ 1;
-            r += s;
+        const std::size_t k = static_cast<std::size_t>(hi - lo);
+        std::size_t r = 0;  // right faces so far; the left ones number j - r
+        for (std::size_t j = 0; j < k; ++j) {
+            const unsigned f = static_cast<unsigned>(in[j]);
+            in[j - r] = static_cast<int>(f);
+            right[r] = static_cast<int>(f);
+            r += sides[f];
         }
+        int* const out = in + m;
         if (r > 32)
-            std::memcpy(list + lo + m, right, static_cast<size_t>(r) * sizeof(int));
+            std::memcpy(out, right, r * sizeof(int));
         else
-            for (int j = 0; j < r; ++j) list[lo + m + j] = right[j];
+            for (std::size_t j = 0; j < r; ++j) out[j] = right[j];
     }
 
     // The same split of the root's faces as gather and partition do it, in chunks shared by the
