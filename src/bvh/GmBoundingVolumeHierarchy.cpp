@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -131,15 +132,16 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 
 typedef GmBoundingVolumeHierarchy::Node Node;
 
-// What the build keeps of one face: its leaf box and flags (bit 0 disabled, bit 1 frozen).
-// Plain data, so that an array of them is not initialised before the build fills it. Laid out
-// as two groups of four floats: minimum x, y, z and the flags' bits, maximum x, y, z and a spare.
+// What the build keeps of one face: its leaf box, flags (bit 0 disabled, bit 1 frozen) and the
+// largest of its box's three extents (-inf when an extent is NaN). Plain data, so that an array
+// of them is not initialised before the build fills it. Laid out as two groups of four floats:
+// minimum x, y, z and the largest extent, maximum x, y, z and the flags' bits.
 struct alignas(32) LeafRecord {
     float v[8];
 
     unsigned flags() const {
         unsigned f;
-        std::memcpy(&f, &v[3], sizeof f);
+        std::memcpy(&f, &v[7], sizeof f);
         return f;
     }
     GmAxisAlignedBox box() const { return GmAxisAlignedBox(v[0], v[1], v[2], v[4], v[5], v[6]); }
@@ -147,18 +149,37 @@ struct alignas(32) LeafRecord {
         v[0] = b.minX;
         v[1] = b.minY;
         v[2] = b.minZ;
-        std::memcpy(&v[3], &f, sizeof f);
         v[4] = b.maxX;
         v[5] = b.maxY;
         v[6] = b.maxZ;
-        v[7] = 0.0f;
+        std::memcpy(&v[7], &f, sizeof f);
+        const GmTVector<float> e = b.getExtent();
+        v[3] = std::isnan(e.x) || std::isnan(e.y) || std::isnan(e.z)
+                   ? -std::numeric_limits<float>::infinity()
+                   : std::max(e.x, std::max(e.y, e.z));
     }
 };
 
-// A box and the AND of flags: partial results of chunked passes.
-struct BoxFlags {
+// What a node's parent finds out about the node's faces: their box, the AND of their flags and
+// the least of their largest extents (the floor). An axis on which the node's extent is below the
+// floor is never split on below the node: any node below contains a face whose largest extent
+// reaches the floor, so lies on another axis, and on that axis the node below is wider than on
+// this one. The build stops keeping that axis' list in order there.
+struct Bound {
     GmAxisAlignedBox box;
     unsigned flags = 3u;
+    float floor = std::numeric_limits<float>::infinity();
+
+    void add(const Bound& b) {
+        unionInto(box, b.box);
+        flags &= b.flags;
+        floor = std::min(floor, b.floor);
+    }
+    // Whether the list of each axis is still needed below.
+    void liveAxes(bool live[3]) const {
+        const GmTVector<float> e = box.getExtent();
+        for (int a = 0; a < 3; ++a) live[a] = !(e[a] < floor);
+    }
 };
 
 // Uninitialised array of a trivially constructible type (filled by the build's first pass).
@@ -345,25 +366,25 @@ struct BuildTask {
         node.disabled = (flags & 1u) != 0;
         node.frozen = (flags & 2u) != 0;
     }
-    void setInternal(int i, const GmAxisAlignedBox& box, unsigned flags) const {
+    void setInternal(int i, const Bound& b) const {
         Node& node = nodes[i];
-        node.box = box;
+        node.box = b.box;
         node.primitive = nullptr;
-        node.disabled = (flags & 1u) != 0;
-        node.frozen = (flags & 2u) != 0;
+        node.disabled = (b.flags & 1u) != 0;
+        node.frozen = (b.flags & 2u) != 0;
     }
 
-    // Box and flags of the faces list[from, to), marking their side (mark >= 0).
-    void gather(const int* list, int from, int to, GmAxisAlignedBox& box, unsigned& flags, int mark) const {
+    // Adds the faces list[from, to) to b, marking their side (mark >= 0).
+    void gather(const int* list, int from, int to, Bound& b, int mark) const {
         const LeafRecord* const records = leaves;
         unsigned char* const sides = side;
-        unsigned all = flags;
+        unsigned all = b.flags;
         const unsigned char value = static_cast<unsigned char>(mark);
 #if defined(__SSE2__)
         // Four lanes at once; minps / maxps keep the accumulated value unless the record's is
         // smaller / larger, as std::min / std::max do (the flags' lane is ignored).
-        __m128 lo = _mm_setr_ps(box.minX, box.minY, box.minZ, 0.0f);
-        __m128 hi = _mm_setr_ps(box.maxX, box.maxY, box.maxZ, 0.0f);
+        __m128 lo = _mm_setr_ps(b.box.minX, b.box.minY, b.box.minZ, b.floor);
+        __m128 hi = _mm_setr_ps(b.box.maxX, b.box.maxY, b.box.maxZ, 0.0f);
         for (int j = from; j < to; ++j) {
             const unsigned f = static_cast<unsigned>(list[j]);
             const LeafRecord& r = records[f];
@@ -375,24 +396,28 @@ struct BuildTask {
         alignas(16) float l[4], h[4];
         _mm_store_ps(l, lo);
         _mm_store_ps(h, hi);
-        box = GmAxisAlignedBox(l[0], l[1], l[2], h[0], h[1], h[2]);
+        b.box = GmAxisAlignedBox(l[0], l[1], l[2], h[0], h[1], h[2]);
+        b.floor = l[3];
 #else
-        float x0 = box.minX, y0 = box.minY, z0 = box.minZ, x1 = box.maxX, y1 = box.maxY, z1 = box.maxZ;
+        float x0 = b.box.minX, y0 = b.box.minY, z0 = b.box.minZ, x1 = b.box.maxX, y1 = b.box.maxY, z1 = b.box.maxZ;
+        float floor = b.floor;
         for (int j = from; j < to; ++j) {
             const int f = list[j];
             const LeafRecord& r = records[f];
             x0 = std::min(x0, r.v[0]);
             y0 = std::min(y0, r.v[1]);
             z0 = std::min(z0, r.v[2]);
+            floor = std::min(floor, r.v[3]);
             x1 = std::max(x1, r.v[4]);
             y1 = std::max(y1, r.v[5]);
             z1 = std::max(z1, r.v[6]);
             all &= r.flags();
             if (mark >= 0) sides[f] = value;
         }
-        box = GmAxisAlignedBox(x0, y0, z0, x1, y1, z1);
+        b.box = GmAxisAlignedBox(x0, y0, z0, x1, y1, z1);
+        b.floor = floor;
 #endif
-        flags = all;
+        b.flags = all;
     }
 
     // Stable partition of list[lo, hi) by side: the m left faces first. Left faces move down in
@@ -417,29 +442,24 @@ struct BuildTask {
     }
 
     // The same split of the root's faces as gather and partition do it, in chunks shared by the
-    // workers; partial boxes are combined in chunk order, which is the faces' order.
-    void splitInChunks(int axis, int n, int m, GmAxisAlignedBox& leftBox, unsigned& leftFlags,
-                       GmAxisAlignedBox& rightBox, unsigned& rightFlags) const {
+    // workers; partial bounds are combined in chunk order, which is the faces' order.
+    void splitInChunks(int axis, const bool live[3], int n, int m, Bound& left, Bound& right) const {
         const ChunkLoop loop{true};
         const int chunks = chunkCount(n);
-        std::vector<BoxFlags> parts(2 * static_cast<size_t>(chunks));
+        std::vector<Bound> parts(2 * static_cast<size_t>(chunks));
         std::vector<int> lefts(static_cast<size_t>(chunks));
         const int* sorted = lists[axis];
         loop(chunks, [&](int c) {
             const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
-            BoxFlags& l = parts[2 * static_cast<size_t>(c)];
-            BoxFlags& r = parts[2 * static_cast<size_t>(c) + 1];
-            gather(sorted, begin, std::max(begin, std::min(end, m)), l.box, l.flags, 0);
-            gather(sorted, std::min(end, std::max(begin, m)), end, r.box, r.flags, 1);
+            gather(sorted, begin, std::max(begin, std::min(end, m)), parts[2 * static_cast<size_t>(c)], 0);
+            gather(sorted, std::min(end, std::max(begin, m)), end, parts[2 * static_cast<size_t>(c) + 1], 1);
         });
         for (int c = 0; c < chunks; ++c) {
-            unionInto(leftBox, parts[2 * static_cast<size_t>(c)].box);
-            leftFlags &= parts[2 * static_cast<size_t>(c)].flags;
-            unionInto(rightBox, parts[2 * static_cast<size_t>(c) + 1].box);
-            rightFlags &= parts[2 * static_cast<size_t>(c) + 1].flags;
+            left.add(parts[2 * static_cast<size_t>(c)]);
+            right.add(parts[2 * static_cast<size_t>(c) + 1]);
         }
         for (int a = 0; a < 3; ++a) {
-            if (a == axis) continue;
+            if (a == axis || !live[a]) continue;
             int* const list = lists[a];
             loop(chunks, [&](int c) {
                 const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
@@ -472,41 +492,42 @@ struct BuildTask {
     }
 
     // Node i of the range [lo, hi); order is the parent's split list (a node of two keeps it).
-    void child(int i, int lo, int hi, const int* order, const GmAxisAlignedBox& box, unsigned flags) const {
+    void child(int i, int lo, int hi, const int* order, const Bound& b) const {
         const int k = hi - lo;
         if (k == 1) {
             setLeaf(i, order[lo]);
         } else if (k == 2) {
-            setInternal(i, box, flags);
+            setInternal(i, b);
             setLeaf(2 * i + 1, order[lo]);
             setLeaf(2 * i + 2, order[lo + 1]);
         } else {
-            run(i, lo, hi, box, flags);
+            run(i, lo, hi, b);
         }
     }
 
-    // Node i with k = hi - lo > 2 faces, whose box and flags are known.
-    void run(int i, int lo, int hi, const GmAxisAlignedBox& box, unsigned flags) const {
+    // Node i with k = hi - lo > 2 faces, whose bound is known.
+    void run(int i, int lo, int hi, const Bound& b) const {
         const int k = hi - lo;
-        setInternal(i, box, flags);
+        setInternal(i, b);
         int order[3];
-        box.getExtent().getIndexOrdering(order);
+        b.box.getExtent().getIndexOrdering(order);
         const int axis = order[0];
         const int m = leftCount(k);
         const int* sorted = lists[axis];
+        bool live[3];
+        b.liveAxes(live);
 
-        GmAxisAlignedBox leftBox, rightBox;
-        unsigned leftFlags = 3u, rightFlags = 3u;
+        Bound leftBound, rightBound;
         // Children of one or two faces take their faces from the sorted list alone.
         const bool split = m > 2 || k - m > 2;
         if (parallel && i == 0 && chunkCount(k) > 1) {
-            splitInChunks(axis, k, m, leftBox, leftFlags, rightBox, rightFlags);
+            splitInChunks(axis, live, k, m, leftBound, rightBound);
         } else {
-            gather(sorted, lo, lo + m, leftBox, leftFlags, split ? 0 : -1);
-            gather(sorted, lo + m, hi, rightBox, rightFlags, split ? 1 : -1);
+            gather(sorted, lo, lo + m, leftBound, split ? 0 : -1);
+            gather(sorted, lo + m, hi, rightBound, split ? 1 : -1);
             if (split)
                 for (int a = 0; a < 3; ++a)
-                    if (a != axis) partition(lists[a], lo, hi, m);
+                    if (a != axis && live[a]) partition(lists[a], lo, hi, m);
         }
 
         const int left = 2 * i + 1, right = 2 * i + 2;
@@ -515,33 +536,33 @@ struct BuildTask {
             // complete before the hand-over is released.
             const auto buildRight = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                child(right, lo + m, hi, sorted, rightBox, rightFlags);
+                child(right, lo + m, hi, sorted, rightBound);
                 QG_BVH_RELEASE(&kHandOff);
             };
             const auto buildLeft = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                child(left, lo, lo + m, sorted, leftBox, leftFlags);
+                child(left, lo, lo + m, sorted, leftBound);
                 QG_BVH_RELEASE(&kHandOff);
             };
             QG_BVH_RELEASE(&kHandOff);
             tbb::parallel_invoke(buildRight, buildLeft);
             QG_BVH_ACQUIRE(&kHandOff);
         } else {
-            child(left, lo, lo + m, sorted, leftBox, leftFlags);
-            child(right, lo + m, hi, sorted, rightBox, rightFlags);
+            child(left, lo, lo + m, sorted, leftBound);
+            child(right, lo + m, hi, sorted, rightBound);
         }
     }
 
-    // The whole tree over n faces, whose box and flags are given.
-    void root(int n, const GmAxisAlignedBox& box, unsigned flags) const {
+    // The whole tree over n faces, whose bound is given.
+    void root(int n, const Bound& b) const {
         if (n == 1) {
             setLeaf(0, 0);
         } else if (n == 2) {  // two faces keep their order
-            setInternal(0, box, flags);
+            setInternal(0, b);
             setLeaf(1, 0);
             setLeaf(2, 1);
         } else {
-            run(0, 0, n, box, flags);
+            run(0, 0, n, b);
         }
     }
 };
@@ -702,29 +723,30 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const BuildInitializeBody<N> init{_mesh, positions, thickness, disabled, frozen, leaves.get()};
     BuildTask task{_nodes.data(), _mesh->getFaces().data(), leaves.get(),
                    {lists.get(), lists.get() + n, lists.get() + 2 * n}, nullptr, nullptr, false};
-    GmAxisAlignedBox box;
-    unsigned flags = 3u;
+    Bound bound;
     // The sort's buffers serve the partitions afterwards.
     std::unique_ptr<SortItem[]> tmp;
     const auto prepare = [&](const ChunkLoop& loop) {
-        // Leaf records, then the root box and flags combined in face order.
+        // Leaf records, then the root's bound combined in face order.
         const int chunks = loop.chunks(n);
-        std::vector<BoxFlags> parts(static_cast<size_t>(chunks));
+        std::vector<Bound> parts(static_cast<size_t>(chunks));
         loop(chunks, [&](int c) {
-            BoxFlags& part = parts[static_cast<size_t>(c)];
+            Bound& part = parts[static_cast<size_t>(c)];
             for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
                 init(f);
                 unionInto(part.box, leaves[f].box());
                 part.flags &= leaves[f].flags();
+                part.floor = std::min(part.floor, leaves[f].v[3]);
             }
         });
-        for (const BoxFlags& part : parts) {
-            unionInto(box, part.box);
-            flags &= part.flags;
-        }
+        for (const Bound& part : parts) bound.add(part);
         tmp = rawArray<SortItem>(2 * count);
+        const GmAxisAlignedBox& box = bound.box;
         const double lo[3] = {box.minX, box.minY, box.minZ}, hi[3] = {box.maxX, box.maxY, box.maxZ};
-        for (int a = 0; a < 3; ++a) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a], loop);
+        bool live[3];
+        bound.liveAxes(live);
+        for (int a = 0; a < 3; ++a)
+            if (live[a]) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a], loop);
         task.scratch = reinterpret_cast<int*>(tmp.get());
         task.side = reinterpret_cast<unsigned char*>(tmp.get() + count);
     };
@@ -732,12 +754,12 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     GmParallel::dispatch(
         [&] {
             prepare(ChunkLoop{false});
-            task.root(n, box, flags);
+            task.root(n, bound);
         },
         [&] {
             task.parallel = true;
             prepare(ChunkLoop{true});
-            task.root(n, box, flags);
+            task.root(n, bound);
         });
 }
 

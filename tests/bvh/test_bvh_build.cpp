@@ -226,6 +226,36 @@ TEST(BvhBuild, ExtremeCoordinatesAndSignedZeros) {
     }
 }
 
+TEST(BvhBuild, FlatRegionsNextToUprightOnes) {
+    // A flat sheet whose normal axis is never split on, next to upright strips, a needle and a
+    // few slivers: the axes in use change from one subtree to the next.
+    qgtools::PolygonSoup s = qgtools::clothGridSoup(40, 30);
+    auto add = [&](const V3& a, const V3& b, const V3& c) {
+        const int i = s.numVertices();
+        s.positions.push_back(a);
+        s.positions.push_back(b);
+        s.positions.push_back(c);
+        s.triangles.push_back({i, i + 1, i + 2});
+    };
+    for (int i = 0; i < 12; ++i)
+        for (int j = 0; j < 6; ++j) {
+            const double x = 0.6 + i * 0.02, z = j * 0.05;
+            add(V3(x, 0.5, z), V3(x + 0.02, 0.5, z), V3(x, 0.5, z + 0.05));  // upright in y = 0.5
+            add(V3(0.2, 0.1 + i * 0.03, z), V3(0.2, 0.13 + i * 0.03, z), V3(0.2, 0.1 + i * 0.03, z + 0.05));
+        }
+    for (int i = 0; i < 20; ++i) add(V3(0.9, 0.9, i * 0.1), V3(0.9001, 0.9, i * 0.1 + 0.1), V3(0.9, 0.9001, i * 0.1));
+    for (int i = 0; i < 10; ++i) add(V3(0.1 * i, 0.95, 0), V3(0.1 * i + 0.1, 0.95, 0), V3(0.1 * i, 0.95 + 1e-7, 0));
+    GmTriangleMesh mesh = qgtools::meshFromSoup(s);
+    const std::vector<V3> moved = jitteredPositions(mesh, 0.004, 3);
+    const std::vector<RefNode> plain = referenceBuild(mesh, 0, nullptr, 0.0);
+    const std::vector<RefNode> swept = referenceBuild(mesh, 1, &moved, 0.0);
+    for (bool parallel : {false, true}) {
+        ScopedThreading t(parallel);
+        EXPECT_EQ(firstDifference(GmBoundingVolumeHierarchy(&mesh), plain), -1) << parallel;
+        EXPECT_EQ(firstDifference(GmBoundingVolumeHierarchy(&mesh, moved), swept), -1) << parallel;
+    }
+}
+
 TEST(BvhBuild, NanCoordinatesStillGiveOneLeafPerFace) {
     GmTriangleMesh mesh = randomSoup(300, 12);
     std::vector<V3> v = mesh.getVertices();
