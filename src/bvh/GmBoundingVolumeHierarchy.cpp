@@ -95,7 +95,7 @@ inline float roundFloatUp(double v) {
 
 // Leaf box of one face in mode N (0 plain, 1 swept, 2 thickened).
 template <int N>
-inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
+__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
                                 const std::vector<GmTVector<double>>* positions, double thickness) {
     const GmTVector<double>& a = v[static_cast<size_t>(f.vertices[0])];
     const GmTVector<double>& b = v[static_cast<size_t>(f.vertices[1])];
@@ -357,7 +357,7 @@ struct BuildTask {
     unsigned char* side;  // per face: 0 left, 1 right of the current split
     bool parallel;
 
-    void setLeaf(int i, int f) const {
+    __attribute__((always_inline)) void setLeaf(int i, int f) const {
         Node& node = nodes[i];
         const LeafRecord& r = leaves[f];
         node.box = r.box();
@@ -376,6 +376,11 @@ struct BuildTask {
 
     // Adds the faces list[from, to) to b, marking their side (mark >= 0).
     void gather(const int* list, int from, int to, Bound& b, int mark) const {
+        gather([list](int j) { return list[j]; }, from, to, b, mark);
+    }
+    // The same for the faces face(j), j in [from, to).
+    template <class Face>
+    void gather(const Face& face, int from, int to, Bound& b, int mark) const {
         const LeafRecord* const records = leaves;
         unsigned char* const sides = side;
         unsigned all = b.flags;
@@ -386,7 +391,7 @@ struct BuildTask {
         __m128 lo = _mm_setr_ps(b.box.minX, b.box.minY, b.box.minZ, b.floor);
         __m128 hi = _mm_setr_ps(b.box.maxX, b.box.maxY, b.box.maxZ, 0.0f);
         for (int j = from; j < to; ++j) {
-            const unsigned f = static_cast<unsigned>(list[j]);
+            const unsigned f = static_cast<unsigned>(face(j));
             const LeafRecord& r = records[f];
             lo = _mm_min_ps(_mm_load_ps(r.v), lo);
             hi = _mm_max_ps(_mm_load_ps(r.v + 4), hi);
@@ -402,7 +407,7 @@ struct BuildTask {
         float x0 = b.box.minX, y0 = b.box.minY, z0 = b.box.minZ, x1 = b.box.maxX, y1 = b.box.maxY, z1 = b.box.maxZ;
         float floor = b.floor;
         for (int j = from; j < to; ++j) {
-            const int f = list[j];
+            const int f = face(j);
             const LeafRecord& r = records[f];
             x0 = std::min(x0, r.v[0]);
             y0 = std::min(y0, r.v[1]);
@@ -731,13 +736,9 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
         const int chunks = loop.chunks(n);
         std::vector<Bound> parts(static_cast<size_t>(chunks));
         loop(chunks, [&](int c) {
-            Bound& part = parts[static_cast<size_t>(c)];
-            for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
-                init(f);
-                unionInto(part.box, leaves[f].box());
-                part.flags &= leaves[f].flags();
-                part.floor = std::min(part.floor, leaves[f].v[3]);
-            }
+            const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+            for (int f = begin; f < end; ++f) init(f);
+            task.gather([](int j) { return j; }, begin, end, parts[static_cast<size_t>(c)], -1);
         });
         for (const Bound& part : parts) bound.add(part);
         tmp = rawArray<SortItem>(2 * count);
