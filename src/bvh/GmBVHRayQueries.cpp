@@ -28,7 +28,8 @@ struct RayTests;
 template <>
 struct RayTests<GmRay> {
     const GmRay& ray;
-    // Slab test with the reciprocal direction, when no direction component is zero or tiny:
+    // Slab test with the reciprocal direction, when every direction component lies within
+    // [1e-300, 1e300] in magnitude (so that the reciprocal is a normal number):
     // per axis the entry and exit parameters t = (bound - o) / d, computed with three roundings
     // each, so within a relative 3.1 * 2^-53 of the exact values with their exact signs. The
     // box is missed when the exit lies behind the origin or the latest entry comes after the
@@ -42,7 +43,7 @@ struct RayTests<GmRay> {
         const GmTVector<double>& d = ray.getDirection();
         for (int a = 0; a < 3; ++a) {
             o[a] = ray.getOrigin()[a];
-            slabs = slabs && std::fabs(d[a]) >= 1e-300;
+            slabs = slabs && std::fabs(d[a]) >= 1e-300 && std::fabs(d[a]) <= 1e300;
             inv[a] = slabs ? 1.0 / d[a] : 0.0;
             const std::size_t low = offsetof(GmAxisAlignedBox, minX) + sizeof(float) * static_cast<std::size_t>(a);
             const std::size_t high = offsetof(GmAxisAlignedBox, maxX) + sizeof(float) * static_cast<std::size_t>(a);
@@ -130,8 +131,8 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
     const int count = static_cast<int>(nodes.size());
     const std::vector<GmTVector<double>>& v = mesh.getVertices();
     const auto passes = [&](const Node& node) { return (includeDisabled || !node.disabled) && tests.box(node.box); };
-    const auto fetchChildren = [&](int i) {
-        const int c = 2 * i + 1;
+    const auto fetchChildren = [&](long long i) {
+        const long long c = 2 * i + 1;
         if (c < count) {
             const char* p = reinterpret_cast<const char*>(base + c);
             __builtin_prefetch(p);
@@ -150,8 +151,8 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
             if (left) {
                 if (base[l].isLeaf()) __builtin_prefetch(base[l].primitive);
                 fetchChildren(l);
-                fetchChildren(2 * l + 1);
-                fetchChildren(2 * l + 2);
+                fetchChildren(2LL * l + 1);
+                fetchChildren(2LL * l + 2);
             }
             if (right) {
                 if (base[r].isLeaf()) __builtin_prefetch(base[r].primitive);
