@@ -737,7 +737,14 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
         std::vector<Bound> parts(static_cast<size_t>(chunks));
         loop(chunks, [&](int c) {
             const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
-            for (int f = begin; f < end; ++f) init(f);
+            const GmTriangleFace* const faces = _mesh->getFaces().data();
+            const GmTVector<double>* const vertices = _mesh->getVertices().data();
+            constexpr int kAhead = 8;  // vertex positions are fetched that many faces ahead
+            for (int f = begin; f < end; ++f) {
+                if (f + kAhead < end)
+                    for (int k = 0; k < 3; ++k) __builtin_prefetch(vertices + faces[f + kAhead].vertices[k]);
+                init(f);
+            }
             task.gather([](int j) { return j; }, begin, end, parts[static_cast<size_t>(c)], -1);
         });
         for (const Bound& part : parts) bound.add(part);
