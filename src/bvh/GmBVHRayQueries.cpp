@@ -130,6 +130,13 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
     const Node* const base = nodes.data();
     const int count = static_cast<int>(nodes.size());
     const std::vector<GmTVector<double>>& v = mesh.getVertices();
+    const GmTriangleFace* const faces = mesh.getFaces().data();
+    // A leaf that passes is visited: its face data is made current right away (every face visit
+    // does this), which also starts fetching the face's cache slot early.
+    const auto enter = [&](const Node& leaf) {
+        __builtin_prefetch(leaf.primitive);
+        mesh.getFaceArea(static_cast<int>(leaf.primitive - faces));
+    };
     const auto passes = [&](const Node& node) { return (includeDisabled || !node.disabled) && tests.box(node.box); };
     const auto fetchChildren = [&](long long i) {
         const long long c = 2 * i + 1;
@@ -140,6 +147,7 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
         }
     };
     if (!passes(base[0])) return;
+    if (base[0].isLeaf()) enter(base[0]);
     int stack[64];
     int top = 0;
     int i = 0;
@@ -149,13 +157,13 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
             const int l = 2 * i + 1, r = l + 1;
             const bool left = passes(base[l]), right = passes(base[r]);
             if (left) {
-                if (base[l].isLeaf()) __builtin_prefetch(base[l].primitive);
+                if (base[l].isLeaf()) enter(base[l]);
                 fetchChildren(l);
                 fetchChildren(2LL * l + 1);
                 fetchChildren(2LL * l + 2);
             }
             if (right) {
-                if (base[r].isLeaf()) __builtin_prefetch(base[r].primitive);
+                if (base[r].isLeaf()) enter(base[r]);
                 fetchChildren(r);
                 stack[top++] = r;
             }
@@ -165,7 +173,6 @@ void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const R
             }
         } else {
             const GmTriangleFace& f = *node.primitive;
-            mesh.getFaceArea(f.index);  // keeps the face data current, as every face visit does
             GmTVector<double> point, weights;
             if (tests.triangle(v[static_cast<size_t>(f.vertices[0])], v[static_cast<size_t>(f.vertices[1])],
                                v[static_cast<size_t>(f.vertices[2])], point, weights))
