@@ -308,20 +308,21 @@ void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi,
     }
     // Within a run of equal coarse keys the faces ascend: a stable sort by the exact key
     // completes the order. Runs are short and mostly in order already. A chunk takes the runs
-    // that start in it.
-    const SortItem* const items = src;
-    const auto runStart = [&](int j) {
-        while (j > 0 && j < n && items[j].coarse == items[j - 1].coarse) ++j;
-        return j;
-    };
+    // that start in it, which end before the next chunk's first run.
+    std::vector<int> starts(static_cast<size_t>(chunks) + 1);
+    for (int c = 0; c <= chunks; ++c) {
+        int j = chunkBegin(n, chunks, c);
+        while (j > 0 && j < n && src[j].coarse == src[j - 1].coarse) ++j;
+        starts[static_cast<size_t>(c)] = j;
+    }
     loop(chunks, [&](int c) {
         SortItem* const sorted = src;
-        int j = runStart(chunkBegin(n, chunks, c));
-        const int end = runStart(chunkBegin(n, chunks, c + 1));
+        int j = starts[static_cast<size_t>(c)];
+        const int end = starts[static_cast<size_t>(c) + 1];
         while (j < end) {
             int e = j + 1;
             bool ordered = true;
-            while (e < n && sorted[e].coarse == sorted[j].coarse) {
+            while (e < end && sorted[e].coarse == sorted[j].coarse) {
                 ordered &= sorted[e - 1].key <= sorted[e].key;
                 ++e;
             }

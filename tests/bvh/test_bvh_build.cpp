@@ -169,13 +169,13 @@ TEST(BvhBuild, BunnyEqualsReference) {
 
 // Sort keys that are equal or a few units of rounding apart, far from the origin, in
 // shuffled face order: the order must be exactly (centre, face index) on every axis.
-GmTriangleMesh nearlyEqualCentres(int n, unsigned seed) {
+GmTriangleMesh nearlyEqualCentres(int n, int clusters, unsigned seed) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
-    const V3 base(1e6, -2.5e5, 3e4);
     qgtools::PolygonSoup s;
     for (int i = 0; i < n; ++i) {
-        V3 c = base;
+        const double shift = static_cast<double>(rng() % static_cast<unsigned>(clusters)) * 1e-3;
+        V3 c(1e6 + shift, -2.5e5 + shift, 3e4 - shift);
         for (int a = 0; a < 3; ++a)
             for (unsigned k = rng() % 8; k > 0; --k) c[a] = std::nextafter(c[a], 1e300);
         const V3 d(u(rng), u(rng), u(rng)), e(u(rng) * 1e-9, u(rng) * 1e-9, u(rng) * 1e-9);
@@ -188,15 +188,21 @@ GmTriangleMesh nearlyEqualCentres(int n, unsigned seed) {
 }
 
 TEST(BvhBuild, NearlyEqualKeysFollowTheExactOrder) {
-    GmTriangleMesh mesh = nearlyEqualCentres(3000, 8);
-    int ties = 0;
-    for (int f = 1; f < mesh.getNumberFaces(); ++f) ties += mesh.getFaceCenter(f).x == mesh.getFaceCenter(f - 1).x;
-    EXPECT_GT(ties, 0);  // both exact ties and neighbouring doubles occur
-    const std::vector<RefNode> ref = referenceBuild(mesh, 0, nullptr, 0.0);
-    for (bool parallel : {false, true}) {
-        ScopedThreading t(parallel);
-        GmBoundingVolumeHierarchy h(&mesh);
-        EXPECT_EQ(firstDifference(h, ref), -1) << parallel;
+    // One cluster of 3000 faces; then 70000 faces in 4000 clusters, so that the parallel build's
+    // chunks start and end inside runs of nearly equal keys.
+    for (const auto& [n, clusters] : {std::pair<int, int>{3000, 1}, std::pair<int, int>{70000, 4000}}) {
+        GmTriangleMesh mesh = nearlyEqualCentres(n, clusters, 8);
+        int ties = 0;
+        for (int f = 1; f < mesh.getNumberFaces(); ++f) ties += mesh.getFaceCenter(f).x == mesh.getFaceCenter(f - 1).x;
+        if (clusters == 1) {
+            EXPECT_GT(ties, 0);  // both exact ties and neighbouring doubles occur
+        }
+        const std::vector<RefNode> ref = referenceBuild(mesh, 0, nullptr, 0.0);
+        for (bool parallel : {false, true}) {
+            ScopedThreading t(parallel);
+            GmBoundingVolumeHierarchy h(&mesh);
+            EXPECT_EQ(firstDifference(h, ref), -1) << n << " " << parallel;
+        }
     }
 }
 
