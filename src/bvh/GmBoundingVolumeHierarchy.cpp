@@ -3,6 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
 
 #include <tbb/parallel_invoke.h>
 #include <tbb/task_group.h>
@@ -44,25 +52,50 @@ int computeDepth(int n) {
 // Items on the left of a node of k > 2 items: keeps the heap complete.
 inline int leftCount(int k) {
     if (k <= 2) return 1;
-    int p = 1;
-    while (p * 2 <= k / 2) p *= 2;
+    const int p = 1 << (31 - __builtin_clz(static_cast<unsigned>(k / 2)));  // largest power of two <= k / 2
     return std::min(k - p, 2 * p);
 }
 
-// Strict total order on (key, face): keys ascending (NaN after every number), ties by face.
-inline bool itemLess(const GmBoundingVolumeHierarchy::FaceData& a, const GmBoundingVolumeHierarchy::FaceData& b) {
-    const bool na = std::isnan(a.key), nb = std::isnan(b.key);
-    if (na != nb) return nb;
-    if (!na) {
-        if (a.key < b.key) return true;
-        if (b.key < a.key) return false;
-    }
-    return a.face < b.face;
+// Image of a sort key as an unsigned integer in the same order: both zeros share one value,
+// NaN takes the largest (the build orders NaN keys after every number).
+inline std::uint64_t monotoneKey(double x) {
+    if (std::isnan(x)) return ~std::uint64_t(0);
+    if (x == 0.0) return std::uint64_t(1) << 63;
+    std::uint64_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return (u >> 63) != 0 ? ~u : (u | (std::uint64_t(1) << 63));
+}
+
+// Nearest float at or below / at or above a double, without branches on the rounding
+// direction (which is as good as random): the same values as floatDown / floatUp.
+inline float roundFloatDown(double v) {
+    const float f = static_cast<float>(v);
+    std::uint32_t b;
+    std::memcpy(&b, &f, sizeof b);
+    const std::uint32_t z = b | (static_cast<std::uint32_t>(b == 0u) << 31);  // +0 steps as -0 does
+    const std::uint32_t step = z + 2u * (z >> 31) - 1u;                        // one float towards -inf
+    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) > v);
+    const std::uint32_t r = (b & ~mask) | (step & mask);
+    float out;
+    std::memcpy(&out, &r, sizeof out);
+    return out;
+}
+inline float roundFloatUp(double v) {
+    const float f = static_cast<float>(v);
+    std::uint32_t b;
+    std::memcpy(&b, &f, sizeof b);
+    const std::uint32_t z = b & ~(static_cast<std::uint32_t>(b == 0x80000000u) << 31);  // -0 steps as +0
+    const std::uint32_t step = z + 1u - 2u * (z >> 31);                                 // one float towards +inf
+    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) < v);
+    const std::uint32_t r = (b & ~mask) | (step & mask);
+    float out;
+    std::memcpy(&out, &r, sizeof out);
+    return out;
 }
 
 // Leaf box of one face in mode N (0 plain, 1 swept, 2 thickened).
 template <int N>
-inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
+__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
                                 const std::vector<GmTVector<double>>* positions, double thickness) {
     const GmTVector<double>& a = v[static_cast<size_t>(f.vertices[0])];
     const GmTVector<double>& b = v[static_cast<size_t>(f.vertices[1])];
@@ -84,8 +117,8 @@ inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const G
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
     const double pad = N == 2 ? thickness + kPad : kPad;
-    return GmAxisAlignedBox(floatDown(mn[0] - pad), floatDown(mn[1] - pad), floatDown(mn[2] - pad),
-                            floatUp(mx[0] + pad), floatUp(mx[1] + pad), floatUp(mx[2] + pad));
+    return GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
+                            roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -98,9 +131,64 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 }
 
 typedef GmBoundingVolumeHierarchy::Node Node;
-typedef GmBoundingVolumeHierarchy::FaceData FaceData;
 
-// Per-face initialisation of the build: leaf box, flags (bit 0 disabled, bit 1 frozen) and centre.
+// What the build keeps of one face: its leaf box, flags (bit 0 disabled, bit 1 frozen) and the
+// largest of its box's three extents (-inf when an extent is NaN). Plain data, so that an array
+// of them is not initialised before the build fills it. Laid out as two groups of four floats:
+// minimum x, y, z and the largest extent, maximum x, y, z and the flags' bits.
+struct alignas(32) LeafRecord {
+    float v[8];
+
+    unsigned flags() const {
+        unsigned f;
+        std::memcpy(&f, &v[7], sizeof f);
+        return f;
+    }
+    GmAxisAlignedBox box() const { return GmAxisAlignedBox(v[0], v[1], v[2], v[4], v[5], v[6]); }
+    void set(const GmAxisAlignedBox& b, unsigned f) {
+        v[0] = b.minX;
+        v[1] = b.minY;
+        v[2] = b.minZ;
+        v[4] = b.maxX;
+        v[5] = b.maxY;
+        v[6] = b.maxZ;
+        std::memcpy(&v[7], &f, sizeof f);
+        const GmTVector<float> e = b.getExtent();
+        v[3] = std::isnan(e.x) || std::isnan(e.y) || std::isnan(e.z)
+                   ? -std::numeric_limits<float>::infinity()
+                   : std::max(e.x, std::max(e.y, e.z));
+    }
+};
+
+// What a node's parent finds out about the node's faces: their box, the AND of their flags and
+// the least of their largest extents (the floor). An axis on which the node's extent is below the
+// floor is never split on below the node: any node below contains a face whose largest extent
+// reaches the floor, so lies on another axis, and on that axis the node below is wider than on
+// this one. The build stops keeping that axis' list in order there.
+struct Bound {
+    GmAxisAlignedBox box;
+    unsigned flags = 3u;
+    float floor = std::numeric_limits<float>::infinity();
+
+    void add(const Bound& b) {
+        unionInto(box, b.box);
+        flags &= b.flags;
+        floor = std::min(floor, b.floor);
+    }
+    // Whether the list of each axis is still needed below.
+    void liveAxes(bool live[3]) const {
+        const GmTVector<float> e = box.getExtent();
+        for (int a = 0; a < 3; ++a) live[a] = !(e[a] < floor);
+    }
+};
+
+// Uninitialised array of a trivially constructible type (filled by the build's first pass).
+template <class T>
+std::unique_ptr<T[]> rawArray(std::size_t n) {
+    return std::unique_ptr<T[]>(new T[n]);
+}
+
+// Per-face initialisation of the build: leaf record, and the face centre made current.
 template <int N>
 struct BuildInitializeBody {
     const GmTriangleMesh* mesh;
@@ -108,88 +196,379 @@ struct BuildInitializeBody {
     double thickness;
     const GmDisabledData* disabled;
     const GmFrozenData* frozen;
-    GmAxisAlignedBox* boxes;
-    unsigned char* flags;
-    FaceData* items;
-    GmTVector<double>* centres;
+    LeafRecord* leaves;
 
     void operator()(int f) const {
         QG_BVH_ACQUIRE(&kHandOff);
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
-        boxes[f] = leafBox<N>(mesh->getVertices(), face, positions, thickness);
-        flags[f] = static_cast<unsigned char>((faceDisabled(disabled, f) ? 1 : 0) | (faceFrozen(frozen, f) ? 2 : 0));
-        items[f].face = f;
-        items[f].key = 0.0;
-        centres[f] = mesh->getFaceCenter(f);
+        leaves[f].set(leafBox<N>(mesh->getVertices(), face, positions, thickness),
+                      (faceDisabled(disabled, f) ? 1u : 0u) | (faceFrozen(frozen, f) ? 2u : 0u));
+        mesh->getFaceCenter(f);
         QG_BVH_RELEASE(&kHandOff);
     }
 };
 
-// Top-down assignment of items to the subtree rooted at node i.
+// Sort item: the exact key, the face and a coarse monotone image of the key (22 bits).
+struct SortItem {
+    std::uint64_t key;
+    std::uint32_t face;
+    std::uint32_t coarse;
+};
+
+// Chunks of the per-face passes: enough for the workers to share, few enough to stay cheap.
+inline int chunkCount(int n) { return std::max(1, std::min(64, n / 16384)); }
+inline int chunkBegin(int n, int chunks, int c) {
+    return static_cast<int>(static_cast<std::int64_t>(n) * c / chunks);
+}
+
+// Runs body(c) for every chunk c in [0, chunks): on the calling thread, or as a parallel loop
+// inside the build's arena.
+struct ChunkLoop {
+    bool parallel;
+
+    // Chunks of a per-face pass over n faces: one on the calling thread.
+    int chunks(int n) const { return parallel ? chunkCount(n) : 1; }
+
+    template <class Body>
+    void operator()(int chunks, const Body& body) const {
+        if (parallel)
+            GmParallel::parallelFor(0, chunks, body);
+        else
+            for (int c = 0; c < chunks; ++c) body(c);
+    }
+};
+
+// The faces ordered by (centre on one axis, face index), NaN last. A stable two-pass radix
+// sort on the coarse keys (the centre's place in [lo, hi] in 2^22 steps) starting from face
+// order, each chunk of the input keeping its own counts; runs of equal coarse keys are then
+// put in the order of the exact keys. tmp holds 2n items.
+void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi, SortItem* tmp, int* out,
+              const ChunkLoop& loop) {
+    constexpr int kBits = 11, kBuckets = 1 << kBits;
+    constexpr std::uint32_t kTop = (1u << (2 * kBits)) - 1u;
+    const double scale = static_cast<double>(kTop + 1u) / (hi - lo);
+    const bool scaled = std::isfinite(scale) && scale > 0.0;
+    const int chunks = loop.chunks(n);
+    std::vector<std::uint32_t> counts(static_cast<size_t>(chunks) * kBuckets);
+    // With a single chunk the pack pass counts the second digit as well.
+    std::vector<std::uint32_t> high(chunks == 1 ? kBuckets : 0);
+    SortItem* src = tmp;
+    SortItem* dst = tmp + n;
+
+    loop(chunks, [&](int c) {
+        std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
+        std::fill(count, count + kBuckets, 0u);
+        std::uint32_t* countHigh = chunks == 1 ? high.data() : nullptr;
+        for (int f = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); f < end; ++f) {
+            const double x = mesh.getFaceCenter(f)[axis];
+            SortItem& it = src[f];
+            it.key = monotoneKey(x);
+            it.face = static_cast<std::uint32_t>(f);
+            if (!scaled)
+                it.coarse = static_cast<std::uint32_t>(it.key >> (64 - 2 * kBits));
+            else if (std::isnan(x))
+                it.coarse = kTop;
+            else
+                it.coarse = static_cast<std::uint32_t>(std::min(std::max((x - lo) * scale, 0.0), double(kTop)));
+            ++count[it.coarse & (kBuckets - 1)];
+            if (countHigh != nullptr) ++countHigh[it.coarse >> kBits];
+        }
+    });
+    for (int pass = 0; pass < 2; ++pass) {
+        const int shift = pass * kBits;
+        if (pass > 0 && chunks == 1)
+            counts.swap(high);
+        else if (pass > 0)
+            loop(chunks, [&](int c) {
+                std::uint32_t* count = counts.data() + static_cast<size_t>(c) * kBuckets;
+                std::fill(count, count + kBuckets, 0u);
+                for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j)
+                    ++count[(src[j].coarse >> shift) & (kBuckets - 1)];
+            });
+        // Start of every (bucket, chunk) in the output; a pass whose digit never varies is skipped.
+        std::uint32_t sum = 0;
+        bool trivial = false;
+        for (int b = 0; b < kBuckets; ++b) {
+            const std::uint32_t start = sum;
+            for (int c = 0; c < chunks; ++c) {
+                std::uint32_t& count = counts[static_cast<size_t>(c) * kBuckets + b];
+                const std::uint32_t t = count;
+                count = sum;
+                sum += t;
+            }
+            trivial |= sum - start == static_cast<std::uint32_t>(n);
+        }
+        if (trivial) continue;
+        loop(chunks, [&](int c) {
+            std::uint32_t* next = counts.data() + static_cast<size_t>(c) * kBuckets;
+            for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j)
+                dst[next[(src[j].coarse >> shift) & (kBuckets - 1)]++] = src[j];
+        });
+        std::swap(src, dst);
+    }
+    // Within a run of equal coarse keys the faces ascend: a stable sort by the exact key
+    // completes the order. Runs are short and mostly in order already. A chunk takes the runs
+    // that start in it, which end before the next chunk's first run.
+    std::vector<int> starts(static_cast<size_t>(chunks) + 1);
+    for (int c = 0; c <= chunks; ++c) {
+        int j = chunkBegin(n, chunks, c);
+        while (j > 0 && j < n && src[j].coarse == src[j - 1].coarse) ++j;
+        starts[static_cast<size_t>(c)] = j;
+    }
+    loop(chunks, [&](int c) {
+        SortItem* const sorted = src;
+        int j = starts[static_cast<size_t>(c)];
+        const int end = starts[static_cast<size_t>(c) + 1];
+        while (j < end) {
+            int e = j + 1;
+            bool ordered = true;
+            while (e < end && sorted[e].coarse == sorted[j].coarse) {
+                ordered &= sorted[e - 1].key <= sorted[e].key;
+                ++e;
+            }
+            if (!ordered && e - j <= 32) {
+                for (int q = j + 1; q < e; ++q) {  // stable insertion
+                    const SortItem item = sorted[q];
+                    int p = q;
+                    for (; p > j && item.key < sorted[p - 1].key; --p) sorted[p] = sorted[p - 1];
+                    sorted[p] = item;
+                }
+            } else if (!ordered) {
+                std::stable_sort(sorted + j, sorted + e,
+                                 [](const SortItem& a, const SortItem& b) { return a.key < b.key; });
+            }
+            for (int q = j; q < e; ++q) out[q] = static_cast<int>(sorted[q].face);
+            j = e;
+        }
+    });
+}
+
+// Top-down assignment of faces to nodes. lists[a] holds the faces sorted by their centre on
+// axis a; a node of the item range [lo, hi) finds its faces in that range of all three lists,
+// each in its own axis order. Splitting on axis a leaves lists[a] as it is (the left child takes
+// the first m) and partitions the other two stably, so every child again finds its faces sorted
+// on all three axes. A node's box and flags come from its parent, which gathers both children's
+// in one pass over the faces.
 struct BuildTask {
     Node* nodes;
     const GmTriangleFace* faces;
-    const GmAxisAlignedBox* boxes;
-    const unsigned char* flags;
-    FaceData* items;
-    const GmTVector<double>* centres;
+    const LeafRecord* leaves;
+    int* lists[3];
+    int* scratch;         // n entries; a node uses [lo, hi)
+    unsigned char* side;  // per face: 0 left, 1 right of the current split
     bool parallel;
 
-    void run(int i, int lo, int hi) const {
-        const int k = hi - lo;
+    __attribute__((always_inline)) void setLeaf(int i, int f) const {
         Node& node = nodes[i];
-        if (k == 1) {
-            const int f = items[lo].face;
-            node.box = boxes[f];
-            node.primitive = faces + f;
-            node.disabled = (flags[f] & 1) != 0;
-            node.frozen = (flags[f] & 2) != 0;
-            return;
-        }
-        GmAxisAlignedBox box;
-        unsigned char all = 3;
-        for (int j = lo; j < hi; ++j) {
-            const int f = items[j].face;
-            unionInto(box, boxes[f]);
-            all &= flags[f];
-        }
-        node.box = box;
+        const LeafRecord& r = leaves[f];
+        node.box = r.box();
+        node.primitive = faces + f;
+        const unsigned flags = r.flags();
+        node.disabled = (flags & 1u) != 0;
+        node.frozen = (flags & 2u) != 0;
+    }
+    void setInternal(int i, const Bound& b) const {
+        Node& node = nodes[i];
+        node.box = b.box;
         node.primitive = nullptr;
-        node.disabled = (all & 1) != 0;
-        node.frozen = (all & 2) != 0;
+        node.disabled = (b.flags & 1u) != 0;
+        node.frozen = (b.flags & 2u) != 0;
+    }
 
-        const int m = leftCount(k);
-        if (k > 2) {
-            int order[3];
-            box.getExtent().getIndexOrdering(order);
-            const int axis = order[0];
-            for (int j = lo; j < hi; ++j) items[j].key = centres[items[j].face][axis];
-            // The left child takes the m smallest items by (key, face): a selection gives the
-            // same sets as a full sort. Children of two items keep the sorted order.
-            std::nth_element(items + lo, items + lo + m, items + hi, itemLess);
-            if (m == 2 && itemLess(items[lo + 1], items[lo])) std::swap(items[lo], items[lo + 1]);
-            if (k - m == 2 && itemLess(items[lo + m + 1], items[lo + m])) std::swap(items[lo + m], items[lo + m + 1]);
+    // Adds the faces list[from, to) to b, marking their side (mark >= 0).
+    void gather(const int* list, int from, int to, Bound& b, int mark) const {
+        gather([list](int j) { return list[j]; }, from, to, b, mark);
+    }
+    // The same for the faces face(j), j in [from, to).
+    template <class Face>
+    void gather(const Face& face, int from, int to, Bound& b, int mark) const {
+        const LeafRecord* const records = leaves;
+        unsigned char* const sides = side;
+        unsigned all = b.flags;
+        const unsigned char value = static_cast<unsigned char>(mark);
+#if defined(__SSE2__)
+        // Four lanes at once; minps / maxps keep the accumulated value unless the record's is
+        // smaller / larger, as std::min / std::max do (the flags' lane is ignored).
+        __m128 lo = _mm_setr_ps(b.box.minX, b.box.minY, b.box.minZ, b.floor);
+        __m128 hi = _mm_setr_ps(b.box.maxX, b.box.maxY, b.box.maxZ, 0.0f);
+        for (int j = from; j < to; ++j) {
+            const unsigned f = static_cast<unsigned>(face(j));
+            const LeafRecord& r = records[f];
+            lo = _mm_min_ps(_mm_load_ps(r.v), lo);
+            hi = _mm_max_ps(_mm_load_ps(r.v + 4), hi);
+            all &= r.flags();
+            if (mark >= 0) sides[f] = value;
         }
+        alignas(16) float l[4], h[4];
+        _mm_store_ps(l, lo);
+        _mm_store_ps(h, hi);
+        b.box = GmAxisAlignedBox(l[0], l[1], l[2], h[0], h[1], h[2]);
+        b.floor = l[3];
+#else
+        float x0 = b.box.minX, y0 = b.box.minY, z0 = b.box.minZ, x1 = b.box.maxX, y1 = b.box.maxY, z1 = b.box.maxZ;
+        float floor = b.floor;
+        for (int j = from; j < to; ++j) {
+            const int f = face(j);
+            const LeafRecord& r = records[f];
+            x0 = std::min(x0, r.v[0]);
+            y0 = std::min(y0, r.v[1]);
+            z0 = std::min(z0, r.v[2]);
+            floor = std::min(floor, r.v[3]);
+            x1 = std::max(x1, r.v[4]);
+            y1 = std::max(y1, r.v[5]);
+            z1 = std::max(z1, r.v[6]);
+            all &= r.flags();
+            if (mark >= 0) sides[f] = value;
+        }
+        b.box = GmAxisAlignedBox(x0, y0, z0, x1, y1, z1);
+        b.floor = floor;
+#endif
+        b.flags = all;
+    }
+
+    // Stable partition of list[lo, hi) by side: the m left faces first. Left faces move down in
+    // place, right ones go to the scratch range and are copied back after.
+    void partition(int* list, int lo, int hi, int m) const {
+        int* const in = list + lo;
+        int* const right = scratch + lo;
+        const unsigned char* const sides = side;
+        const std::size_t k = static_cast<std::size_t>(hi - lo);
+        std::size_t r = 0;  // right faces so far; the left ones number j - r
+        for (std::size_t j = 0; j < k; ++j) {
+            const unsigned f = static_cast<unsigned>(in[j]);
+            in[j - r] = static_cast<int>(f);
+            right[r] = static_cast<int>(f);
+            r += sides[f];
+        }
+        int* const out = in + m;
+        if (r > 32)
+            std::memcpy(out, right, r * sizeof(int));
+        else
+            for (std::size_t j = 0; j < r; ++j) out[j] = right[j];
+    }
+
+    // The same split of the root's faces as gather and partition do it, in chunks shared by the
+    // workers; partial bounds are combined in chunk order, which is the faces' order.
+    void splitInChunks(int axis, const bool live[3], int n, int m, Bound& left, Bound& right) const {
+        const ChunkLoop loop{true};
+        const int chunks = chunkCount(n);
+        std::vector<Bound> parts(2 * static_cast<size_t>(chunks));
+        std::vector<int> lefts(static_cast<size_t>(chunks));
+        const int* sorted = lists[axis];
+        loop(chunks, [&](int c) {
+            const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+            gather(sorted, begin, std::max(begin, std::min(end, m)), parts[2 * static_cast<size_t>(c)], 0);
+            gather(sorted, std::min(end, std::max(begin, m)), end, parts[2 * static_cast<size_t>(c) + 1], 1);
+        });
+        for (int c = 0; c < chunks; ++c) {
+            left.add(parts[2 * static_cast<size_t>(c)]);
+            right.add(parts[2 * static_cast<size_t>(c) + 1]);
+        }
+        for (int a = 0; a < 3; ++a) {
+            if (a == axis || !live[a]) continue;
+            int* const list = lists[a];
+            loop(chunks, [&](int c) {
+                const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+                int count = 0;
+                for (int j = begin; j < end; ++j) {
+                    scratch[j] = list[j];
+                    count += 1 - side[list[j]];
+                }
+                lefts[static_cast<size_t>(c)] = count;
+            });
+            std::vector<int> leftStart(static_cast<size_t>(chunks)), rightStart(static_cast<size_t>(chunks));
+            for (int c = 0, l = 0, r = m; c < chunks; ++c) {
+                leftStart[static_cast<size_t>(c)] = l;
+                rightStart[static_cast<size_t>(c)] = r;
+                const int size = chunkBegin(n, chunks, c + 1) - chunkBegin(n, chunks, c);
+                l += lefts[static_cast<size_t>(c)];
+                r += size - lefts[static_cast<size_t>(c)];
+            }
+            loop(chunks, [&](int c) {
+                int l = leftStart[static_cast<size_t>(c)], r = rightStart[static_cast<size_t>(c)];
+                for (int j = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1); j < end; ++j) {
+                    const int f = scratch[j];
+                    const int s = side[f];
+                    list[l + ((r - l) & -s)] = f;
+                    l += 1 - s;
+                    r += s;
+                }
+            });
+        }
+    }
+
+    // Node i of the range [lo, hi); order is the parent's split list (a node of two keeps it).
+    void child(int i, int lo, int hi, const int* order, const Bound& b) const {
+        const int k = hi - lo;
+        if (k == 1) {
+            setLeaf(i, order[lo]);
+        } else if (k == 2) {
+            setInternal(i, b);
+            setLeaf(2 * i + 1, order[lo]);
+            setLeaf(2 * i + 2, order[lo + 1]);
+        } else {
+            run(i, lo, hi, b);
+        }
+    }
+
+    // Node i with k = hi - lo > 2 faces, whose bound is known.
+    void run(int i, int lo, int hi, const Bound& b) const {
+        const int k = hi - lo;
+        setInternal(i, b);
+        int order[3];
+        b.box.getExtent().getIndexOrdering(order);
+        const int axis = order[0];
+        const int m = leftCount(k);
+        const int* sorted = lists[axis];
+        bool live[3];
+        b.liveAxes(live);
+
+        Bound leftBound, rightBound;
+        // Children of one or two faces take their faces from the sorted list alone.
+        const bool split = m > 2 || k - m > 2;
+        if (parallel && i == 0 && chunkCount(k) > 1) {
+            splitInChunks(axis, live, k, m, leftBound, rightBound);
+        } else {
+            gather(sorted, lo, lo + m, leftBound, split ? 0 : -1);
+            gather(sorted, lo + m, hi, rightBound, split ? 1 : -1);
+            if (split)
+                for (int a = 0; a < 3; ++a)
+                    if (a != axis && live[a]) partition(lists[a], lo, hi, m);
+        }
+
         const int left = 2 * i + 1, right = 2 * i + 2;
         if (parallel && i < kParallelBuildNodes) {
             // Both subtrees as child tasks. The tasks refer to these closures, which are
             // complete before the hand-over is released.
             const auto buildRight = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                run(right, lo + m, hi);
+                child(right, lo + m, hi, sorted, rightBound);
                 QG_BVH_RELEASE(&kHandOff);
             };
             const auto buildLeft = [=] {
                 QG_BVH_ACQUIRE(&kHandOff);
-                run(left, lo, lo + m);
+                child(left, lo, lo + m, sorted, leftBound);
                 QG_BVH_RELEASE(&kHandOff);
             };
             QG_BVH_RELEASE(&kHandOff);
             tbb::parallel_invoke(buildRight, buildLeft);
             QG_BVH_ACQUIRE(&kHandOff);
         } else {
-            run(left, lo, lo + m);
-            run(right, lo + m, hi);
+            child(left, lo, lo + m, sorted, leftBound);
+            child(right, lo + m, hi, sorted, rightBound);
+        }
+    }
+
+    // The whole tree over n faces, whose bound is given.
+    void root(int n, const Bound& b) const {
+        if (n == 1) {
+            setLeaf(0, 0);
+        } else if (n == 2) {  // two faces keep their order
+            setInternal(0, b);
+            setLeaf(1, 0);
+            setLeaf(2, 1);
+        } else {
+            run(0, 0, n, b);
         }
     }
 };
@@ -347,26 +726,52 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
     if (n <= 0 || _nodes.empty()) return;
 
-    std::vector<GmAxisAlignedBox> boxes(static_cast<size_t>(n));
-    std::vector<unsigned char> flags(static_cast<size_t>(n));
-    std::vector<FaceData> items(static_cast<size_t>(n));
-    std::vector<GmTVector<double>> centres(static_cast<size_t>(n));
-    const BuildInitializeBody<N> init{_mesh,        positions,    thickness,    disabled,      frozen,
-                                      boxes.data(), flags.data(), items.data(), centres.data()};
-    BuildTask task{_nodes.data(), _mesh->getFaces().data(), boxes.data(), flags.data(), items.data(), centres.data(),
-                   false};
+    const size_t count = static_cast<size_t>(n);
+    const std::unique_ptr<LeafRecord[]> leaves = rawArray<LeafRecord>(count);
+    const std::unique_ptr<int[]> lists = rawArray<int>(3 * count);
+    const BuildInitializeBody<N> init{_mesh, positions, thickness, disabled, frozen, leaves.get()};
+    BuildTask task{_nodes.data(), _mesh->getFaces().data(), leaves.get(),
+                   {lists.get(), lists.get() + n, lists.get() + 2 * n}, nullptr, nullptr, false};
+    Bound bound;
+    // The sort's buffers serve the partitions afterwards.
+    std::unique_ptr<SortItem[]> tmp;
+    const auto prepare = [&](const ChunkLoop& loop) {
+        // Leaf records, then the root's bound combined in face order.
+        const int chunks = loop.chunks(n);
+        std::vector<Bound> parts(static_cast<size_t>(chunks));
+        loop(chunks, [&](int c) {
+            const int begin = chunkBegin(n, chunks, c), end = chunkBegin(n, chunks, c + 1);
+            const GmTriangleFace* const faces = _mesh->getFaces().data();
+            const GmTVector<double>* const vertices = _mesh->getVertices().data();
+            constexpr int kAhead = 8;  // vertex positions are fetched that many faces ahead
+            for (int f = begin; f < end; ++f) {
+                if (f + kAhead < end)
+                    for (int k = 0; k < 3; ++k) __builtin_prefetch(vertices + faces[f + kAhead].vertices[k]);
+                init(f);
+            }
+            task.gather([](int j) { return j; }, begin, end, parts[static_cast<size_t>(c)], -1);
+        });
+        for (const Bound& part : parts) bound.add(part);
+        tmp = rawArray<SortItem>(2 * count);
+        const GmAxisAlignedBox& box = bound.box;
+        const double lo[3] = {box.minX, box.minY, box.minZ}, hi[3] = {box.maxX, box.maxY, box.maxZ};
+        bool live[3];
+        bound.liveAxes(live);
+        for (int a = 0; a < 3; ++a)
+            if (live[a]) sortAxis(*_mesh, n, a, lo[a], hi[a], tmp.get(), task.lists[a], loop);
+        task.scratch = reinterpret_cast<int*>(tmp.get());
+        task.side = reinterpret_cast<unsigned char*>(tmp.get() + count);
+    };
 
     GmParallel::dispatch(
         [&] {
-            for (int f = 0; f < n; ++f) init(f);
-            task.run(0, 0, n);
+            prepare(ChunkLoop{false});
+            task.root(n, bound);
         },
         [&] {
             task.parallel = true;
-            QG_BVH_RELEASE(&kHandOff);
-            GmParallel::parallelFor(0, n, init);
-            QG_BVH_ACQUIRE(&kHandOff);
-            task.run(0, 0, n);
+            prepare(ChunkLoop{true});
+            task.root(n, bound);
         });
 }
 

@@ -102,6 +102,35 @@ TEST(BvhRays, GeneralRaysReportEveryFace) {
     }
 }
 
+TEST(BvhRays, RaysThroughVerticesEdgesAndAlongBoxFaces) {
+    // Exact coordinates k / 16: rays start on vertices, edges and box faces, run along grid lines,
+    // and have direction components that are zero, denormal, tiny or huge.
+    GmTriangleMesh grid = qgtools::makeClothGrid(16, 16);
+    GmTriangleMesh cube = qgtools::makeCube();
+    const double comps[] = {0.0, -0.0, 1e-310, -1e-300, 1e-200, 0.25, -0.5, 1.0, -3.0, 1e250, -1e301};
+    std::mt19937 rng(21);
+    for (GmTriangleMesh* mesh : {&grid, &cube}) {
+        GmBoundingVolumeHierarchy h(mesh);
+        const GmAxisAlignedBox root = h.getRootBoundingVolume();
+        int withHits = 0;
+        for (int i = 0; i < 1500; ++i) {
+            V3 o;
+            for (int a = 0; a < 3; ++a) o[a] = (static_cast<int>(rng() % 40) - 12) / 16.0;
+            if (i % 3 == 0) o = mesh->getVertex(static_cast<int>(rng() % static_cast<unsigned>(mesh->getNumberVertices())));
+            if (i % 5 == 0) o[i % 3] = i % 2 ? root.minX : root.maxZ;  // on a face of the root box
+            V3 d(comps[rng() % 11], comps[rng() % 11], comps[rng() % 11]);
+            if (d.length() <= DBL_EPSILON) d[rng() % 3] = 1.0;
+            std::vector<GmPointIntersectionInfo> hits;
+            h.intersect(GmRay(o, d), hits, false, true);
+            const std::set<int> expected = bruteRay(*mesh, o, d);
+            EXPECT_EQ(faceSet(hits), expected) << "from " << o << " along " << d;
+            EXPECT_EQ(hits.size(), expected.size());
+            withHits += !expected.empty();
+        }
+        EXPECT_GT(withHits, 100);
+    }
+}
+
 TEST(BvhRays, AxisRaysMatchTheirRule) {
     for (GmTriangleMesh mesh : {qgtools::makeIcosphere(3), loadData("spot.obj"), randomSoup(300, 4)}) {
         GmBoundingVolumeHierarchy h(&mesh);
