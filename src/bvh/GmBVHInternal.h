@@ -2,10 +2,15 @@
 
 // Shared helpers of the hierarchy's sources (not installed).
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
@@ -74,6 +79,104 @@ inline double boxDistanceSquared(const GmAxisAlignedBox& b, const GmTVector<doub
         }
     }
     return d2;
+}
+
+// Hint that the Size bytes from p are read soon (no effect where unsupported). Always inlined:
+// a separate function of nothing but hints counts as free of side effects, and GCC drops calls
+// to it.
+#if defined(__GNUC__)
+#define QG_BVH_ALWAYS_INLINE inline __attribute__((always_inline))
+#else
+#define QG_BVH_ALWAYS_INLINE inline
+#endif
+template <size_t Size>
+QG_BVH_ALWAYS_INLINE void prefetchBytes(const void* p) {
+#if defined(__GNUC__)
+    const char* c = static_cast<const char*>(p);
+    for (size_t k = 0; k < Size; k += 64) __builtin_prefetch(c + k);
+    if (Size % 64 != 0 || Size > 64) __builtin_prefetch(c + Size - 1);
+#else
+    (void)p;
+#endif
+}
+
+// Query point for boxDistanceSquaredPair, each coordinate broadcast once per query.
+struct PairQuery {
+#if defined(__SSE2__)
+    __m128d x, y, z;
+    explicit PairQuery(const GmTVector<double>& p) : x(_mm_set1_pd(p.x)), y(_mm_set1_pd(p.y)), z(_mm_set1_pd(p.z)) {}
+#else
+    GmTVector<double> p;
+    explicit PairQuery(const GmTVector<double>& q) : p(q) {}
+#endif
+};
+
+#if defined(__SSE2__)
+// One axis of boxDistanceSquared for two boxes at once: the distance outside [mn, mx], 0 inside.
+inline __m128d axisGap(__m128d mn, __m128d mx, __m128d c) {
+    const __m128d zero = _mm_setzero_pd();
+    const __m128d below = _mm_max_pd(_mm_sub_pd(mn, c), zero);
+    const __m128d above = _mm_max_pd(_mm_sub_pd(c, mx), zero);
+    const __m128d isBelow = _mm_cmpgt_pd(below, zero);
+    return _mm_or_pd(_mm_and_pd(isBelow, below), _mm_andnot_pd(isBelow, above));
+}
+#endif
+
+// boxDistanceSquared of two boxes (adjacent siblings, say), with the same rounding.
+inline void boxDistanceSquaredPair(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b, const PairQuery& q,
+                                   double& da, double& db) {
+#if defined(__SSE2__)
+    const __m128d gx = axisGap(_mm_set_pd(b.minX, a.minX), _mm_set_pd(b.maxX, a.maxX), q.x);
+    const __m128d gy = axisGap(_mm_set_pd(b.minY, a.minY), _mm_set_pd(b.maxY, a.maxY), q.y);
+    const __m128d gz = axisGap(_mm_set_pd(b.minZ, a.minZ), _mm_set_pd(b.maxZ, a.maxZ), q.z);
+    const __m128d d2 = _mm_add_pd(_mm_add_pd(_mm_mul_pd(gx, gx), _mm_mul_pd(gy, gy)), _mm_mul_pd(gz, gz));
+    da = _mm_cvtsd_f64(d2);
+    db = _mm_cvtsd_f64(_mm_unpackhi_pd(d2, d2));
+#else
+    da = boxDistanceSquared(a, q.p);
+    db = boxDistanceSquared(b, q.p);
+#endif
+}
+
+// Pending subtrees of a depth-first search with their box distances. One entry per level at
+// most, and levels stop at 31.
+class DepthFirstStack {
+public:
+    bool empty() const { return _size == 0; }
+    void push(double key, int node) {
+        if (_size < kCapacity) _entries[_size++] = Entry{key, node};
+    }
+    void pop(double& key, int& node) {
+        const Entry& e = _entries[--_size];
+        key = e.key;
+        node = e.node;
+    }
+
+private:
+    struct Entry {
+        double key;
+        int node;
+    };
+    static constexpr int kCapacity = 64;
+    Entry _entries[kCapacity];
+    int _size = 0;
+};
+
+// Start loading the two levels below the children `left` and `left + 1` of a node (heap layout:
+// their 4 children, then those's 8 children, each group contiguous).
+template <class Node>
+QG_BVH_ALWAYS_INLINE void prefetchGrandchildren(const Node* nodes, int left, int numberNodes) {
+    const long long grand = 2LL * left + 1, greatGrand = 4LL * left + 3;
+    if (grand + 4 <= numberNodes) {
+        prefetchBytes<4 * sizeof(Node)>(nodes + grand);
+    } else if (grand < numberNodes) {
+        prefetchBytes<sizeof(Node)>(nodes + grand);
+    }
+    if (greatGrand + 8 <= numberNodes) {
+        prefetchBytes<8 * sizeof(Node)>(nodes + greatGrand);
+    } else if (greatGrand < numberNodes) {
+        prefetchBytes<sizeof(Node)>(nodes + greatGrand);
+    }
 }
 
 }  // namespace GmBVHDetail
