@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -176,6 +177,61 @@ QG_BVH_ALWAYS_INLINE void prefetchGrandchildren(const Node* nodes, int left, int
         prefetchBytes<8 * sizeof(Node)>(nodes + greatGrand);
     } else if (greatGrand < numberNodes) {
         prefetchBytes<sizeof(Node)>(nodes + greatGrand);
+    }
+}
+
+// Depth-first walk of a face hierarchy towards p, nearer child first, for nearest-primitive
+// searches. A subtree is entered only while its squared box distance is not greater than
+// bound() + kPad, read afresh for each subtree (the farther child waits on a stack with its
+// box distance), and with includeDisabled false disabled subtrees are skipped. leaf(i) handles
+// leaf node i and may lower the bound; leafHint(i) is called for a leaf child as soon as it
+// qualifies, ahead of its visit (to start loading its primitive).
+template <class Node, class Bound, class Leaf, class LeafHint>
+inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<double>& p, bool includeDisabled,
+                             const Bound& bound, const Leaf& leaf, const LeafHint& leafHint) {
+    if (tree.empty()) return;
+    const Node* nodes = tree.data();
+    if (!includeDisabled && nodes[0].disabled) return;
+    const int numberNodes = static_cast<int>(tree.size());
+    const int firstLeaf = numberNodes / 2;  // 2n - 1 nodes, the last n of them leaves
+    const PairQuery q(p);
+    DepthFirstStack stack;
+    int node = 0;
+    double key = boxDistanceSquared(nodes[0].box, p);
+    for (;;) {
+        if (!(key > bound() + kPad)) {
+            if (node >= firstLeaf) {
+                leaf(node);
+            } else {
+                const int left = 2 * node + 1;
+                prefetchGrandchildren(nodes, left, numberNodes);
+                const Node& l = nodes[left];
+                const Node& r = nodes[left + 1];
+                double dl, dr;
+                boxDistanceSquaredPair(l.box, r.box, q, dl, dr);
+                const double limit = bound() + kPad;
+                const bool useL = !(dl > limit) && (includeDisabled || !l.disabled);
+                const bool useR = !(dr > limit) && (includeDisabled || !r.disabled);
+                if (left >= firstLeaf) {
+                    if (useL) leafHint(left);
+                    if (useR) leafHint(left + 1);
+                }
+                if (useL && useR) {
+                    const bool leftFirst = !(dr < dl);
+                    stack.push(leftFirst ? dr : dl, leftFirst ? left + 1 : left);
+                    node = leftFirst ? left : left + 1;
+                    key = leftFirst ? dl : dr;
+                    continue;
+                }
+                if (useL || useR) {
+                    node = useL ? left : left + 1;
+                    key = useL ? dl : dr;
+                    continue;
+                }
+            }
+        }
+        if (stack.empty()) break;
+        stack.pop(key, node);
     }
 }
 

@@ -63,79 +63,42 @@ GmGeometry::PointOnTriType GmBoundingVolumeHierarchy::classifyWeights(double w1,
 void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p, ClosestPointInfo& info,
                                                      const GmNormalTests* tests, bool includeDisabled) const {
     if (_mesh == nullptr || _nodes.empty()) return;
-    const Node* nodes = _nodes.data();
-    if (!includeDisabled && nodes[0].disabled) return;
     const GmTriangleMesh& mesh = *_mesh;
     const GmTVector<double>* V = mesh.getVertices().data();
+    const Node* nodes = _nodes.data();
     const bool directionTest = tests != nullptr && tests->directionWeight != 0.0;
     const bool sideTest = tests != nullptr && tests->sideMode != 0;
 
-    // Depth-first, nearer child first. The farther child waits on the stack with its box
-    // distance and is dropped when popped if the best has fallen below it since.
-    DepthFirstStack stack;
-    const PairQuery q(p);
-    const int numberNodes = getNumberNodes();
-    const int firstLeaf = getNumberInternalNodes();
     double best = info.face >= 0 ? info.distanceSquared : DBL_MAX;
     int foundFace = -1;
     double foundKey = DBL_MAX, foundS = 0.0, foundT = 0.0;
-    int node = 0;
-    double key = boxDistanceSquared(nodes[0].box, p);
-    for (;;) {
-        if (!(key > best + kSlack)) {
-            if (node < firstLeaf) {
-                const int left = 2 * node + 1;
-                prefetchGrandchildren(nodes, left, numberNodes);
-                const Node& l = nodes[left];
-                const Node& r = nodes[left + 1];
-                double dl, dr;
-                boxDistanceSquaredPair(l.box, r.box, q, dl, dr);
-                const bool useL = !(dl > best + kSlack) && (includeDisabled || !l.disabled);
-                const bool useR = !(dr > best + kSlack) && (includeDisabled || !r.disabled);
-                if (left >= firstLeaf) {  // leaf children: start loading their faces
-                    if (useL) prefetchBytes<sizeof(GmTriangleFace)>(l.primitive);
-                    if (useR) prefetchBytes<sizeof(GmTriangleFace)>(r.primitive);
-                }
-                if (useL && useR) {
-                    const bool leftFirst = !(dr < dl);
-                    stack.push(leftFirst ? dr : dl, leftFirst ? left + 1 : left);
-                    node = leftFirst ? left : left + 1;
-                    key = leftFirst ? dl : dr;
-                    continue;
-                }
-                if (useL || useR) {
-                    node = useL ? left : left + 1;
-                    key = useL ? dl : dr;
-                    continue;
-                }
-            } else {
-                const GmTriangleFace& f = *nodes[node].primitive;
-                if (!directionTest || mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack) {
-                    const GmTVector<double>& v1 = V[f.vertices[0]];
-                    const GmTVector<double>& v2 = V[f.vertices[1]];
-                    const GmTVector<double>& v3 = V[f.vertices[2]];
-                    double s = 0.0, t = 0.0;
-                    const double d2 = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
-                    bool keep = d2 <= best + kSlack;  // false for NaN
-                    if (keep && sideTest) {
-                        const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
-                        const bool front = (c - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
-                        keep = tests->sideMode < 0 ? !front : front;
-                    }
-                    // Ties in distance go to the smaller face index, whatever the visiting order.
-                    if (keep && (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.index < foundFace))) {
-                        foundFace = f.index;
-                        foundKey = d2;
-                        foundS = s;
-                        foundT = t;
-                        if (d2 < best) best = d2;
-                    }
-                }
-            }
+    auto testFace = [&](int node) {
+        const GmTriangleFace& f = *nodes[node].primitive;
+        if (directionTest && !(mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack)) return;
+        const GmTVector<double>& v1 = V[f.vertices[0]];
+        const GmTVector<double>& v2 = V[f.vertices[1]];
+        const GmTVector<double>& v3 = V[f.vertices[2]];
+        double s = 0.0, t = 0.0;
+        const double d2 = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
+        if (!(d2 <= best + kSlack)) return;  // also drops NaN
+        if (sideTest) {
+            const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
+            const bool front = (c - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
+            if (tests->sideMode < 0 ? front : !front) return;
         }
-        if (stack.empty()) break;
-        stack.pop(key, node);
-    }
+        // Equal distances go to the smaller face index, whatever the visiting order.
+        if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.index < foundFace)) {
+            foundFace = f.index;
+            foundKey = d2;
+            foundS = s;
+            foundT = t;
+            if (d2 < best) best = d2;
+        }
+    };
+    walkNearestFirst(
+        _nodes, p, includeDisabled, [&] { return best; }, testFace,
+        [&](int node) { prefetchBytes<sizeof(GmTriangleFace)>(nodes[node].primitive); });
+
     if (foundFace >= 0) {
         const GmTriangleFace& f = mesh.getFace(foundFace);
         const double w1 = 1.0 - foundS - foundT;
@@ -364,42 +327,21 @@ void GmBoundingVolumeHierarchy::initializeClosestVertexInfo(const GmTVector<doub
 
 void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p, int& vertex,
                                                       double& distanceSquared, bool includeDisabled) const {
-    const std::vector<GmTVector<double>>& V = _mesh->getVertices();
+    const GmTVector<double>* V = _mesh->getVertices().data();
+    const Node* nodes = _nodes.data();
     double best = vertex >= 0 ? distanceSquared : DBL_MAX;
-    struct Entry {
-        double key;
-        int node;
-    };
-    auto greater = [](const Entry& a, const Entry& b) { return a.key > b.key; };
-    static thread_local std::vector<Entry> heap;
-    heap.clear();
-    heap.push_back(Entry{boxDistanceSquared(_nodes[0].box, p), 0});
-    while (!heap.empty()) {
-        std::pop_heap(heap.begin(), heap.end(), greater);
-        const Entry e = heap.back();
-        heap.pop_back();
-        if (e.key > best + kSlack) break;  // every remaining box is farther than the best vertex
-        const Node& node = _nodes[static_cast<size_t>(e.node)];
-        if (!includeDisabled && node.disabled) continue;
-        if (!node.isLeaf()) {
-            for (int c = 2 * e.node + 1; c <= 2 * e.node + 2; ++c) {
-                const double d2 = boxDistanceSquared(_nodes[static_cast<size_t>(c)].box, p);
-                if (!(d2 > best + kSlack)) {
-                    heap.push_back(Entry{d2, c});
-                    std::push_heap(heap.begin(), heap.end(), greater);
-                }
-            }
-            continue;
-        }
-        for (const int v : node.primitive->vertices) {
-            const double d2 = (V[static_cast<size_t>(v)] - p).lengthSquared();
+    auto testVertices = [&](int node) {
+        for (const int v : nodes[node].primitive->vertices) {
+            const double d2 = (V[v] - p).lengthSquared();
             if (d2 < best || (d2 == best && v < vertex)) {
                 best = d2;
                 vertex = v;
             }
         }
-    }
-    heap.clear();
+    };
+    walkNearestFirst(
+        _nodes, p, includeDisabled, [&] { return best; }, testVertices,
+        [&](int node) { prefetchBytes<sizeof(GmTriangleFace)>(nodes[node].primitive); });
     distanceSquared = best;
 }
 
