@@ -180,6 +180,16 @@ QG_BVH_ALWAYS_INLINE void prefetchGrandchildren(const Node* nodes, int left, int
     }
 }
 
+// Start loading the three vertices of a face. Reads the face record itself, so a face whose
+// record is not yet in cache costs a wait here; called for both leaf children of a node, the
+// two waits overlap.
+template <class Face>
+QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices, const Face& face) {
+    prefetchBytes<sizeof(GmTVector<double>)>(vertices + face.vertices[0]);
+    prefetchBytes<sizeof(GmTVector<double>)>(vertices + face.vertices[1]);
+    prefetchBytes<sizeof(GmTVector<double>)>(vertices + face.vertices[2]);
+}
+
 // Depth-first walk of a face hierarchy towards p, nearer child first, for nearest-primitive
 // searches. A subtree is entered only while its squared box distance is not greater than
 // bound() + kPad, read afresh for each subtree (the farther child waits on a stack with its

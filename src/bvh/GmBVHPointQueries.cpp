@@ -93,11 +93,13 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
             foundS = s;
             foundT = t;
             if (d2 < best) best = d2;
+            // The caller reads the normal of the face found: start loading it (filling the
+            // face's cache slot if it is missing, as that read would).
+            prefetchBytes<sizeof(GmTVector<double>)>(&mesh.getFaceNormal(f.index));
         }
     };
-    walkNearestFirst(
-        _nodes, p, includeDisabled, [&] { return best; }, testFace,
-        [&](int node) { prefetchBytes<sizeof(GmTriangleFace)>(nodes[node].primitive); });
+    walkNearestFirst(_nodes, p, includeDisabled, [&] { return best; }, testFace,
+                     [&](int node) { prefetchFaceVertices(V, *nodes[node].primitive); });
 
     if (foundFace >= 0) {
         const GmTriangleFace& f = mesh.getFace(foundFace);
@@ -339,9 +341,8 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
             }
         }
     };
-    walkNearestFirst(
-        _nodes, p, includeDisabled, [&] { return best; }, testVertices,
-        [&](int node) { prefetchBytes<sizeof(GmTriangleFace)>(nodes[node].primitive); });
+    walkNearestFirst(_nodes, p, includeDisabled, [&] { return best; }, testVertices,
+                     [&](int node) { prefetchFaceVertices(V, *nodes[node].primitive); });
     distanceSquared = best;
 }
 
