@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -82,13 +83,15 @@ inline double boxDistanceSquared(const GmAxisAlignedBox& b, const GmTVector<doub
     return d2;
 }
 
-// Hint that the Size bytes from p are read soon (no effect where unsupported). Always inlined:
-// a separate function of nothing but hints counts as free of side effects, and GCC drops calls
-// to it.
+// Hint that the Size bytes from p are read soon (no effect where unsupported). Always inlined,
+// as is every function or lambda that issues hints: one that is not inlined and does nothing
+// but read and hint counts as free of side effects, and GCC drops the calls to it.
 #if defined(__GNUC__)
 #define QG_BVH_ALWAYS_INLINE inline __attribute__((always_inline))
+#define QG_BVH_INLINE_LAMBDA __attribute__((always_inline))
 #else
 #define QG_BVH_ALWAYS_INLINE inline
+#define QG_BVH_INLINE_LAMBDA
 #endif
 template <size_t Size>
 QG_BVH_ALWAYS_INLINE void prefetchBytes(const void* p) {
@@ -114,16 +117,14 @@ struct PairQuery {
 
 #if defined(__SSE2__)
 // One axis of boxDistanceSquared for two boxes at once: the distance outside [mn, mx], 0 inside.
+// Equal to the scalar rule whenever mn <= mx.
 inline __m128d axisGap(__m128d mn, __m128d mx, __m128d c) {
-    const __m128d zero = _mm_setzero_pd();
-    const __m128d below = _mm_max_pd(_mm_sub_pd(mn, c), zero);
-    const __m128d above = _mm_max_pd(_mm_sub_pd(c, mx), zero);
-    const __m128d isBelow = _mm_cmpgt_pd(below, zero);
-    return _mm_or_pd(_mm_and_pd(isBelow, below), _mm_andnot_pd(isBelow, above));
+    return _mm_max_pd(_mm_max_pd(_mm_sub_pd(mn, c), _mm_sub_pd(c, mx)), _mm_setzero_pd());
 }
 #endif
 
-// boxDistanceSquared of two boxes (adjacent siblings, say), with the same rounding.
+// boxDistanceSquared of two boxes (adjacent siblings, say), with the same rounding, for boxes
+// with min <= max on every axis (every box that a build or refit makes from finite positions).
 inline void boxDistanceSquaredPair(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b, const PairQuery& q,
                                    double& da, double& db) {
 #if defined(__SSE2__)
@@ -139,8 +140,8 @@ inline void boxDistanceSquaredPair(const GmAxisAlignedBox& a, const GmAxisAligne
 #endif
 }
 
-// Pending subtrees of a depth-first search with their box distances. At most three entries per
-// two levels of the current path, and levels stop at 31.
+// Pending subtrees of a depth-first search with their box distances. At most seven entries per
+// three levels of the current path, and levels stop at 31.
 class DepthFirstStack {
 public:
     bool empty() const { return _size == 0; }
@@ -158,7 +159,7 @@ private:
         double key;
         int node;
     };
-    static constexpr int kCapacity = 64;
+    static constexpr int kCapacity = 96;
     Entry _entries[kCapacity];
     int _size = 0;
 };
@@ -184,89 +185,83 @@ QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices
 }
 
 // Depth-first walk of a face hierarchy towards p, nearest subtree first, for nearest-primitive
-// searches. A subtree is entered only while its squared box distance is not greater than
-// bound() + kPad, read afresh for each subtree (the others wait on a stack with their box
-// distances), and with includeDisabled false disabled subtrees are skipped. leaf(i) handles leaf
-// node i and may lower the bound; leafHint(i) is called for a leaf as soon as it qualifies,
-// ahead of its visit (to start loading its primitive).
+// searches. A subtree is entered only while its squared box distance is not greater than the
+// current bound + kPad (the others wait on a stack with their box distances and are checked
+// again when taken), and with includeDisabled false disabled subtrees are skipped.
+// leaf(i, bound) handles leaf node i and returns the bound, possibly lowered; leafHint(i) is
+// called for a leaf as soon as it qualifies, ahead of its visit (to start loading its face).
 //
-// Below a node whose children are both internal the walk measures the four grandchildren
-// directly, skipping the children's boxes: a box lies inside its parent's, so a grandchild
-// within reach (or enabled) has a parent within reach (or enabled). Half as many dependent
-// steps from the root to a leaf, and fewer cache lines per query.
-template <class Node, class Bound, class Leaf, class LeafHint>
+// Each step measures the descendants up to three levels down (8 nodes, contiguous in the heap
+// layout; fewer where leaves come first) and skips the boxes in between: a box lies inside its
+// parent's, so a descendant within reach (or enabled) has every ancestor within reach (or
+// enabled). A third of the dependent steps from the root to a leaf, and fewer cache lines.
+template <class Node, class Leaf, class LeafHint>
 inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<double>& p, bool includeDisabled,
-                             const Bound& bound, const Leaf& leaf, const LeafHint& leafHint) {
+                             double bound, const Leaf& leaf, const LeafHint& leafHint) {
     if (tree.empty()) return;
     const Node* nodes = tree.data();
     if (!includeDisabled && nodes[0].disabled) return;
     const int numberNodes = static_cast<int>(tree.size());
     const int firstLeaf = numberNodes / 2;  // 2n - 1 nodes, the last n of them leaves
     const PairQuery q(p);
+    double limit = bound + kPad;
+
     // Once a node qualifies, start loading what its visit reads: the face of a leaf, else the
-    // boxes measured below it (grandchildren or children, as the step there will be).
-    auto lookAhead = [&](int i) {
+    // boxes its step measures.
+    auto lookAhead = [&](int i) QG_BVH_INLINE_LAMBDA {
         if (i >= firstLeaf) {
             leafHint(i);
+        } else if (4LL * i + 6 < firstLeaf) {
+            prefetchNodes<8>(nodes, 8LL * i + 7, numberNodes);
         } else if (2LL * i + 2 < firstLeaf) {
             prefetchNodes<4>(nodes, 4LL * i + 3, numberNodes);
         } else {
             prefetchNodes<2>(nodes, 2LL * i + 1, numberNodes);
         }
     };
+    // The qualifying ones of `Count` nodes from `first`, farthest first.
+    struct Candidate {
+        double key;
+        int node;
+    };
+    Candidate found[8];
+    auto measure = [&](auto countTag, int first) QG_BVH_INLINE_LAMBDA {
+        constexpr int Count = decltype(countTag)::value;
+        double d[Count];
+        for (int j = 0; j < Count; j += 2)
+            boxDistanceSquaredPair(nodes[first + j].box, nodes[first + j + 1].box, q, d[j], d[j + 1]);
+        int k = 0;
+        for (int j = 0; j < Count; ++j) {
+            if (d[j] > limit || (!includeDisabled && nodes[first + j].disabled)) continue;
+            lookAhead(first + j);
+            int m = k++;
+            for (; m > 0 && found[m - 1].key < d[j]; --m) found[m] = found[m - 1];
+            found[m] = Candidate{d[j], first + j};
+        }
+        return k;
+    };
+
     DepthFirstStack stack;
     int node = 0;
     double key = boxDistanceSquared(nodes[0].box, p);
     for (;;) {
-        if (!(key > bound() + kPad)) {
+        if (!(key > limit)) {
             if (node >= firstLeaf) {
-                leaf(node);
-            } else if (2 * node + 2 < firstLeaf) {
-                const int first = 4 * node + 3;
-                double d[4];
-                boxDistanceSquaredPair(nodes[first].box, nodes[first + 1].box, q, d[0], d[1]);
-                boxDistanceSquaredPair(nodes[first + 2].box, nodes[first + 3].box, q, d[2], d[3]);
-                const double limit = bound() + kPad;
-                int k = 0;
-                double keys[4];
-                int ids[4];
-                for (int j = 0; j < 4; ++j) {
-                    if (d[j] > limit || (!includeDisabled && nodes[first + j].disabled)) continue;
-                    lookAhead(first + j);
-                    // Insertion into farthest-first order.
-                    int m = k++;
-                    for (; m > 0 && keys[m - 1] < d[j]; --m) {
-                        keys[m] = keys[m - 1];
-                        ids[m] = ids[m - 1];
-                    }
-                    keys[m] = d[j];
-                    ids[m] = first + j;
+                bound = leaf(node, bound);
+                limit = bound + kPad;
+            } else {
+                int k;
+                if (4 * node + 6 < firstLeaf) {
+                    k = measure(std::integral_constant<int, 8>(), 8 * node + 7);
+                } else if (2 * node + 2 < firstLeaf) {
+                    k = measure(std::integral_constant<int, 4>(), 4 * node + 3);
+                } else {
+                    k = measure(std::integral_constant<int, 2>(), 2 * node + 1);
                 }
                 if (k > 0) {
-                    for (int j = 0; j < k - 1; ++j) stack.push(keys[j], ids[j]);
-                    node = ids[k - 1];
-                    key = keys[k - 1];
-                    continue;
-                }
-            } else {
-                const int left = 2 * node + 1;
-                double dl, dr;
-                boxDistanceSquaredPair(nodes[left].box, nodes[left + 1].box, q, dl, dr);
-                const double limit = bound() + kPad;
-                const bool useL = !(dl > limit) && (includeDisabled || !nodes[left].disabled);
-                const bool useR = !(dr > limit) && (includeDisabled || !nodes[left + 1].disabled);
-                if (useL) lookAhead(left);
-                if (useR) lookAhead(left + 1);
-                if (useL && useR) {
-                    const bool leftFirst = !(dr < dl);
-                    stack.push(leftFirst ? dr : dl, leftFirst ? left + 1 : left);
-                    node = leftFirst ? left : left + 1;
-                    key = leftFirst ? dl : dr;
-                    continue;
-                }
-                if (useL || useR) {
-                    node = useL ? left : left + 1;
-                    key = useL ? dl : dr;
+                    for (int j = 0; j < k - 1; ++j) stack.push(found[j].key, found[j].node);
+                    node = found[k - 1].node;
+                    key = found[k - 1].key;
                     continue;
                 }
             }

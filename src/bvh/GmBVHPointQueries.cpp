@@ -69,22 +69,21 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
     const bool directionTest = tests != nullptr && tests->directionWeight != 0.0;
     const bool sideTest = tests != nullptr && tests->sideMode != 0;
 
-    double best = info.face >= 0 ? info.distanceSquared : DBL_MAX;
     int foundFace = -1;
     double foundKey = DBL_MAX, foundS = 0.0, foundT = 0.0;
-    auto testFace = [&](int node) {
+    auto testFace = [&](int node, double best) {
         const GmTriangleFace& f = *nodes[node].primitive;
-        if (directionTest && !(mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack)) return;
+        if (directionTest && !(mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack)) return best;
         const GmTVector<double>& v1 = V[f.vertices[0]];
         const GmTVector<double>& v2 = V[f.vertices[1]];
         const GmTVector<double>& v3 = V[f.vertices[2]];
         double s = 0.0, t = 0.0;
         const double d2 = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
-        if (!(d2 <= best + kSlack)) return;  // also drops NaN
+        if (!(d2 <= best + kSlack)) return best;  // also drops NaN
         if (sideTest) {
             const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
             const bool front = (c - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
-            if (tests->sideMode < 0 ? front : !front) return;
+            if (tests->sideMode < 0 ? front : !front) return best;
         }
         // Equal distances go to the smaller face index, whatever the visiting order.
         if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.index < foundFace)) {
@@ -92,14 +91,11 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
             foundKey = d2;
             foundS = s;
             foundT = t;
-            if (d2 < best) best = d2;
-            // The caller reads the normal of the face found: start loading it (filling the
-            // face's cache slot if it is missing, as that read would).
-            prefetchBytes<sizeof(GmTVector<double>)>(&mesh.getFaceNormal(f.index));
         }
+        return d2 < best ? d2 : best;
     };
-    walkNearestFirst(_nodes, p, includeDisabled, [&] { return best; }, testFace,
-                     [&](int node) { prefetchFaceVertices(V, *nodes[node].primitive); });
+    walkNearestFirst(_nodes, p, includeDisabled, info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace,
+                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
 
     if (foundFace >= 0) {
         const GmTriangleFace& f = mesh.getFace(foundFace);
@@ -332,7 +328,7 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
     const GmTVector<double>* V = _mesh->getVertices().data();
     const Node* nodes = _nodes.data();
     double best = vertex >= 0 ? distanceSquared : DBL_MAX;
-    auto testVertices = [&](int node) {
+    auto testVertices = [&](int node, double) {
         for (const int v : nodes[node].primitive->vertices) {
             const double d2 = (V[v] - p).lengthSquared();
             if (d2 < best || (d2 == best && v < vertex)) {
@@ -340,9 +336,10 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
                 vertex = v;
             }
         }
+        return best;
     };
-    walkNearestFirst(_nodes, p, includeDisabled, [&] { return best; }, testVertices,
-                     [&](int node) { prefetchFaceVertices(V, *nodes[node].primitive); });
+    walkNearestFirst(_nodes, p, includeDisabled, best, testVertices,
+                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
     distanceSquared = best;
 }
 
