@@ -23,16 +23,6 @@ constexpr double kSlack = 1e-8;
 constexpr double kWeightTol = 2.220446049250313e-14;  // 100 * DBL_EPSILON
 constexpr double kPi = 3.14159265358979323846;
 
-// Entry of the best-first queue: a node (face -1) or a face with its closest point.
-struct SearchEntry {
-    double key;
-    int node;
-    int face;
-    double s, t;
-    GmTVector<double> point;
-    GmGeometry::PointOnTriType type;
-};
-
 inline const GmTVector<double>& vertexOf(const GmTriangleMesh& mesh, const GmTriangleFace& f, int k) {
     return mesh.getVertices()[static_cast<size_t>(f.vertices[k])];
 }
@@ -74,65 +64,48 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
                                                      const GmNormalTests* tests, bool includeDisabled) const {
     if (_mesh == nullptr || _nodes.empty()) return;
     const GmTriangleMesh& mesh = *_mesh;
-    double best = info.face >= 0 ? info.distanceSquared : DBL_MAX;
-
-    // The queue holds node entries only; the face entry with the smallest key is kept aside and
-    // is the answer as soon as no node entry in the queue has a smaller key (a face entry would
-    // leave a queue holding both first).
-    struct NodeEntry {
-        double key;
-        int node;
-    };
-    auto greater = [](const NodeEntry& a, const NodeEntry& b) { return a.key > b.key; };
-    static thread_local std::vector<NodeEntry> heap;
-    heap.clear();
-    heap.push_back(NodeEntry{boxDistanceSquared(_nodes[0].box, p), 0});
-    SearchEntry found{DBL_MAX, -1, -1, 0.0, 0.0, GmTVector<double>(), GmGeometry::INVALID};
-
+    const GmTVector<double>* V = mesh.getVertices().data();
+    const Node* nodes = _nodes.data();
     const bool directionTest = tests != nullptr && tests->directionWeight != 0.0;
     const bool sideTest = tests != nullptr && tests->sideMode != 0;
-    while (!heap.empty()) {
-        if (found.face >= 0 && !(heap.front().key < found.key)) break;
-        std::pop_heap(heap.begin(), heap.end(), greater);
-        const NodeEntry e = heap.back();
-        heap.pop_back();
-        const Node& node = _nodes[static_cast<size_t>(e.node)];
-        if (!includeDisabled && node.disabled) continue;
-        if (!node.isLeaf()) {
-            for (int c = 2 * e.node + 1; c <= 2 * e.node + 2; ++c) {
-                const double d2 = boxDistanceSquared(_nodes[static_cast<size_t>(c)].box, p);
-                if (!(d2 > best + kSlack)) {
-                    heap.push_back(NodeEntry{d2, c});
-                    std::push_heap(heap.begin(), heap.end(), greater);
-                }
-            }
-            continue;
-        }
-        const GmTriangleFace& f = *node.primitive;
-        if (directionTest && mesh.getFaceNormal(f.index).dot(tests->direction) <= kSlack) continue;
-        const GmTVector<double>& v1 = vertexOf(mesh, f, 0);
-        const GmTVector<double>& v2 = vertexOf(mesh, f, 1);
-        const GmTVector<double>& v3 = vertexOf(mesh, f, 2);
+
+    int foundFace = -1;
+    double foundKey = DBL_MAX, foundS = 0.0, foundT = 0.0;
+    auto testFace = [&](int node, double best) {
+        const GmTriangleFace& f = *nodes[node].primitive;
+        if (directionTest && !(mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack)) return best;
+        const GmTVector<double>& v1 = V[f.vertices[0]];
+        const GmTVector<double>& v2 = V[f.vertices[1]];
+        const GmTVector<double>& v3 = V[f.vertices[2]];
         double s = 0.0, t = 0.0;
         const double d2 = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
-        if (d2 > best + kSlack || std::isnan(d2)) continue;
-        const double w1 = 1.0 - s - t;
-        const GmTVector<double> q = v1 * w1 + v2 * s + v3 * t;
+        if (!(d2 <= best + kSlack)) return best;  // also drops NaN
         if (sideTest) {
-            const bool front = (q - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
-            if (tests->sideMode < 0 ? front : !front) continue;
+            const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
+            const bool front = (c - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
+            if (tests->sideMode < 0 ? front : !front) return best;
         }
-        best = d2;
-        if (found.face < 0 || d2 < found.key) found = SearchEntry{d2, e.node, f.index, s, t, q, classifyWeights(w1, s, t)};
-    }
-    heap.clear();
-    if (found.face >= 0) {
-        info.face = found.face;
-        info.s = found.s;
-        info.t = found.t;
-        info.point = found.point;
-        info.type = found.type;
-        info.distanceSquared = found.key;
+        // Equal distances go to the smaller face index, whatever the visiting order.
+        if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.index < foundFace)) {
+            foundFace = f.index;
+            foundKey = d2;
+            foundS = s;
+            foundT = t;
+        }
+        return d2 < best ? d2 : best;
+    };
+    walkNearestFirst(_nodes, p, includeDisabled, info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace,
+                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
+
+    if (foundFace >= 0) {
+        const GmTriangleFace& f = mesh.getFace(foundFace);
+        const double w1 = 1.0 - foundS - foundT;
+        info.face = foundFace;
+        info.s = foundS;
+        info.t = foundT;
+        info.point = V[f.vertices[0]] * w1 + V[f.vertices[1]] * foundS + V[f.vertices[2]] * foundT;
+        info.type = classifyWeights(w1, foundS, foundT);
+        info.distanceSquared = foundKey;
     }
 }
 
@@ -352,42 +325,21 @@ void GmBoundingVolumeHierarchy::initializeClosestVertexInfo(const GmTVector<doub
 
 void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p, int& vertex,
                                                       double& distanceSquared, bool includeDisabled) const {
-    const std::vector<GmTVector<double>>& V = _mesh->getVertices();
+    const GmTVector<double>* V = _mesh->getVertices().data();
+    const Node* nodes = _nodes.data();
     double best = vertex >= 0 ? distanceSquared : DBL_MAX;
-    struct Entry {
-        double key;
-        int node;
-    };
-    auto greater = [](const Entry& a, const Entry& b) { return a.key > b.key; };
-    static thread_local std::vector<Entry> heap;
-    heap.clear();
-    heap.push_back(Entry{boxDistanceSquared(_nodes[0].box, p), 0});
-    while (!heap.empty()) {
-        std::pop_heap(heap.begin(), heap.end(), greater);
-        const Entry e = heap.back();
-        heap.pop_back();
-        if (e.key > best + kSlack) break;  // every remaining box is farther than the best vertex
-        const Node& node = _nodes[static_cast<size_t>(e.node)];
-        if (!includeDisabled && node.disabled) continue;
-        if (!node.isLeaf()) {
-            for (int c = 2 * e.node + 1; c <= 2 * e.node + 2; ++c) {
-                const double d2 = boxDistanceSquared(_nodes[static_cast<size_t>(c)].box, p);
-                if (!(d2 > best + kSlack)) {
-                    heap.push_back(Entry{d2, c});
-                    std::push_heap(heap.begin(), heap.end(), greater);
-                }
-            }
-            continue;
-        }
-        for (const int v : node.primitive->vertices) {
-            const double d2 = (V[static_cast<size_t>(v)] - p).lengthSquared();
+    auto testVertices = [&](int node, double) {
+        for (const int v : nodes[node].primitive->vertices) {
+            const double d2 = (V[v] - p).lengthSquared();
             if (d2 < best || (d2 == best && v < vertex)) {
                 best = d2;
                 vertex = v;
             }
         }
-    }
-    heap.clear();
+        return best;
+    };
+    walkNearestFirst(_nodes, p, includeDisabled, best, testVertices,
+                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
     distanceSquared = best;
 }
 

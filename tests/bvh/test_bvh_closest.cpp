@@ -72,6 +72,151 @@ TEST(BvhClosestPoint, MatchesBruteForce) {
     }
 }
 
+// Reference answer by scanning every face that `keep` admits: the smallest squared distance,
+// and among exactly equal distances the smallest face index.
+struct FaceAnswer {
+    int face = -1;
+    double d2 = DBL_MAX, s = 0.0, t = 0.0;
+};
+template <class Keep>
+FaceAnswer scanFaces(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    FaceAnswer best;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        double s, t;
+        const double d2 = GmGeometry::closestParametricPointOnTriangle(p, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
+                                                                       mesh.getFaceVertex3(f), s, t);
+        if (d2 < best.d2 && keep(f, s, t)) best = FaceAnswer{f, d2, s, t};
+    }
+    return best;
+}
+
+GmTriangleMesh triangles(int count) {
+    qgtools::PolygonSoup soup;
+    for (int i = 0; i < count; ++i) {
+        const V3 o(0.7 * i, 0.3 * (i % 2), 0.1 * i);
+        for (const V3& v : {o, o + V3(1, 0, 0.2), o + V3(0.2, 1, 0)}) soup.positions.push_back(v);
+        soup.triangles.push_back({3 * i, 3 * i + 1, 3 * i + 2});
+    }
+    return qgtools::meshFromSoup(soup);
+}
+
+TEST(BvhClosestPoint, SameFaceAndParametersAsScan) {
+    // Not only the distance: the face (ties to the smallest index), its parameters and the
+    // point are those of a scan, on meshes full of exact ties (grid and sphere vertices,
+    // shared edges) and on small trees of every shape of the last two levels.
+    auto all = meshes();
+    for (int n = 1; n <= 24; ++n) all.emplace_back("triangles" + std::to_string(n), triangles(n));
+    for (auto& [name, mesh] : all) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        std::vector<V3> points = queryPoints(mesh, mesh.getNumberFaces() < 30 ? 40 : 150, 29);
+        for (int v = 0; v < mesh.getNumberVertices(); v += 7) points.push_back(mesh.getVertex(v));
+        for (const V3& p : points) {
+            const FaceAnswer ref = scanFaces(mesh, p, [](int, double, double) { return true; });
+            V3 closest, normal;
+            int face = -1;
+            double s = -1, t = -1;
+            const double d = h.findClosestPoint(p, closest, normal, face, s, t, nullptr, true);
+            ASSERT_EQ(face, ref.face) << name << " at " << p;
+            EXPECT_EQ(std::fabs(d), std::sqrt(ref.d2)) << name;
+            EXPECT_EQ(s, ref.s);
+            EXPECT_EQ(t, ref.t);
+            // The seeded search behind the signed queries agrees as well.
+            GmGeometry::PointOnTriType type;
+            bool pinched;
+            int f2 = -1;
+            V3 c2, n2;
+            const double d2 = h.findClosestPointWithHint(p, c2, f2, n2, type, pinched, false, true, nullptr, 0, -1);
+            EXPECT_EQ(f2, ref.face) << name << " at " << p;
+            EXPECT_EQ(std::fabs(d2), std::sqrt(ref.d2));
+            EXPECT_EQ(c2, closest);
+        }
+    }
+}
+
+TEST(BvhClosestPoint, EqualDistancesGoToTheSmallestFaceIndex) {
+    // A grid vertex is at distance 0 from each of its faces; the answer is the first of them.
+    GmTriangleMesh grid = qgtools::makeClothGrid(12, 9, 1.5, 1.0);
+    GmBoundingVolumeHierarchy h(&grid);
+    int checked = 0;
+    for (int v = 0; v < grid.getNumberVertices(); ++v) {
+        const GmIndexList faces = grid.getNeighborFacesToVertex(v);
+        int expected = -1;
+        for (const int f : faces) {
+            double s, t;
+            if (GmGeometry::closestParametricPointOnTriangle(grid.getVertex(v), grid.getFaceVertex1(f),
+                                                             grid.getFaceVertex2(f), grid.getFaceVertex3(f), s,
+                                                             t) == 0.0 &&
+                (expected < 0 || f < expected))
+                expected = f;
+        }
+        ASSERT_GE(expected, 0);
+        V3 c, n;
+        int face = -1;
+        double s, t;
+        EXPECT_EQ(h.findClosestPoint(grid.getVertex(v), c, n, face, s, t, nullptr, true), 0.0);
+        EXPECT_EQ(face, expected) << "vertex " << v;
+        checked += faces.size() > 1;
+    }
+    EXPECT_GT(checked, 50);
+}
+
+TEST(BvhClosestPoint, NormalTestsMatchFilteredScan) {
+    // Each filter drops faces exactly as a scan applying it does, and the search still finds
+    // the nearest face that remains.
+    for (GmTriangleMesh mesh : {qgtools::makeIcosphere(3), qgtools::makeTorus(30, 12), loadData("spot.obj")}) {
+        GmBoundingVolumeHierarchy h(&mesh);
+        const V3 dir = V3(-0.2, 0.9, 0.4).safeNormalized();
+        std::mt19937 rng(12);
+        for (int i = 0; i < 150; ++i) {
+            const V3 p = randomPointAround(mesh, rng, 0.3);
+            for (const GmNormalTests& tests :
+                 {GmNormalTests(0, 1.0, dir), GmNormalTests(-1, 0.0, V3()), GmNormalTests(1, 0.0, V3()),
+                  GmNormalTests(1, 2.0, dir)}) {
+                const FaceAnswer ref = scanFaces(mesh, p, [&](int f, double s, double t) {
+                    const V3& n = mesh.getFaceNormal(f);
+                    if (tests.directionWeight != 0.0 && n.dot(tests.direction) <= 1e-8) return false;
+                    if (tests.sideMode == 0) return true;
+                    const V3 c = mesh.getFaceVertex1(f) * (1 - s - t) + mesh.getFaceVertex2(f) * s +
+                                 mesh.getFaceVertex3(f) * t;
+                    const bool front = (c - p).dot(n) > 0.0;
+                    return tests.sideMode < 0 ? !front : front;
+                });
+                V3 c, n;
+                int face = -2;
+                double s, t;
+                GmNormalTests copy = tests;
+                const double d = h.findClosestPoint(p, c, n, face, s, t, &copy, true);
+                ASSERT_EQ(face, ref.face) << "side " << tests.sideMode << " weight " << tests.directionWeight;
+                if (face >= 0) {
+                    EXPECT_EQ(std::fabs(d), std::sqrt(ref.d2));
+                }
+            }
+        }
+    }
+}
+
+TEST(BvhClosestPoint, DisabledFacesMatchScan) {
+    // Disabled faces scattered over the mesh (no whole subtree off) and a disabled band.
+    GmTriangleMesh mesh = qgtools::makeTorus(40, 16);
+    GmDisabledData scattered(&mesh), band(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        if (f % 3 == 1) scattered.setFaceDisabled(f);
+        if (mesh.getFaceCenter(f).y > 0.2) band.setFaceDisabled(f);
+    }
+    for (const GmDisabledData* mask : {&scattered, &band}) {
+        GmBoundingVolumeHierarchy h(&mesh, mask, nullptr);
+        for (const V3& p : queryPoints(mesh, 200, 33)) {
+            const FaceAnswer ref = scanFaces(mesh, p, [&](int f, double, double) { return !mask->isFaceDisabled(f); });
+            V3 c, n;
+            int face = -1;
+            double s, t;
+            const double d = h.findClosestPoint(p, c, n, face, s, t, nullptr, false);
+            ASSERT_EQ(face, ref.face);
+            EXPECT_EQ(std::fabs(d), std::sqrt(ref.d2));
+        }
+    }
+}
+
 TEST(BvhClosestPoint, BunnyMatchesBruteForce) {
     GmTriangleMesh bunny = loadData("stanford-bunny.obj");
     GmBoundingVolumeHierarchy h(&bunny);
@@ -248,6 +393,50 @@ TEST(BvhClosestVertex, MatchesBruteForce) {
             EXPECT_EQ(tree.getNearestVertex(p, v2, true), d);
         }
     }
+}
+
+// Nearest vertex among those of the faces `keep` admits; ties to the smallest index.
+template <class Keep>
+int scanVertices(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    int best = -1;
+    double bestD2 = DBL_MAX;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        if (!keep(f)) continue;
+        for (const int v : mesh.getFace(f).vertices) {
+            const double d2 = (mesh.getVertex(v) - p).lengthSquared();
+            if (d2 < bestD2 || (d2 == bestD2 && v < best)) {
+                best = v;
+                bestD2 = d2;
+            }
+        }
+    }
+    return best;
+}
+
+TEST(BvhClosestVertex, SameVertexAsScan) {
+    // The vertex itself, ties (cell centres of a grid are equidistant from four vertices) to
+    // the smallest index; with disabled faces only vertices of enabled faces count.
+    for (auto& [name, mesh] : meshes()) {
+        GmDisabledData mask(&mesh);
+        for (int f = 0; f < mesh.getNumberFaces(); ++f)
+            if (mesh.getFaceCenter(f).x > 0.3) mask.setFaceDisabled(f);
+        GmBoundingVolumeHierarchy h(&mesh, &mask, nullptr);
+        std::vector<V3> points = queryPoints(mesh, 120, 6);
+        for (int f = 0; f < mesh.getNumberFaces(); f += 5) points.push_back(mesh.getFaceCenter(f));
+        for (const V3& p : points) {
+            int vertex = -1;
+            h.findClosestVertex(p, vertex, true);
+            EXPECT_EQ(vertex, scanVertices(mesh, p, [](int) { return true; })) << name << " at " << p;
+            h.findClosestVertex(p, vertex, false);
+            EXPECT_EQ(vertex, scanVertices(mesh, p, [&](int f) { return !mask.isFaceDisabled(f); }))
+                << name << " at " << p;
+        }
+    }
+    GmTriangleMesh grid = qgtools::makeClothGrid(8, 8);
+    GmBoundingVolumeHierarchy hg(&grid);
+    int vertex = -1;
+    EXPECT_NEAR(hg.findClosestVertex(V3(0.5625, 0.4375, 0.0), vertex, true), std::sqrt(2.0) / 16, 1e-15);
+    EXPECT_EQ(vertex, 3 * 9 + 4);  // of (4, 3), (5, 3), (4, 4), (5, 4): row 3 first
 }
 
 TEST(BvhBadInput, NonFiniteQueriesReturnNothing) {
