@@ -23,6 +23,7 @@
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
+#include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/mesh/GmMeshTests.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
@@ -78,9 +79,14 @@ template <class Narrow>
 class PairWalk {
 public:
     using Record = typename Narrow::Record;
+    using Local = typename GmParallel::ThreadResults<Record>::Local;
 
     PairWalk(const WalkSetup& setup, const Narrow& narrow, std::vector<Record>& out, GmBVHMetrics& metrics)
         : _s(setup), _narrow(narrow), _out(out), _metrics(metrics), _stack(threadStack()) {}
+    // A worker of a parallel walk: records go to its entry of the query's ThreadResults.
+    PairWalk(const WalkSetup& setup, const Narrow& narrow, Local& local, GmBVHMetrics& metrics)
+        : _s(setup), _narrow(narrow), _out(local.records()), _metrics(metrics), _stack(threadStack()),
+          _local(&local) {}
 
     // Examines one node pair: counts it, prunes it, tests its boxes and, for two leaves, runs
     // the narrow phase. The child pairs still to examine are written to `next`; returns their
@@ -104,7 +110,10 @@ public:
             _metrics.addNarrowPhaseCandidate();
             if (!passesMeshTests(fa, fb)) return 0;
             _metrics.addNarrowPhaseTest();
-            if (_narrow.pair(fa.index, fb.index, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+            if (_narrow.pair(fa.index, fb.index, _metrics, _out)) {
+                _metrics.addNarrowPhaseSuccess();
+                if (_local != nullptr) _local->flush();
+            }
             return 0;
         }
 
@@ -158,7 +167,10 @@ public:
         const GmTriangleFace& fb = *_faceOf(face2);
         if (!passesMeshTests(fa, fb)) return;
         _metrics.addNarrowPhaseTest();
-        if (_narrow.orphan(face1, face2, tests, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+        if (_narrow.orphan(face1, face2, tests, _metrics, _out)) {
+            _metrics.addNarrowPhaseSuccess();
+            if (_local != nullptr) _local->flush();
+        }
     }
 
     void setFaces(const GmTriangleFace* faces) { _faces = faces; }
@@ -176,6 +188,7 @@ private:
     std::vector<Record>& _out;
     GmBVHMetrics& _metrics;
     std::vector<NodePair>& _stack;
+    Local* _local = nullptr;                 // parallel walks: flushed after each contact
     const GmTriangleFace* _faces = nullptr;  // the mesh's faces, for the orphan pass
 };
 
