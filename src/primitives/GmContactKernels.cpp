@@ -327,6 +327,50 @@ inline int orient2(const Vec& a, const Vec& b, const Vec& c, int drop) {
     return sgn(GmPredicates::orient2d(pa, pb, pc));
 }
 
+// Side of points against the plane of triangle (b0, b1, b2): the sign of
+// orient3d(b0, b1, b2, p), exact. The cross product of the triangle's edges is computed once;
+// each point costs a dot product and an error bound, and only points that the bound cannot
+// separate from the plane go to the adaptive predicate.
+//
+// det = (p - b0) . ((b1 - b0) x (b2 - b0)) = -orient3d(b0, b1, b2, p). Every one of its six
+// monomials (a rounded difference times a product of two) passes through at most eight
+// roundings, so |error| <= gamma_8 * P with P the sum of the monomials' magnitudes; P itself
+// is computed with a relative error of the same order. kPlaneBound = 9u covers both with room.
+class PlaneSide {
+public:
+    PlaneSide(const Vec& b0, const Vec& b1, const Vec& b2) : _b0(b0), _b1(b1), _b2(b2) {
+        const double bx = b1.x - b0.x, by = b1.y - b0.y, bz = b1.z - b0.z;
+        const double cx = b2.x - b0.x, cy = b2.y - b0.y, cz = b2.z - b0.z;
+        const double byz = by * cz, bzy = bz * cy, bzx = bz * cx, bxz = bx * cz, bxy = bx * cy, byx = by * cx;
+        _nx = byz - bzy;
+        _ny = bzx - bxz;
+        _nz = bxy - byx;
+        _px = std::fabs(byz) + std::fabs(bzy);
+        _py = std::fabs(bzx) + std::fabs(bxz);
+        _pz = std::fabs(bxy) + std::fabs(byx);
+    }
+    int operator()(const Vec& p) const {
+        const double ax = p.x - _b0.x, ay = p.y - _b0.y, az = p.z - _b0.z;
+        const double det = ax * _nx + ay * _ny + az * _nz;
+        const double permanent = std::fabs(ax) * _px + std::fabs(ay) * _py + std::fabs(az) * _pz;
+        const double bound = kPlaneBound * permanent;
+        // The bound is meaningless once products underflow; those go to the exact predicate.
+        if (permanent > kPlaneTiny) {
+            if (det > bound) return -1;
+            if (-det > bound) return 1;
+        }
+        return sgn(GmPredicates::orient3d(&_b0.x, &_b1.x, &_b2.x, &p.x));
+    }
+
+private:
+    static constexpr double kPlaneBound = 9.0 * 1.1102230246251565e-16;
+    static constexpr double kPlaneTiny = 1e-250;
+    const Vec& _b0;
+    const Vec& _b1;
+    const Vec& _b2;
+    double _nx, _ny, _nz, _px, _py, _pz;
+};
+
 void addPoint(std::vector<Vec>& pts, const Vec& p) {
     for (const Vec& q : pts)
         if (q == p) return;
@@ -422,12 +466,19 @@ void edgesAgainstTriangle(const Vec* a, const int* da, const Vec* b, int drop, s
     }
 }
 
-bool staticPair(const Tri& t1, const Tri& t2, std::vector<GmIntersectionInfo>& out) {
+bool staticPair(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
+                std::vector<GmIntersectionInfo>& out) {
+    const GmTriangleFace& f1 = mesh1.getFace(face1);
+    const GmTriangleFace& f2 = mesh2.getFace(face2);
+    const std::vector<Vec>& v1 = mesh1.getVertices();
+    const std::vector<Vec>& v2 = mesh2.getVertices();
     GmIntersectionInfo info;
-    info.triangleIndex1 = t1.face;
-    info.triangleIndex2 = t2.face;
-    if (!triangleTriangleIntersection(t1.p0[0], t1.p0[1], t1.p0[2], t2.p0[0], t2.p0[1], t2.p0[2], info.points))
+    if (!triangleTriangleIntersection(v1[std::size_t(f1.vertices[0])], v1[std::size_t(f1.vertices[1])],
+                                      v1[std::size_t(f1.vertices[2])], v2[std::size_t(f2.vertices[0])],
+                                      v2[std::size_t(f2.vertices[1])], v2[std::size_t(f2.vertices[2])], info.points))
         return false;
+    info.triangleIndex1 = face1;
+    info.triangleIndex2 = face2;
     out.push_back(std::move(info));
     return true;
 }
@@ -450,13 +501,19 @@ GmGeometry::PointOnTriType classifyBarycentric(const Vec& w) {
 bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, const Vec& b0, const Vec& b1,
                                   const Vec& b2, std::vector<Vec>& points) {
     points.clear();
+    int da[3], db[3];
+    const PlaneSide sideOfB(b0, b1, b2);
+    da[0] = sideOfB(a0);
+    da[1] = sideOfB(a1);
+    da[2] = sideOfB(a2);
+    if (da[0] == da[1] && da[1] == da[2] && da[0] != 0) return false;
+    const PlaneSide sideOfA(a0, a1, a2);
+    db[0] = sideOfA(b0);
+    db[1] = sideOfA(b1);
+    db[2] = sideOfA(b2);
+    if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
     const Vec a[3] = {a0, a1, a2};
     const Vec b[3] = {b0, b1, b2};
-    int da[3], db[3];
-    for (int k = 0; k < 3; ++k) da[k] = orient3(b[0], b[1], b[2], a[k]);
-    if (da[0] == da[1] && da[1] == da[2] && da[0] != 0) return false;
-    for (int k = 0; k < 3; ++k) db[k] = orient3(a[0], a[1], a[2], b[k]);
-    if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
     const int drop = dropAxis(a, b);
     if (da[0] == 0 && da[1] == 0 && da[2] == 0) {
         // Coplanar (or a degenerate b): the overlap polygon's corners.
@@ -545,12 +602,12 @@ bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int
 
 bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& /*metrics*/,
                 std::vector<GmIntersectionInfo>& out) {
-    return staticPair(loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2), out);
+    return staticPair(mesh, mesh, face1, face2, out);
 }
 
 bool staticMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
                 GmBVHMetrics& /*metrics*/, std::vector<GmIntersectionInfo>& out) {
-    return staticPair(loadTri(mesh1, nullptr, face1), loadTri(mesh2, nullptr, face2), out);
+    return staticPair(mesh1, mesh2, face1, face2, out);
 }
 
 }  // namespace GmContactKernels
