@@ -128,8 +128,13 @@ void parallelFor(int begin, int end, Body&& body) {
 template <class Record>
 class ThreadResults {
     using Chunk = std::vector<Record, tbb::cache_aligned_allocator<Record>>;
-    static constexpr std::size_t kChunkBytes = std::size_t(1) << 19;
-    static constexpr std::size_t kChunkRecords = kChunkBytes / sizeof(Record) > 64 ? kChunkBytes / sizeof(Record) : 64;
+    // Chunk sizes double from 64 KiB to 2 MiB (at least 16 records): little memory for small
+    // results, few large blocks (which TBB's allocator keeps for reuse) for large ones.
+    static constexpr std::size_t records(std::size_t bytes) {
+        return bytes / sizeof(Record) > 16 ? bytes / sizeof(Record) : 16;
+    }
+    static constexpr std::size_t kFirstChunkRecords = records(std::size_t(1) << 16);
+    static constexpr std::size_t kMaxChunkRecords = records(std::size_t(1) << 21);
 
 public:
     class Local {
@@ -143,8 +148,10 @@ public:
             const auto end = _staging.end();
             while (it != end) {
                 if (_chunks.empty() || _chunks.back().size() == _chunks.back().capacity()) {
+                    const std::size_t capacity =
+                        _chunks.empty() ? kFirstChunkRecords : std::min(2 * _chunks.back().capacity(), kMaxChunkRecords);
                     _chunks.emplace_back();
-                    _chunks.back().reserve(kChunkRecords);
+                    _chunks.back().reserve(capacity);
                 }
                 Chunk& chunk = _chunks.back();
                 const auto n = std::min<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(chunk.capacity() - chunk.size()),
