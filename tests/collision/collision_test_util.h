@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <set>
@@ -112,12 +113,33 @@ inline Positions foldZ(const Positions& p, double factor) {
     Positions out = p;
     for (Vec& v : out) {
         const double h = v.z - cz;
-        // Slightly different on the two sides (and tilted) so that no two faces end up parallel
-        // and in exact contact.
+        // Slightly different on the two sides (and tilted) so that the two layers do not end up
+        // parallel and in exact contact. On its way the upper half passes through a flat sheet
+        // (at t = 1 / (1 + factor)), where edges that lie on one line touch: parallel edges in
+        // contact have no normal, and their tests report the degenerate-normal message.
         v.z = h > 0 ? cz - factor * h + 0.01 * std::sin(5.0 * v.x) : cz + 1.1 * factor * h;
     }
     return out;
 }
+
+// Collects what is written to std::cerr while alive.
+class CerrCapture {
+public:
+    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
+    ~CerrCapture() { std::cerr.rdbuf(_old); }
+    CerrCapture(const CerrCapture&) = delete;
+    CerrCapture& operator=(const CerrCapture&) = delete;
+    std::vector<std::string> lines() const {
+        std::vector<std::string> out;
+        std::istringstream in(_buf.str());
+        for (std::string line; std::getline(in, line);) out.push_back(line);
+        return out;
+    }
+
+private:
+    std::ostringstream _buf;
+    std::streambuf* _old;
+};
 
 // Rotation about z by `angle` followed by a shift.
 inline Positions rotateShift(const Positions& p, double angle, const Vec& shift) {
