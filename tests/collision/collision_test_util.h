@@ -9,6 +9,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -122,24 +123,49 @@ inline Positions foldZ(const Positions& p, double factor) {
     return out;
 }
 
-// Collects what is written to std::cerr while alive.
+// Collects what is written to std::cerr while alive. Parallel queries write from several
+// threads at once: the buffer takes a lock per write (pieces of different messages may still
+// interleave, as they do on the real stream).
 class CerrCapture {
 public:
-    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
+    CerrCapture() : _old(std::cerr.rdbuf(&_buf)) {}
     ~CerrCapture() { std::cerr.rdbuf(_old); }
     CerrCapture(const CerrCapture&) = delete;
     CerrCapture& operator=(const CerrCapture&) = delete;
-    std::vector<std::string> lines() const {
-        std::vector<std::string> out;
-        std::istringstream in(_buf.str());
-        for (std::string line; std::getline(in, line);) out.push_back(line);
-        return out;
+    std::string text() {
+        std::lock_guard<std::mutex> lock(_buf.mutex);
+        return _buf.text;
     }
 
 private:
-    std::ostringstream _buf;
+    struct LockedBuffer : std::streambuf {
+        std::mutex mutex;
+        std::string text;
+        int_type overflow(int_type c) override {
+            if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+            std::lock_guard<std::mutex> lock(mutex);
+            text.push_back(traits_type::to_char_type(c));
+            return c;
+        }
+        std::streamsize xsputn(const char* s, std::streamsize n) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            text.append(s, static_cast<std::size_t>(n));
+            return n;
+        }
+    };
+    LockedBuffer _buf;
     std::streambuf* _old;
 };
+
+// Number of occurrences of `piece` in `text`, each removed from it.
+inline std::size_t takeAll(std::string& text, const std::string& piece) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at)) {
+        text.erase(at, piece.size());
+        ++n;
+    }
+    return n;
+}
 
 // Rotation about z by `angle` followed by a shift.
 inline Positions rotateShift(const Positions& p, double angle, const Vec& shift) {
