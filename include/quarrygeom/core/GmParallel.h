@@ -148,14 +148,15 @@ public:
             const auto end = _staging.end();
             while (it != end) {
                 if (_chunks.empty() || _chunks.back().size() == _chunks.back().capacity()) {
-                    const std::size_t capacity =
-                        _chunks.empty() ? kFirstChunkRecords : std::min(2 * _chunks.back().capacity(), kMaxChunkRecords);
+                    const std::size_t capacity = _chunks.empty()
+                                                     ? kFirstChunkRecords
+                                                     : std::min(2 * _chunks.back().capacity(), kMaxChunkRecords);
                     _chunks.emplace_back();
                     _chunks.back().reserve(capacity);
                 }
                 Chunk& chunk = _chunks.back();
-                const auto n = std::min<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(chunk.capacity() - chunk.size()),
-                                                        end - it);
+                const std::ptrdiff_t room = static_cast<std::ptrdiff_t>(chunk.capacity() - chunk.size());
+                const std::ptrdiff_t n = std::min(room, end - it);
                 chunk.insert(chunk.end(), std::make_move_iterator(it), std::make_move_iterator(it + n));
                 it += n;
             }
@@ -203,9 +204,20 @@ public:
     // own order, to the end of `out` after what it already holds.
     void mergeInto(std::vector<Record>& out, GmBVHMetrics& metrics) {
         assert(_target == nullptr || _target == &out);
-        _target = nullptr;  // merged: out keeps what it holds
         for (const GmBVHMetrics& m : _metrics) metrics += m;
+        mergeRecords(out);
+        _target = nullptr;  // merged: out keeps what it holds
+    }
 
+    // Number of threads that asked for their records / counters so far.
+    std::size_t recordThreadCount() const { return _records.size(); }
+    std::size_t metricsThreadCount() const { return _metrics.size(); }
+
+private:
+    template <class T>
+    using PerThread = tbb::enumerable_thread_specific<T, tbb::cache_aligned_allocator<T>, tbb::ets_key_per_instance>;
+
+    void mergeRecords(std::vector<Record>& out) {
         std::size_t total = 0, nonEmpty = 0;
         Local* single = nullptr;
         for (Local& l : _records) {
@@ -220,23 +232,18 @@ public:
             return;
         }
         out.reserve(out.size() + total);
+        auto append = [&out](auto& v) {
+            out.insert(out.end(), std::make_move_iterator(v.begin()), std::make_move_iterator(v.end()));
+        };
         for (Local& l : _records) {
             if (l._direct != nullptr) continue;
-            for (Chunk& c : l._chunks) out.insert(out.end(), std::make_move_iterator(c.begin()), std::make_move_iterator(c.end()));
-            out.insert(out.end(), std::make_move_iterator(l._staging.begin()), std::make_move_iterator(l._staging.end()));
+            for (Chunk& c : l._chunks) append(c);
+            append(l._staging);
             l._chunks.clear();
             l._staging.clear();
             l._chunked = 0;
         }
     }
-
-    // Number of threads that asked for their records / counters so far.
-    std::size_t recordThreadCount() const { return _records.size(); }
-    std::size_t metricsThreadCount() const { return _metrics.size(); }
-
-private:
-    template <class T>
-    using PerThread = tbb::enumerable_thread_specific<T, tbb::cache_aligned_allocator<T>, tbb::ets_key_per_instance>;
 
     PerThread<Local> _records;
     PerThread<GmBVHMetrics> _metrics;
