@@ -39,20 +39,21 @@ constexpr std::size_t kFrontierSize = 512;
 char published = 0;
 char finished = 0;
 
-// body(k) for every k in [0, n) through the parallel frame; each iteration acquires what the
-// calling thread published before the loop and releases its own results for the caller.
+// body(first, last) for sub-ranges covering [0, n) through the parallel frame; each sub-range
+// acquires what the calling thread published before the loop and releases its own results for
+// the caller.
 template <class Body>
 void parallelItems(int n, const Body& body) {
-    struct Item {
+    struct Range {
         const Body* body;
-        void operator()(int k) const {
+        void operator()(int first, int last) const {
             QG_TSAN_ACQUIRE(&published);
-            (*body)(k);
+            (*body)(first, last);
             QG_TSAN_RELEASE(&finished);
         }
-    } item{&body};
+    } range{&body};
     QG_TSAN_RELEASE(&published);
-    GmParallel::parallelFor(0, n, item);
+    GmParallel::parallelForRanges(0, n, range);
     QG_TSAN_ACQUIRE(&finished);
 }
 
@@ -297,23 +298,27 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
         const int numFrontier = static_cast<int>(frontier.size());
         const int numItems = numFrontier + (internal - split);
 
-        GmParallel::ThreadResults<Record> local;
-        parallelItems(numItems, [&](int k) {
-            PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
-            if (k < numFrontier) {
-                const NodePair& p = frontier[static_cast<std::size_t>(k)];
-                walk.descend(p.a, p.b);
-            } else {
-                const int i = split + (k - numFrontier);
-                walk.descend(2 * i + 1, 2 * i + 2);
+        GmParallel::ThreadResults<Record> local(results);
+        parallelItems(numItems, [&](int first, int last) {
+            PairWalk<Narrow> walk(setup, narrow, local.local(), local.metrics());
+            for (int k = first; k < last; ++k) {
+                if (k < numFrontier) {
+                    const NodePair& p = frontier[static_cast<std::size_t>(k)];
+                    walk.descend(p.a, p.b);
+                } else {
+                    const int i = split + (k - numFrontier);
+                    walk.descend(2 * i + 1, 2 * i + 2);
+                }
             }
         });
         if constexpr (Narrow::kOrphanPass) {
-            parallelItems(static_cast<int>(orphans.size()), [&](int k) {
-                PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
+            parallelItems(static_cast<int>(orphans.size()), [&](int first, int last) {
+                PairWalk<Narrow> walk(setup, narrow, local.local(), local.metrics());
                 walk.setFaces(faces);
-                const OrphanJob& job = orphans[static_cast<std::size_t>(k)];
-                walk.orphan(job.face1, job.face2, job.tests);
+                for (int k = first; k < last; ++k) {
+                    const OrphanJob& job = orphans[static_cast<std::size_t>(k)];
+                    walk.orphan(job.face1, job.face2, job.tests);
+                }
             });
         }
         metrics += caller.metrics;
@@ -341,11 +346,13 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
         PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
         const std::vector<NodePair> frontier = expandFrontier(top, setup, {{0, 0}}, kFrontierSize);
 
-        GmParallel::ThreadResults<Record> local;
-        parallelItems(static_cast<int>(frontier.size()), [&](int k) {
-            PairWalk<Narrow> walk(setup, narrow, local.records(), local.metrics());
-            const NodePair& p = frontier[static_cast<std::size_t>(k)];
-            walk.descend(p.a, p.b);
+        GmParallel::ThreadResults<Record> local(results);
+        parallelItems(static_cast<int>(frontier.size()), [&](int first, int last) {
+            PairWalk<Narrow> walk(setup, narrow, local.local(), local.metrics());
+            for (int k = first; k < last; ++k) {
+                const NodePair& p = frontier[static_cast<std::size_t>(k)];
+                walk.descend(p.a, p.b);
+            }
         });
         metrics += caller.metrics;
         local.mergeInto(results, metrics);

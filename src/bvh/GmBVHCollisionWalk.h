@@ -23,6 +23,7 @@
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
+#include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/mesh/GmMeshTests.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
@@ -62,15 +63,12 @@ struct WalkSetup {
     bool sameMeshTests = true;  // both faces belong to the mesh of tests1
 };
 
-// The descent stack of the calling thread, reused from one descent to the next (a descent
-// leaves it empty).
-inline std::vector<NodePair>& threadStack() {
-    static thread_local std::vector<NodePair> stack;
-    return stack;
-}
-
+// Whether two faces have a vertex in common (nine comparisons, no branches).
 inline bool sharesVertex(const GmTriangleFace& f, const GmTriangleFace& g) {
-    return f.hasVertex(g.vertices[0]) || f.hasVertex(g.vertices[1]) || f.hasVertex(g.vertices[2]);
+    const int f0 = f.vertices[0], f1 = f.vertices[1], f2 = f.vertices[2];
+    const int g0 = g.vertices[0], g1 = g.vertices[1], g2 = g.vertices[2];
+    return ((f0 == g0) | (f0 == g1) | (f0 == g2)) | ((f1 == g0) | (f1 == g1) | (f1 == g2)) |
+           ((f2 == g0) | (f2 == g1) | (f2 == g2));
 }
 
 // Walks node pairs for one worker: its own result vector, metrics and stack.
@@ -78,9 +76,17 @@ template <class Narrow>
 class PairWalk {
 public:
     using Record = typename Narrow::Record;
+    using Local = typename GmParallel::ThreadResults<Record>::Local;
 
     PairWalk(const WalkSetup& setup, const Narrow& narrow, std::vector<Record>& out, GmBVHMetrics& metrics)
-        : _s(setup), _narrow(narrow), _out(out), _metrics(metrics), _stack(threadStack()) {}
+        : _s(setup), _narrow(narrow), _out(out), _metrics(metrics) {
+        _stack.reserve(kStackReserve);
+    }
+    // A worker of a parallel walk: records go to its entry of the query's ThreadResults.
+    PairWalk(const WalkSetup& setup, const Narrow& narrow, Local& local, GmBVHMetrics& metrics)
+        : _s(setup), _narrow(narrow), _out(local.records()), _metrics(metrics), _local(&local) {
+        _stack.reserve(kStackReserve);
+    }
 
     // Examines one node pair: counts it, prunes it, tests its boxes and, for two leaves, runs
     // the narrow phase. The child pairs still to examine are written to `next`; returns their
@@ -104,7 +110,10 @@ public:
             _metrics.addNarrowPhaseCandidate();
             if (!passesMeshTests(fa, fb)) return 0;
             _metrics.addNarrowPhaseTest();
-            if (_narrow.pair(fa.index, fb.index, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+            if (_narrow.pair(fa.index, fb.index, _metrics, _out)) {
+                _metrics.addNarrowPhaseSuccess();
+                if (_local != nullptr) _local->flush();
+            }
             return 0;
         }
 
@@ -158,7 +167,10 @@ public:
         const GmTriangleFace& fb = *_faceOf(face2);
         if (!passesMeshTests(fa, fb)) return;
         _metrics.addNarrowPhaseTest();
-        if (_narrow.orphan(face1, face2, tests, _metrics, _out)) _metrics.addNarrowPhaseSuccess();
+        if (_narrow.orphan(face1, face2, tests, _metrics, _out)) {
+            _metrics.addNarrowPhaseSuccess();
+            if (_local != nullptr) _local->flush();
+        }
     }
 
     void setFaces(const GmTriangleFace* faces) { _faces = faces; }
@@ -175,7 +187,9 @@ private:
     const Narrow& _narrow;
     std::vector<Record>& _out;
     GmBVHMetrics& _metrics;
-    std::vector<NodePair>& _stack;
+    static constexpr std::size_t kStackReserve = 128;
+    std::vector<NodePair> _stack;  // descent stack, reused from one descent to the next
+    Local* _local = nullptr;                 // parallel walks: flushed after each contact
     const GmTriangleFace* _faces = nullptr;  // the mesh's faces, for the orphan pass
 };
 

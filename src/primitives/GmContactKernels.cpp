@@ -29,6 +29,7 @@ struct Tri {
     Vec p1[3];
 };
 
+// Positions of the triangle's corners; the end positions only for a swept (continuous) call.
 Tri loadTri(const GmTriangleMesh& mesh, const Positions* end, int face) {
     Tri t;
     t.face = face;
@@ -38,50 +39,58 @@ Tri loadTri(const GmTriangleMesh& mesh, const Positions* end, int face) {
         t.v[k] = f.vertices[k];
         t.e[k] = f.edges[k];
         t.p0[k] = start[std::size_t(t.v[k])];
-        t.p1[k] = end ? (*end)[std::size_t(t.v[k])] : t.p0[k];
+        if (end) t.p1[k] = (*end)[std::size_t(t.v[k])];
     }
     return t;
 }
 
-// Axis-aligned box of a few points, for the per-feature filter.
+// Axis-aligned box of a few points, for the per-feature filter. Coordinates that are NaN
+// leave a side unchanged.
 struct Box {
-    Vec lo{1e300, 1e300, 1e300}, hi{-1e300, -1e300, -1e300};
+    double lo[3] = {1e300, 1e300, 1e300};
+    double hi[3] = {-1e300, -1e300, -1e300};
     void add(const Vec& p) {
+        lo[0] = std::min(lo[0], p.x);
+        lo[1] = std::min(lo[1], p.y);
+        lo[2] = std::min(lo[2], p.z);
+        hi[0] = std::max(hi[0], p.x);
+        hi[1] = std::max(hi[1], p.y);
+        hi[2] = std::max(hi[2], p.z);
+    }
+    void add(const Box& b) {
         for (int k = 0; k < 3; ++k) {
-            lo[k] = std::min(lo[k], p[k]);
-            hi[k] = std::max(hi[k], p[k]);
+            lo[k] = std::min(lo[k], b.lo[k]);
+            hi[k] = std::max(hi[k], b.hi[k]);
         }
     }
-    double extent() const { return std::max({hi.x - lo.x, hi.y - lo.y, hi.z - lo.z}); }
+    double extent() const { return std::max({hi[0] - lo[0], hi[1] - lo[1], hi[2] - lo[2]}); }
 };
 
-bool boxesApart(const Box& a, const Box& b, double pad) {
-    for (int k = 0; k < 3; ++k)
-        if (a.lo[k] > b.hi[k] + pad || b.lo[k] > a.hi[k] + pad) return true;
-    return false;
+// Evaluates all six comparisons: the outcome is a coin toss for the branch predictor.
+inline bool boxesApart(const Box& a, const Box& b, double pad) {
+    return ((a.lo[0] > b.hi[0] + pad) | (b.lo[0] > a.hi[0] + pad)) |
+           ((a.lo[1] > b.hi[1] + pad) | (b.lo[1] > a.hi[1] + pad)) |
+           ((a.lo[2] > b.hi[2] + pad) | (b.lo[2] > a.hi[2] + pad));
 }
 
-// Swept boxes of a corner and of a whole triangle / an edge.
-Box cornerBox(const Tri& t, int k) {
-    Box b;
-    b.add(t.p0[k]);
-    b.add(t.p1[k]);
-    return b;
-}
-Box triBox(const Tri& t) {
-    Box b;
-    for (int k = 0; k < 3; ++k) {
-        b.add(t.p0[k]);
-        b.add(t.p1[k]);
+// Boxes of one triangle's features: each corner (over the step when swept), each edge (corners
+// k and k + 1) and the whole face.
+struct FeatureBoxes {
+    Box corner[3];
+    Box edge[3];
+    Box face;
+    FeatureBoxes(const Tri& t, bool swept) {
+        for (int k = 0; k < 3; ++k) {
+            corner[k].add(t.p0[k]);
+            if (swept) corner[k].add(t.p1[k]);
+        }
+        for (int k = 0; k < 3; ++k) {
+            edge[k] = corner[k];
+            edge[k].add(corner[k == 2 ? 0 : k + 1]);
+            face.add(corner[k]);
+        }
     }
-    return b;
-}
-Box edgeBox(const Tri& t, int i) {
-    Box b = cornerBox(t, i);
-    b.add(t.p0[(i + 1) % 3]);
-    b.add(t.p1[(i + 1) % 3]);
-    return b;
-}
+};
 
 GmGeometry::PointOnTriType vertexType(int k) { return GmGeometry::PointOnTriType(GmGeometry::ON_VERTEX_1 + k); }
 GmGeometry::PointOnTriType edgeType(int k) { return GmGeometry::PointOnTriType(GmGeometry::ON_EDGE_1 + k); }
@@ -139,79 +148,90 @@ Vec orientForSharedFace(const Context& ctx, const Tri& t1, GmGeometry::PointOnTr
 // Primitive policies: Continuous and Proximity provide vertexFace / edgeEdge running on a Tri
 // pair and filling a record; the driver does the bit walk, the skips, the filter and metrics.
 
+// What a primitive reports besides the normal and the feature weights.
+struct Contact {
+    double time = 0.0;
+    double distance = 0.0;
+    double falloff = 0.0;
+    Vec point;
+};
+
 struct ContinuousPolicy {
     using Record = GmContinuousTimeIntersectionInfo;
+    static constexpr bool kSwept = true;
     double timeBound;
     double pad(const Box& a, const Box& b) const { return kFilterPad * std::max(a.extent(), b.extent()); }
-    Box vertexBox(const Tri& t, int k) const { return cornerBox(t, k); }
-    Box faceBox(const Tri& t) const { return triBox(t); }
-    Box edgeBoxOf(const Tri& t, int i) const { return edgeBox(t, i); }
 
     // Vertex k of tv against the face tf; normal from the face towards the vertex.
-    bool vertexFace(const Tri& tv, int k, const Tri& tf, Record& r, Vec& bary, Vec& n) const {
+    bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double time;
         Vec point;
         if (!GmIntersection::pointFaceIntersection(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], tv.p1[k], tf.p1[0],
                                                    tf.p1[1], tf.p1[2], timeBound, time, point, bary, n))
             return false;
-        r.time = time;
-        r.distance = 0.0;
-        r.falloff = 1.0 - time;
-        r.point = point;
+        c.time = time;
+        c.distance = 0.0;
+        c.falloff = 1.0 - time;
+        c.point = point;
         return true;
     }
     // Edge i of t1 against edge j of t2; normal from edge j towards edge i.
-    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Record& r, double& s, double& t, Vec& n) const {
+    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Contact& c, double& s, double& t, Vec& n) const {
         const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
         double time;
         if (!GmIntersection::edgeEdgeIntersection(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], t1.p1[i], t1.p1[i1],
                                                   t2.p1[j], t2.p1[j1], timeBound, time, s, t, n))
             return false;
         const Vec a = t1.p0[i] + (t1.p1[i] - t1.p0[i]) * time, b = t1.p0[i1] + (t1.p1[i1] - t1.p0[i1]) * time;
-        const Vec c = t2.p0[j] + (t2.p1[j] - t2.p0[j]) * time, d = t2.p0[j1] + (t2.p1[j1] - t2.p0[j1]) * time;
-        r.time = time;
-        r.distance = 0.0;
-        r.falloff = 1.0 - time;
-        r.point = ((a + (b - a) * s) + (c + (d - c) * t)) * 0.5;
+        const Vec cc = t2.p0[j] + (t2.p1[j] - t2.p0[j]) * time, d = t2.p0[j1] + (t2.p1[j1] - t2.p0[j1]) * time;
+        c.time = time;
+        c.distance = 0.0;
+        c.falloff = 1.0 - time;
+        c.point = ((a + (b - a) * s) + (cc + (d - cc) * t)) * 0.5;
         return true;
     }
 };
 
 struct ProximityPolicy {
     using Record = GmProximityCheckInfo;
+    static constexpr bool kSwept = false;
     double bound;
     double pad(const Box&, const Box&) const { return bound; }
-    Box vertexBox(const Tri& t, int k) const { return cornerBox(t, k); }
-    Box faceBox(const Tri& t) const { return triBox(t); }
-    Box edgeBoxOf(const Tri& t, int i) const { return edgeBox(t, i); }
 
-    bool vertexFace(const Tri& tv, int k, const Tri& tf, Record& r, Vec& bary, Vec& n) const {
+    bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double dist = bound;
         Vec q;
         double wa, wb, wc;
         if (!GmProximityCheck::pointFaceProximity(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], dist, n, q, wa, wb, wc))
             return false;
         bary.set(wa, wb, wc);
-        r.time = 0.0;
-        r.distance = dist;
-        r.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
-        r.point = (tv.p0[k] + q) * 0.5;
+        c.time = 0.0;
+        c.distance = dist;
+        c.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
+        c.point = (tv.p0[k] + q) * 0.5;
         return true;
     }
-    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Record& r, double& s, double& t, Vec& n) const {
+    bool edgeEdge(const Tri& t1, int i, const Tri& t2, int j, Contact& c, double& s, double& t, Vec& n) const {
         const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
         double dist = bound;
         if (!GmProximityCheck::edgeEdgeProximity(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], dist, n, s, t))
             return false;
         const Vec pa = t1.p0[i] + (t1.p0[i1] - t1.p0[i]) * s;
         const Vec pc = t2.p0[j] + (t2.p0[j1] - t2.p0[j]) * t;
-        r.time = 0.0;
-        r.distance = dist;
-        r.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
-        r.point = (pa + pc) * 0.5;
+        c.time = 0.0;
+        c.distance = dist;
+        c.falloff = bound > 0.0 ? 1.0 - dist / bound : 1.0;
+        c.point = (pa + pc) * 0.5;
         return true;
     }
 };
+
+inline void fillContact(GmTriangleInterferenceInfo& r, const Contact& c) {
+    r.time = c.time;
+    r.distance = c.distance;
+    r.falloff = c.falloff;
+    r.point = c.point;
+}
 
 template <class Policy>
 bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri& t2, const ComponentTests& tests,
@@ -221,39 +241,42 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
     const std::uint32_t bits = tests.bits();
     if (bits == 0) return false;
     const bool skipShared = ctx.role == Role::Orphan;
+    const FeatureBoxes boxes1(t1, Policy::kSwept), boxes2(t2, Policy::kSwept);
 
     // Vertex-face tests: bits 0-2 (vertices of t1 against t2), 3-5 (vertices of t2 against t1).
     if (bits & 0x3fu) {
-        const Box box1 = policy.faceBox(t1), box2 = policy.faceBox(t2);
         for (int side = 0; side < 2; ++side) {
             const Tri& tv = side == 0 ? t1 : t2;
             const Tri& tf = side == 0 ? t2 : t1;
-            const Box& fbox = side == 0 ? box2 : box1;
+            const FeatureBoxes& vboxes = side == 0 ? boxes1 : boxes2;
+            const Box& fbox = side == 0 ? boxes2.face : boxes1.face;
             for (int k = 0; k < 3; ++k) {
                 if (!((bits >> (3 * side + k)) & 1u)) continue;
                 metrics.addVertexFaceCandidate();
                 if (skipShared && sharesVertex(tf, tv.v[k])) continue;
-                const Box vbox = policy.vertexBox(tv, k);
+                const Box& vbox = vboxes.corner[k];
                 if (boxesApart(vbox, fbox, policy.pad(vbox, fbox))) continue;
                 metrics.addVertexFaceTest();
-                Record r;
+                Contact c;
                 Vec bary, n;
-                if (!policy.vertexFace(tv, k, tf, r, bary, n)) continue;
+                if (!policy.vertexFace(tv, k, tf, c, bary, n)) continue;
                 metrics.addVertexFaceSuccess();
+                Record& r = out.emplace_back();
                 fillCommon(r, ctx, t1, t2);
+                fillContact(r, c);
                 const GmGeometry::PointOnTriType type = classifyBarycentric(bary);
                 r.pointType = type;
                 if (side == 0) {
                     r.type = GmInterferenceType::VERTEX_FACE;
                     r.barycentric2 = bary;
                     r.vertexIndices[0] = tv.v[k];
-                    for (int c = 0; c < 3; ++c) r.vertexIndices[c + 1] = tf.v[c];
+                    for (int c3 = 0; c3 < 3; ++c3) r.vertexIndices[c3 + 1] = tf.v[c3];
                     r.edgeIndices[1] = edgeOfType(tf, type);
                     r.normal = orientForSharedFace(ctx, t1, vertexType(k), t2, type, t2, type, n);
                 } else {
                     r.type = GmInterferenceType::FACE_VERTEX;
                     r.barycentric1 = bary;
-                    for (int c = 0; c < 3; ++c) r.vertexIndices[c] = tf.v[c];
+                    for (int c3 = 0; c3 < 3; ++c3) r.vertexIndices[c3] = tf.v[c3];
                     r.vertexIndices[3] = tv.v[k];
                     r.edgeIndices[0] = edgeOfType(tf, type);
                     // The primitive's normal points towards the vertex, i.e. towards triangle 2.
@@ -261,7 +284,6 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 }
                 r.feature1 = tv.v[k];
                 r.feature2 = tf.face;
-                out.push_back(r);
             }
         }
     }
@@ -270,7 +292,7 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
     if (bits & 0x7fc0u) {
         for (int i = 0; i < 3; ++i) {
             if (!((bits >> (6 + 3 * i)) & 0x7u)) continue;
-            const Box b1 = policy.edgeBoxOf(t1, i);
+            const Box& b1 = boxes1.edge[i];
             for (int j = 0; j < 3; ++j) {
                 if (!((bits >> (6 + 3 * i + j)) & 1u)) continue;
                 metrics.addEdgeEdgeCandidate();
@@ -278,15 +300,17 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 if (skipShared && (t1.v[i] == t2.v[j] || t1.v[i] == t2.v[j1] || t1.v[i1] == t2.v[j] ||
                                    t1.v[i1] == t2.v[j1]))
                     continue;
-                const Box b2 = policy.edgeBoxOf(t2, j);
+                const Box& b2 = boxes2.edge[j];
                 if (boxesApart(b1, b2, policy.pad(b1, b2))) continue;
                 metrics.addEdgeEdgeTest();
-                Record r;
+                Contact c;
                 double s, t;
                 Vec n;
-                if (!policy.edgeEdge(t1, i, t2, j, r, s, t, n)) continue;
+                if (!policy.edgeEdge(t1, i, t2, j, c, s, t, n)) continue;
                 metrics.addEdgeEdgeSuccess();
+                Record& r = out.emplace_back();
                 fillCommon(r, ctx, t1, t2);
+                fillContact(r, c);
                 r.type = GmInterferenceType::EDGE_EDGE;
                 r.feature1 = t1.e[i];
                 r.feature2 = t2.e[j];
@@ -305,7 +329,6 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 r.barycentric2 = w2;
                 r.pointType = edgeType(j);
                 r.normal = orientForSharedFace(ctx, t1, edgeType(i), t2, edgeType(j), t2, edgeType(j), n);
-                out.push_back(r);
             }
         }
     }
@@ -326,6 +349,50 @@ inline int orient2(const Vec& a, const Vec& b, const Vec& c, int drop) {
     const double pa[2] = {a[i], a[j]}, pb[2] = {b[i], b[j]}, pc[2] = {c[i], c[j]};
     return sgn(GmPredicates::orient2d(pa, pb, pc));
 }
+
+// Side of points against the plane of triangle (b0, b1, b2): the sign of
+// orient3d(b0, b1, b2, p), exact. The cross product of the triangle's edges is computed once;
+// each point costs a dot product and an error bound, and only points that the bound cannot
+// separate from the plane go to the adaptive predicate.
+//
+// det = (p - b0) . ((b1 - b0) x (b2 - b0)) = -orient3d(b0, b1, b2, p). Every one of its six
+// monomials (a rounded difference times a product of two) passes through at most eight
+// roundings, so |error| <= gamma_8 * P with P the sum of the monomials' magnitudes; P itself
+// is computed with a relative error of the same order. kPlaneBound = 9u covers both with room.
+class PlaneSide {
+public:
+    PlaneSide(const Vec& b0, const Vec& b1, const Vec& b2) : _b0(b0), _b1(b1), _b2(b2) {
+        const double bx = b1.x - b0.x, by = b1.y - b0.y, bz = b1.z - b0.z;
+        const double cx = b2.x - b0.x, cy = b2.y - b0.y, cz = b2.z - b0.z;
+        const double byz = by * cz, bzy = bz * cy, bzx = bz * cx, bxz = bx * cz, bxy = bx * cy, byx = by * cx;
+        _nx = byz - bzy;
+        _ny = bzx - bxz;
+        _nz = bxy - byx;
+        _px = std::fabs(byz) + std::fabs(bzy);
+        _py = std::fabs(bzx) + std::fabs(bxz);
+        _pz = std::fabs(bxy) + std::fabs(byx);
+    }
+    int operator()(const Vec& p) const {
+        const double ax = p.x - _b0.x, ay = p.y - _b0.y, az = p.z - _b0.z;
+        const double det = ax * _nx + ay * _ny + az * _nz;
+        const double permanent = std::fabs(ax) * _px + std::fabs(ay) * _py + std::fabs(az) * _pz;
+        const double bound = kPlaneBound * permanent;
+        // The bound is meaningless once products underflow; those go to the exact predicate.
+        if (permanent > kPlaneTiny) {
+            if (det > bound) return -1;
+            if (-det > bound) return 1;
+        }
+        return sgn(GmPredicates::orient3d(&_b0.x, &_b1.x, &_b2.x, &p.x));
+    }
+
+private:
+    static constexpr double kPlaneBound = 9.0 * 1.1102230246251565e-16;
+    static constexpr double kPlaneTiny = 1e-250;
+    const Vec& _b0;
+    const Vec& _b1;
+    const Vec& _b2;
+    double _nx, _ny, _nz, _px, _py, _pz;
+};
 
 void addPoint(std::vector<Vec>& pts, const Vec& p) {
     for (const Vec& q : pts)
@@ -422,12 +489,19 @@ void edgesAgainstTriangle(const Vec* a, const int* da, const Vec* b, int drop, s
     }
 }
 
-bool staticPair(const Tri& t1, const Tri& t2, std::vector<GmIntersectionInfo>& out) {
+bool staticPair(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
+                std::vector<GmIntersectionInfo>& out) {
+    const GmTriangleFace& f1 = mesh1.getFace(face1);
+    const GmTriangleFace& f2 = mesh2.getFace(face2);
+    const std::vector<Vec>& v1 = mesh1.getVertices();
+    const std::vector<Vec>& v2 = mesh2.getVertices();
     GmIntersectionInfo info;
-    info.triangleIndex1 = t1.face;
-    info.triangleIndex2 = t2.face;
-    if (!triangleTriangleIntersection(t1.p0[0], t1.p0[1], t1.p0[2], t2.p0[0], t2.p0[1], t2.p0[2], info.points))
+    if (!triangleTriangleIntersection(v1[std::size_t(f1.vertices[0])], v1[std::size_t(f1.vertices[1])],
+                                      v1[std::size_t(f1.vertices[2])], v2[std::size_t(f2.vertices[0])],
+                                      v2[std::size_t(f2.vertices[1])], v2[std::size_t(f2.vertices[2])], info.points))
         return false;
+    info.triangleIndex1 = face1;
+    info.triangleIndex2 = face2;
     out.push_back(std::move(info));
     return true;
 }
@@ -450,13 +524,19 @@ GmGeometry::PointOnTriType classifyBarycentric(const Vec& w) {
 bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, const Vec& b0, const Vec& b1,
                                   const Vec& b2, std::vector<Vec>& points) {
     points.clear();
+    int da[3], db[3];
+    const PlaneSide sideOfB(b0, b1, b2);
+    da[0] = sideOfB(a0);
+    da[1] = sideOfB(a1);
+    da[2] = sideOfB(a2);
+    if (da[0] == da[1] && da[1] == da[2] && da[0] != 0) return false;
+    const PlaneSide sideOfA(a0, a1, a2);
+    db[0] = sideOfA(b0);
+    db[1] = sideOfA(b1);
+    db[2] = sideOfA(b2);
+    if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
     const Vec a[3] = {a0, a1, a2};
     const Vec b[3] = {b0, b1, b2};
-    int da[3], db[3];
-    for (int k = 0; k < 3; ++k) da[k] = orient3(b[0], b[1], b[2], a[k]);
-    if (da[0] == da[1] && da[1] == da[2] && da[0] != 0) return false;
-    for (int k = 0; k < 3; ++k) db[k] = orient3(a[0], a[1], a[2], b[k]);
-    if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
     const int drop = dropAxis(a, b);
     if (da[0] == 0 && da[1] == 0 && da[2] == 0) {
         // Coplanar (or a degenerate b): the overlap polygon's corners.
@@ -545,12 +625,12 @@ bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int
 
 bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& /*metrics*/,
                 std::vector<GmIntersectionInfo>& out) {
-    return staticPair(loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2), out);
+    return staticPair(mesh, mesh, face1, face2, out);
 }
 
 bool staticMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
                 GmBVHMetrics& /*metrics*/, std::vector<GmIntersectionInfo>& out) {
-    return staticPair(loadTri(mesh1, nullptr, face1), loadTri(mesh2, nullptr, face2), out);
+    return staticPair(mesh1, mesh2, face1, face2, out);
 }
 
 }  // namespace GmContactKernels

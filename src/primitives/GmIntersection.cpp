@@ -24,6 +24,15 @@ constexpr double kRootHigh = 1.000001;   // roots above end the search
 constexpr double kInPlaneTol = 1e-6;     // in-plane contact tolerance, relative to the features' size
 constexpr double kUnitRound = 1.1102230246251565e-16;
 
+// Whether u x v (of length crossLength) stands above the rounding noise of u and v, differences
+// of positions of magnitude up to m interpolated over the step (each coordinate off by a few
+// units of m's last place): only then does it give a direction. Zero-area faces and parallel
+// edges fail; small or slender but genuine features pass at any scale and position.
+inline bool crossAboveNoise(double crossLength, double uLength, double vLength, double m) {
+    const double floor = 8.0 * kUnitRound * (m * (uLength + vLength) + uLength * vLength);
+    return crossLength > floor && crossLength > 0.0 && std::isfinite(crossLength);
+}
+
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
 
 // Position at time t of a point moving from a to b (exactly b at the end of the step).
@@ -386,9 +395,11 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     }
 
     const Vec a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
-    Vec n = (b - a).cross(c - a);
+    const Vec ab = b - a, ac = c - a;
+    Vec n = ab.cross(ac);
     const double len = n.length();
-    if (!(len > kDegenerateLength)) {
+    const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length()});
+    if (!crossAboveNoise(len, ab.length(), ac.length(), m)) {
         std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
                   << "Unable to compute collision normal." << std::endl;
         return false;
@@ -450,19 +461,22 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     Vec n = (a + da * ss) - (c + dc * tt);
     double len = n.length();
     // The closest-point direction is meaningful only above its own rounding noise.
-    const double noise = 64.0 * kUnitRound *
-                         std::max({absv(a).length(), absv(b).length(), absv(c).length(), absv(d).length()});
+    const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length(), absv(d).length()});
+    const double noise = 64.0 * kUnitRound * m;
+    bool found = true;
     if (!(len > std::max(kDegenerateLength, noise))) {
         double s2, t2;
         GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, s2, t2);
         n = (a + da * s2) - (c + dc * t2);
         len = n.length();
         if (!(len > std::max(kDegenerateLength, noise))) {
+            // The edges cross: the normal of the plane they span, unless they are parallel.
             n = da.cross(dc);
             len = n.length();
+            found = crossAboveNoise(len, da.length(), dc.length(), m);
         }
     }
-    if (!(len > kDegenerateLength)) {
+    if (!found) {
         std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
                   << "Unable to compute collision normal." << std::endl;
         return false;

@@ -7,7 +7,9 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <iostream>
 #include <map>
+#include <mutex>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -112,11 +114,57 @@ inline Positions foldZ(const Positions& p, double factor) {
     Positions out = p;
     for (Vec& v : out) {
         const double h = v.z - cz;
-        // Slightly different on the two sides (and tilted) so that no two faces end up parallel
-        // and in exact contact.
+        // Slightly different on the two sides (and tilted) so that the two layers do not end up
+        // parallel and in exact contact. On its way the upper half passes through a flat sheet
+        // (at t = 1 / (1 + factor)), where edges that lie on one line touch: parallel edges in
+        // contact have no normal, and their tests report the degenerate-normal message.
         v.z = h > 0 ? cz - factor * h + 0.01 * std::sin(5.0 * v.x) : cz + 1.1 * factor * h;
     }
     return out;
+}
+
+// Collects what is written to std::cerr while alive. Parallel queries write from several
+// threads at once: the buffer takes a lock per write (pieces of different messages may still
+// interleave, as they do on the real stream).
+class CerrCapture {
+public:
+    CerrCapture() : _old(std::cerr.rdbuf(&_buf)) {}
+    ~CerrCapture() { std::cerr.rdbuf(_old); }
+    CerrCapture(const CerrCapture&) = delete;
+    CerrCapture& operator=(const CerrCapture&) = delete;
+    std::string text() {
+        std::lock_guard<std::mutex> lock(_buf.mutex);
+        return _buf.text;
+    }
+
+private:
+    struct LockedBuffer : std::streambuf {
+        std::mutex mutex;
+        std::string text;
+        int_type overflow(int_type c) override {
+            if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+            std::lock_guard<std::mutex> lock(mutex);
+            text.push_back(traits_type::to_char_type(c));
+            return c;
+        }
+        std::streamsize xsputn(const char* s, std::streamsize n) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            text.append(s, static_cast<std::size_t>(n));
+            return n;
+        }
+    };
+    LockedBuffer _buf;
+    std::streambuf* _old;
+};
+
+// Number of occurrences of `piece` in `text`, each removed from it.
+inline std::size_t takeAll(std::string& text, const std::string& piece) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at)) {
+        text.erase(at, piece.size());
+        ++n;
+    }
+    return n;
 }
 
 // Rotation about z by `angle` followed by a shift.

@@ -165,6 +165,104 @@ TEST(ParallelFrame, EmptyThreadVectorsDoNotPreventTheSwap) {
     EXPECT_EQ(total, GmBVHMetrics());
 }
 
+TEST(ParallelFrame, CallingThreadRecordsLandInTheOutputInPlace) {
+    std::vector<int> out = {1, 2};
+    out.reserve(64);
+    const int* data = out.data();
+    GmBVHMetrics total;
+    {
+        GmParallel::ThreadResults<int> results(out);
+        EXPECT_EQ(&results.records(), &out);  // the calling thread appends to the output itself
+        results.records().push_back(3);
+        results.metrics().addEdgeEdgeTests(1);
+        std::thread worker([&] {
+            GmParallel::ThreadResults<int>::Local& mine = results.local();
+            EXPECT_NE(&mine.records(), &out);
+            for (int i = 4; i <= 6; ++i) {
+                mine.records().push_back(i);
+                mine.flush();
+            }
+            mine.records().push_back(7);  // left in the staging vector
+            results.metrics().addEdgeEdgeTests(4);
+        });
+        worker.join();
+        results.records().push_back(8);  // the caller goes on after the worker
+        results.mergeInto(out, total);
+    }
+    EXPECT_EQ(out, (std::vector<int>{1, 2, 3, 8, 4, 5, 6, 7}));
+    EXPECT_EQ(out.data(), data);  // nothing was reallocated
+    EXPECT_EQ(total.edgeEdgeTests(), 5u);
+}
+
+TEST(ParallelFrame, FlushedRecordsSpanningManyChunksKeepTheirOrder) {
+    // Enough ints for several chunks per thread, flushed in uneven batches.
+    const int n = 400000;
+    GmParallel::ThreadResults<int> results;
+    std::atomic<int> arrived{0};
+    auto fill = [&](int base) {
+        GmParallel::ThreadResults<int>::Local& mine = results.local();
+        for (int i = 0; i < n; ++i) {
+            mine.records().push_back(base + i);
+            if (i % 13 == 0) mine.flush();
+        }
+        arrived.fetch_add(1);
+        while (arrived.load() < 2) std::this_thread::yield();  // distinct threads
+    };
+    std::thread a(fill, 0), b(fill, 10000000);
+    a.join();
+    b.join();
+    std::vector<int> out = {-1};
+    GmBVHMetrics total;
+    results.mergeInto(out, total);
+    ASSERT_EQ(out.size(), 1u + 2u * n);
+    EXPECT_EQ(out[0], -1);
+    const int firstBase = out[1];
+    ASSERT_TRUE(firstBase == 0 || firstBase == 10000000);
+    const int secondBase = firstBase == 0 ? 10000000 : 0;
+    for (int i = 0; i < n; ++i) {
+        ASSERT_EQ(out[1 + i], firstBase + i);
+        ASSERT_EQ(out[1 + n + i], secondBase + i);
+    }
+}
+
+TEST(ParallelFrame, UnmergedDirectResultsLeaveTheOutputAsItWas) {
+    SwitchGuard g(true);
+    std::vector<int> out = {5, 6};
+    {
+        GmParallel::ThreadResults<int> results(out);
+        for (int i = 0; i < 100; ++i) results.records().push_back(i);
+    }
+    EXPECT_EQ(out, (std::vector<int>{5, 6}));
+
+    GmBVHMetrics metrics;
+    EXPECT_THROW(GmParallel::dispatch([] {},
+                                      [&] {
+                                          GmParallel::ThreadResults<int> results(out);
+                                          GmParallel::parallelFor(0, 200, [&](int i) {
+                                              results.records().push_back(i);
+                                              if (i == 150) throw std::runtime_error("body failed");
+                                          });
+                                          results.mergeInto(out, metrics);
+                                      }),
+                 std::runtime_error);
+    EXPECT_EQ(out, (std::vector<int>{5, 6}));
+    EXPECT_EQ(metrics, GmBVHMetrics());
+}
+
+TEST(ParallelFrame, RangesCoverTheIndicesOnce) {
+    std::vector<std::atomic<int>> hits(5000);
+    std::atomic<int> ranges{0};
+    GmParallel::runInArena([&] {
+        GmParallel::parallelForRanges(0, 5000, [&](int first, int last) {
+            EXPECT_LT(first, last);
+            ranges.fetch_add(1);
+            for (int i = first; i < last; ++i) hits[i].fetch_add(1);
+        });
+    });
+    for (const auto& h : hits) EXPECT_EQ(h.load(), 1);
+    EXPECT_GE(ranges.load(), 1);
+}
+
 // All pairs (i, j), i < j, of n values whose sum is divisible by 7, computed through the frame.
 struct Pair {
     int i, j;
@@ -186,9 +284,13 @@ std::vector<Pair> pairsThroughTheFrame(int n, std::vector<Pair> out, GmBVHMetric
                 for (int j = i + 1; j < n; ++j) test(i, j, out, metrics);
         },
         [&] {
-            GmParallel::ThreadResults<Pair> results;
-            GmParallel::parallelFor(0, n, [&](int i) {
-                for (int j = i + 1; j < n; ++j) test(i, j, results.records(), results.metrics());
+            GmParallel::ThreadResults<Pair> results(out);
+            GmParallel::parallelForRanges(0, n, [&](int first, int last) {
+                GmParallel::ThreadResults<Pair>::Local& mine = results.local();
+                for (int i = first; i < last; ++i) {
+                    for (int j = i + 1; j < n; ++j) test(i, j, mine.records(), results.metrics());
+                    mine.flush();
+                }
             });
             results.mergeInto(out, metrics);
         });

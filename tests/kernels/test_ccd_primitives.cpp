@@ -352,6 +352,68 @@ TEST(CcdDegenerate, ParallelEdgesInContactPrintTheMessage) {
     EXPECT_EQ(cap.text(), "Error in GmIntersection::edgeEdgeIntersection() ... Unable to compute collision normal.\n");
 }
 
+// Small or slender but genuine features have a normal: the degeneracy tests are relative to
+// the rounding noise of the geometry, not to a fixed length.
+TEST(CcdDegenerate, SmallFeaturesAtAnyScaleHaveANormal) {
+    for (double scale : {1.0, 1e-4, 1e-8, 1e-9, 1e-12, 1e-20}) {
+        CerrCapture cap;
+        // Edge c-d along y dropping through edge a-b along x: an exact crossing at t = 0.5.
+        const Vec e[8] = {Vec(-1, 0, 0) * scale, Vec(1, 0, 0) * scale, Vec(0.5, -1, 1) * scale,
+                          Vec(0.5, 1, 1) * scale, Vec(-1, 0, 0) * scale, Vec(1, 0, 0) * scale,
+                          Vec(0.5, -1, -1) * scale, Vec(0.5, 1, -1) * scale};
+        double time, s, t;
+        Vec n;
+        ASSERT_TRUE(edgeEdge(e, time, s, t, n)) << "scale " << scale;
+        EXPECT_NEAR(time, 0.5, 1e-9);
+        EXPECT_NEAR(n.z, -1.0, 1e-9) << "scale " << scale;  // from c-d (above) towards a-b
+        // A vertex dropping through the middle of a right triangle.
+        const Vec f[8] = {Vec(0.2, 0.2, 1) * scale, Vec(0, 0, 0),          Vec(2, 0, 0) * scale,
+                          Vec(0, 2, 0) * scale,     Vec(0.2, 0.2, -1) * scale, Vec(0, 0, 0),
+                          Vec(2, 0, 0) * scale,     Vec(0, 2, 0) * scale};
+        Vec point, bary;
+        ASSERT_TRUE(vertexFace(f, time, point, bary, n)) << "scale " << scale;
+        EXPECT_NEAR(time, 0.5, 1e-9);
+        EXPECT_NEAR(n.z, 1.0, 1e-9) << "scale " << scale;  // towards the side the vertex came from
+        EXPECT_EQ(cap.text(), "") << "scale " << scale;
+    }
+}
+
+TEST(CcdDegenerate, ShortShallowCrossingHasANormal) {
+    // Edges 10 micrometres long crossing exactly at an angle of 1e-6 rad: the cross product of
+    // the edges is about 1e-16 long, yet far above the rounding noise of their directions.
+    const double h = 5e-6, k = 1e-6;
+    const Vec v[8] = {{-h, -h * k, h}, {h, h * k, h}, {-h, 0, 0}, {h, 0, 0},
+                      {-h, -h * k, -h}, {h, h * k, -h}, {-h, 0, 0}, {h, 0, 0}};
+    double time, s, t;
+    Vec n;
+    CerrCapture cap;
+    ASSERT_TRUE(edgeEdge(v, time, s, t, n));
+    EXPECT_NEAR(time, 0.5, 1e-9);
+    EXPECT_NEAR(n.z, 1.0, 1e-9);  // from c-d towards a-b, which started above
+    EXPECT_EQ(cap.text(), "");
+}
+
+TEST(CcdDegenerate, ParallelAndZeroAreaStayDegenerateAtAnyScale) {
+    for (double scale : {1e-9, 1.0, 1e6}) {
+        CerrCapture cap;
+        // Collinear edges overlapping throughout.
+        const Vec e[8] = {Vec(0, 0, 0), Vec(2, 0, 0) * scale, Vec(1, 0, 0) * scale, Vec(3, 0, 0) * scale,
+                          Vec(0, 0, 0), Vec(2, 0, 0) * scale, Vec(1, 0, 0) * scale, Vec(3, 0, 0) * scale};
+        double time, s, t;
+        Vec n;
+        EXPECT_FALSE(edgeEdge(e, time, s, t, n)) << "scale " << scale;
+        // A face collapsed to a segment, the vertex passing through it.
+        const Vec f[8] = {Vec(0.5, 0, 1) * scale, Vec(0, 0, 0), Vec(1, 0, 0) * scale, Vec(2, 0, 0) * scale,
+                          Vec(0.5, 0, -1) * scale, Vec(0, 0, 0), Vec(1, 0, 0) * scale, Vec(2, 0, 0) * scale};
+        Vec point, bary;
+        EXPECT_FALSE(vertexFace(f, time, point, bary, n)) << "scale " << scale;
+        EXPECT_EQ(cap.text(),
+                  "Error in GmIntersection::edgeEdgeIntersection() ... Unable to compute collision normal.\n"
+                  "Error in GmIntersection::pointFaceIntersection() ... Unable to compute collision normal.\n")
+            << "scale " << scale;
+    }
+}
+
 TEST(CcdDegenerate, ParallelEdgesApartAreNoContact) {
     // Parallel edges approaching each other in their plane without touching: no contact and
     // no message.

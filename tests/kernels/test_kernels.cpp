@@ -17,6 +17,7 @@
 #include <quarrygeom/mesh/GmMeshTests.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmContactKernels.h>
+#include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmProximityCheck.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
@@ -436,6 +437,51 @@ TEST(StaticKernels, RandomPairsAgreeWithFloatingReferenceAwayFromTies) {
         }
     }
     EXPECT_GT(agreed, 2500);
+}
+
+// A vertex of one triangle exactly on, or a few units of its last bit off, the other's tilted
+// plane, far from the origin: floating-point plane distances are pure rounding noise there,
+// so only exact sign decisions give the answer of the exact orientation predicate.
+TEST(StaticKernels, PlaneDecisionsAtTheRoundingLimitAreExact) {
+    std::mt19937 rng(7);
+    // Coordinates are multiples of 2^-10 below 2^22: sums of four stay exact.
+    std::uniform_int_distribution<long long> grid(-(1LL << 31), 1LL << 31);
+    auto coordinate = [&] { return std::ldexp(static_cast<double>(grid(rng)), -10) + 3.0e6; };
+    int touching = 0, apart = 0, across = 0;
+    for (int trial = 0; trial < 4000; ++trial) {
+        Vec b[3];
+        for (Vec& v : b) v = Vec(coordinate(), coordinate(), coordinate());
+        // p = b0/2 + b1/4 + b2/4 lies exactly on b's plane, well inside b; nudged by k * 2^-30.
+        Vec p = (b[0] * 2.0 + b[1] + b[2]) * 0.25;
+        const int k = static_cast<int>(trial % 7) - 3;
+        p[trial % 3] += std::ldexp(static_cast<double>(k), -30);
+        const double pSide = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &p.x);
+        // The other two corners well off the plane on one side.
+        const Vec n = (b[1] - b[0]).cross(b[2] - b[0]);
+        const double sign = (trial / 7) % 2 ? 1.0 : -1.0;
+        const Vec off = n / n.length() * (sign * 1000.0);
+        const Vec q = p + off + Vec(1000, 0, 0), r = p + off + Vec(0, 1000, 0);
+        const double qSide = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &q.x);
+        const double rSide = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &r.x);
+        ASSERT_TRUE(qSide != 0 && (qSide > 0) == (rSide > 0));
+        // On the plane or across it, p's edges meet b right at p, inside b.
+        const bool expected = pSide == 0 || (pSide > 0) != (qSide > 0);
+        std::vector<Vec> pts;
+        EXPECT_EQ(GmContactKernels::triangleTriangleIntersection(p, q, r, b[0], b[1], b[2], pts), expected)
+            << "trial " << trial << " side " << pSide;
+        EXPECT_EQ(GmContactKernels::triangleTriangleIntersection(b[0], b[1], b[2], r, p, q, pts), expected)
+            << "trial " << trial << " side " << pSide;
+        if (pSide == 0)
+            ++touching;
+        else if (expected)
+            ++across;
+        else
+            ++apart;
+    }
+    // All three outcomes occur often.
+    EXPECT_GT(touching, 300);
+    EXPECT_GT(across, 300);
+    EXPECT_GT(apart, 300);
 }
 
 TEST(StaticKernels, MeshPairRecord) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <iterator>
 #include <utility>
@@ -79,10 +81,12 @@ void dispatch(S&& serial, P&& parallel) {
     runInArena(std::forward<P>(parallel));
 }
 
-// body(i) for every i in [begin, end): tbb::parallel_for over blocked_range<int>(begin, end, 1)
-// with the auto_partitioner. Meant to be called inside runInArena / dispatch's parallel part.
+// body(first, last) for consecutive sub-ranges that together cover [begin, end) once:
+// tbb::parallel_for over blocked_range<int>(begin, end, 1) with the auto_partitioner. Lets a
+// body look up its thread's results once per sub-range. Meant to be called inside runInArena /
+// dispatch's parallel part.
 template <class Body>
-void parallelFor(int begin, int end, Body&& body) {
+void parallelForRanges(int begin, int end, Body&& body) {
     if (end <= begin) return;
     struct Collect {
         ~Collect() { handOverAcquire(); }
@@ -95,51 +99,117 @@ void parallelFor(int begin, int end, Body&& body) {
             struct Release {
                 ~Release() { handOverRelease(); }
             } release;  // also when the body throws
-            for (int i = r.begin(); i != r.end(); ++i) body(i);
+            body(r.begin(), r.end());
         },
         tbb::auto_partitioner());
 }
 
-// Per-thread results of one operation: a vector of records and a GmBVHMetrics per thread,
-// created on first use by that thread, written without locks. Create one per operation.
+// body(i) for every i in [begin, end), through parallelForRanges.
+template <class Body>
+void parallelFor(int begin, int end, Body&& body) {
+    parallelForRanges(begin, end, [&body](int first, int last) {
+        for (int i = first; i != last; ++i) body(i);
+    });
+}
+
+// Per-thread results of one operation: the records and a GmBVHMetrics per thread, created on
+// first use by that thread, written without locks. Create one per operation.
+//
+// A thread appends to the vector that records() returns. A worker's vector is a small staging
+// buffer: flush() moves its records on into chunks taken from TBB's allocator, so that the
+// records are never copied by vector growth and the chunk memory is reused from one operation
+// to the next instead of being faulted in afresh. Records left in the staging vector are
+// collected by the merge all the same.
+//
+// Constructed with the caller's output vector (on the calling thread), the calling thread's
+// records() is that vector itself: its records land in place, and only the other threads'
+// records are copied by the merge. The calling thread's entry is the first of the container,
+// so the merge's result is the same as if it had been a thread-local vector of its own.
 template <class Record>
 class ThreadResults {
+    using Chunk = std::vector<Record, tbb::cache_aligned_allocator<Record>>;
+    // Chunk sizes double from 64 KiB to 2 MiB (at least 16 records): little memory for small
+    // results, few large blocks (which TBB's allocator keeps for reuse) for large ones.
+    static constexpr std::size_t records(std::size_t bytes) {
+        return bytes / sizeof(Record) > 16 ? bytes / sizeof(Record) : 16;
+    }
+    static constexpr std::size_t kFirstChunkRecords = records(std::size_t(1) << 16);
+    static constexpr std::size_t kMaxChunkRecords = records(std::size_t(1) << 21);
+
 public:
-    // The calling thread's own vector / counters.
-    std::vector<Record>& records() { return _records.local(); }
+    class Local {
+    public:
+        // The vector this thread appends its records to.
+        std::vector<Record>& records() { return _direct != nullptr ? *_direct : _staging; }
+        // Moves the records appended since the last flush into the chunks (order kept).
+        void flush() {
+            if (_staging.empty()) return;
+            auto it = _staging.begin();
+            const auto end = _staging.end();
+            while (it != end) {
+                if (_chunks.empty() || _chunks.back().size() == _chunks.back().capacity()) {
+                    const std::size_t capacity = _chunks.empty()
+                                                     ? kFirstChunkRecords
+                                                     : std::min(2 * _chunks.back().capacity(), kMaxChunkRecords);
+                    _chunks.emplace_back();
+                    _chunks.back().reserve(capacity);
+                }
+                Chunk& chunk = _chunks.back();
+                const std::ptrdiff_t room = static_cast<std::ptrdiff_t>(chunk.capacity() - chunk.size());
+                const std::ptrdiff_t n = std::min(room, end - it);
+                chunk.insert(chunk.end(), std::make_move_iterator(it), std::make_move_iterator(it + n));
+                it += n;
+            }
+            _chunked += _staging.size();
+            _staging.clear();
+        }
+
+    private:
+        friend class ThreadResults;
+        std::size_t size() const { return _chunked + _staging.size(); }
+
+        std::vector<Record>* _direct = nullptr;  // the caller's output (calling thread only)
+        std::vector<Record> _staging;
+        std::vector<Chunk> _chunks;
+        std::size_t _chunked = 0;  // records in _chunks
+    };
+
+    ThreadResults() = default;
+
+    // The calling thread appends straight to `out`; construct on the calling thread and merge
+    // into the same vector. Destroyed without a merge (an exception left the parallel part),
+    // `out` is cut back to what it held at construction.
+    explicit ThreadResults(std::vector<Record>& out) : _target(&out), _targetSize(out.size()) {
+        _records.local()._direct = &out;
+    }
+
+    ~ThreadResults() {
+        if (_target != nullptr)
+            _target->erase(_target->begin() + static_cast<std::ptrdiff_t>(_targetSize), _target->end());
+    }
+
+    ThreadResults(const ThreadResults&) = delete;
+    ThreadResults& operator=(const ThreadResults&) = delete;
+
+    // The calling thread's own entry / record vector / counters.
+    Local& local() { return _records.local(); }
+    std::vector<Record>& records() { return _records.local().records(); }
     GmBVHMetrics& metrics() { return _metrics.local(); }
 
     // Call on the calling thread after the parallel part has finished.
     // Metrics: every thread's counters are added to `metrics` in enumeration order.
-    // Records: thread-local vectors that stayed empty are ignored. When `out` is empty and
-    // a single thread-local vector holds records, it is swapped into `out` (no copy);
-    // otherwise the non-empty thread-local vectors are moved, in enumeration order and each
-    // in its own order, to the end of `out` after what it already holds. The thread-local
-    // vectors are left empty or hold out's previous (empty) buffer.
+    // Records: threads that recorded nothing are ignored. When `out` is empty and a single
+    // thread holds records, its vector is swapped into `out` (no copy) if they are all still
+    // there; otherwise every thread's records are moved, in enumeration order and each in its
+    // own order, to the end of `out` after what it already holds.
     void mergeInto(std::vector<Record>& out, GmBVHMetrics& metrics) {
+        assert(_target == nullptr || _target == &out);
         for (const GmBVHMetrics& m : _metrics) metrics += m;
-
-        std::size_t total = 0, nonEmpty = 0;
-        std::vector<Record>* single = nullptr;
-        for (std::vector<Record>& v : _records) {
-            if (v.empty()) continue;
-            total += v.size();
-            ++nonEmpty;
-            single = &v;
-        }
-        if (nonEmpty == 0) return;
-        if (out.empty() && nonEmpty == 1) {
-            out.swap(*single);
-            return;
-        }
-        out.reserve(out.size() + total);
-        for (std::vector<Record>& v : _records) {
-            out.insert(out.end(), std::make_move_iterator(v.begin()), std::make_move_iterator(v.end()));
-            v.clear();
-        }
+        mergeRecords(out);
+        _target = nullptr;  // merged: out keeps what it holds
     }
 
-    // Number of threads that asked for their vector / counters so far.
+    // Number of threads that asked for their records / counters so far.
     std::size_t recordThreadCount() const { return _records.size(); }
     std::size_t metricsThreadCount() const { return _metrics.size(); }
 
@@ -147,8 +217,38 @@ private:
     template <class T>
     using PerThread = tbb::enumerable_thread_specific<T, tbb::cache_aligned_allocator<T>, tbb::ets_key_per_instance>;
 
-    PerThread<std::vector<Record>> _records;
+    void mergeRecords(std::vector<Record>& out) {
+        std::size_t total = 0, nonEmpty = 0;
+        Local* single = nullptr;
+        for (Local& l : _records) {
+            if (l._direct != nullptr || l.size() == 0) continue;
+            total += l.size();
+            ++nonEmpty;
+            single = &l;
+        }
+        if (nonEmpty == 0) return;
+        if (out.empty() && nonEmpty == 1 && single->_chunks.empty()) {
+            out.swap(single->_staging);
+            return;
+        }
+        out.reserve(out.size() + total);
+        auto append = [&out](auto& v) {
+            out.insert(out.end(), std::make_move_iterator(v.begin()), std::make_move_iterator(v.end()));
+        };
+        for (Local& l : _records) {
+            if (l._direct != nullptr) continue;
+            for (Chunk& c : l._chunks) append(c);
+            append(l._staging);
+            l._chunks.clear();
+            l._staging.clear();
+            l._chunked = 0;
+        }
+    }
+
+    PerThread<Local> _records;
     PerThread<GmBVHMetrics> _metrics;
+    std::vector<Record>* _target = nullptr;  // caller's output until merged
+    std::size_t _targetSize = 0;
 };
 
 }  // namespace GmParallel
