@@ -30,9 +30,18 @@ using Positions = std::vector<GmTVector<double>>;
 constexpr double kNoTimeBound = DBL_MAX;
 
 // The top seven levels of a self query (127 nodes) start the heavy descents; the parallel path
-// first breaks them into a frontier of at least this many node pairs.
+// first breaks them into a frontier of at least this many node pairs. In a self query no
+// internal node of the frontier lies above kFrontierDepth (a 512th of the tree): contacts gather
+// in a few pairs (the two layers of a fold meet under the root's children), and a frontier of a
+// given count alone leaves a handful of items with most of the work. (A two-mesh query keeps the
+// count alone: its expansion runs on the calling thread, and at that depth it took longer than
+// it saved on meshes of some 70K faces.)
 constexpr int kSplitNodes = 127;
 constexpr std::size_t kFrontierSize = 512;
+constexpr int kFrontierDepth = 9;
+
+// Depth of node i in the heap layout (the root is at 0).
+inline int heapDepth(int i) { return 31 - __builtin_clz(static_cast<unsigned>(i) + 1U); }
 
 // Synchronisation addresses of the ThreadSanitizer annotations (GmBVHCollisionWalk.h); static,
 // so that a worker reaches them without first reading the calling thread's frame.
@@ -233,19 +242,25 @@ WalkSetup pairSetup(const GmBoundingVolumeHierarchy& tree1, const GmBoundingVolu
     return s;
 }
 
-// Expands seed pairs breadth-first until at least `target` pairs remain or only leaf pairs
-// are left. Every pair that is expanded is examined (and counted) here exactly as the descent
-// would; the pairs returned are still to be examined.
+// Expands seed pairs breadth-first until at least `target` pairs remain and no pair has an
+// internal node above `fineDepth`, or only leaf pairs are left. Every pair that is expanded
+// is examined (and counted) here exactly as the descent would; the pairs returned are still to
+// be examined.
 template <class Narrow>
 std::vector<NodePair> expandFrontier(PairWalk<Narrow>& walk, const WalkSetup& s, std::vector<NodePair> pairs,
-                                     std::size_t target) {
+                                     std::size_t target, int fineDepth) {
     std::vector<NodePair> next;
     NodePair children[4];
-    while (pairs.size() < target) {
+    auto coarse = [&s, fineDepth](const NodePair& p) {
+        return (!s.nodes1[p.a].isLeaf() && heapDepth(p.a) < fineDepth) ||
+               (!s.nodes2[p.b].isLeaf() && heapDepth(p.b) < fineDepth);
+    };
+    for (;;) {
+        const bool all = pairs.size() < target;
         next.clear();
         bool expanded = false;
         for (const NodePair& p : pairs) {
-            if (s.nodes1[p.a].isLeaf() && s.nodes2[p.b].isLeaf()) {
+            if ((s.nodes1[p.a].isLeaf() && s.nodes2[p.b].isLeaf()) || !(all || coarse(p))) {
                 next.push_back(p);
                 continue;
             }
@@ -294,7 +309,7 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
         seeds.reserve(static_cast<std::size_t>(split));
         for (int i = 0; i < split; ++i) seeds.push_back({2 * i + 1, 2 * i + 2});
         PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
-        const std::vector<NodePair> frontier = expandFrontier(top, setup, std::move(seeds), kFrontierSize);
+        const std::vector<NodePair> frontier = expandFrontier(top, setup, std::move(seeds), kFrontierSize, kFrontierDepth);
         const int numFrontier = static_cast<int>(frontier.size());
         const int numItems = numFrontier + (internal - split);
 
@@ -344,7 +359,7 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
     auto parallel = [&] {
         CallerPart<Record> caller;
         PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
-        const std::vector<NodePair> frontier = expandFrontier(top, setup, {{0, 0}}, kFrontierSize);
+        const std::vector<NodePair> frontier = expandFrontier(top, setup, {{0, 0}}, kFrontierSize, 0);
 
         GmParallel::ThreadResults<Record> local(results);
         parallelItems(static_cast<int>(frontier.size()), [&](int first, int last) {
