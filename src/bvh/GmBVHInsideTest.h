@@ -11,6 +11,7 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 
 #include "GmBVHInternal.h"
+#include "../primitives/GmOrient3dFilter.h"
 
 namespace GmBVHInside {
 
@@ -23,7 +24,6 @@ typedef GmBoundingVolumeHierarchy::Node Node;
 // call; the library predicate decides the rest. The bounds are those of the predicates.
 constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kCcwBoundA = (3.0 + 16.0 * kEpsilon) * kEpsilon;
-constexpr double kO3dBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
 
 inline int sign(double v) { return v > 0.0 ? 1 : (v < 0.0 ? -1 : 0); }
 
@@ -49,18 +49,8 @@ inline int orient2(const double* pa, const double* pb, const double* pc) {
 
 // Sign of orient3d: positive when d lies on the side of plane abc from which abc appears clockwise.
 inline int orient3(const V3& a, const V3& b, const V3& c, const V3& d) {
-    const double adx = a.x - d.x, bdx = b.x - d.x, cdx = c.x - d.x;
-    const double ady = a.y - d.y, bdy = b.y - d.y, cdy = c.y - d.y;
-    const double adz = a.z - d.z, bdz = b.z - d.z, cdz = c.z - d.z;
-    const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-    const double cdxady = cdx * ady, adxcdy = adx * cdy;
-    const double adxbdy = adx * bdy, bdxady = bdx * ady;
-    const double det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                             (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                             (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    const double bound = kO3dBoundA * permanent;
-    if (det > bound || -det > bound) return sign(det);
+    double det, permanent;
+    if (GmOrient3dFilter::stageA(&a.x, &b.x, &c.x, &d.x, det, permanent)) return sign(det);
     return sign(GmPredicates::orient3d(&a.x, &b.x, &c.x, &d.x));
 }
 

@@ -14,6 +14,8 @@
 
 #include <quarrygeom/primitives/GmPredicates.h>
 
+#include "GmOrient3dFilter.h"
+
 #include <cmath>
 
 namespace GmPredicates {
@@ -455,20 +457,9 @@ double orient2d(const double* pa, const double* pb, const double* pc) {
 }
 
 double orient3d(const double* pa, const double* pb, const double* pc, const double* pd) {
-    const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
-    const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
-    const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
-
-    const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-    const double cdxady = cdx * ady, adxcdy = adx * cdy;
-    const double adxbdy = adx * bdy, bdxady = bdx * ady;
-
-    const double det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                             (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                             (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    const double errbound = kConstants.o3derrboundA * permanent;
-    if (det > errbound || -det > errbound) return det;
+    static_assert(GmOrient3dFilter::kBoundA == kConstants.o3derrboundA, "one stage-A bound");
+    double det, permanent;
+    if (GmOrient3dFilter::stageA(pa, pb, pc, pd, det, permanent)) return det;
     return orient3dAdaptive(pa, pb, pc, pd, permanent);
 }
 

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cmath>
+
+// The first, floating-point stage of orient3d (the bound of the adaptive predicate's stage A),
+// inline for callers that want the common case without a call. det is the determinant with
+// orient3d's sign; the result says whether its sign is certain. permanent is what the
+// adaptive stages continue from.
+namespace GmOrient3dFilter {
+
+constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
+constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
+
+inline bool stageA(const double* pa, const double* pb, const double* pc, const double* pd, double& det,
+                   double& permanent) {
+    const double adx = pa[0] - pd[0], bdx = pb[0] - pd[0], cdx = pc[0] - pd[0];
+    const double ady = pa[1] - pd[1], bdy = pb[1] - pd[1], cdy = pc[1] - pd[1];
+    const double adz = pa[2] - pd[2], bdz = pb[2] - pd[2], cdz = pc[2] - pd[2];
+
+    const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
+    const double cdxady = cdx * ady, adxcdy = adx * cdy;
+    const double adxbdy = adx * bdy, bdxady = bdx * ady;
+
+    det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
+    permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
+                (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
+                (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
+    const double bound = kBoundA * permanent;
+    return det > bound || -det > bound;
+}
+
+}  // namespace GmOrient3dFilter
