@@ -13,6 +13,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
@@ -56,6 +59,27 @@ inline float floatUp(double v) {
         std::memcpy(&f, &b, sizeof f);
     }
     return f;
+}
+
+// Resizes a large array so that the system may back it with huge pages: a search walks a
+// path of scattered nodes, and on a tree of tens of megabytes nearly every step below the
+// cached top levels would otherwise miss the translation cache as well. The advice is given
+// before the first write (pages are chosen when first touched); a no-op for small arrays and
+// where unsupported.
+template <class T>
+void resizeForRandomAccess(std::vector<T>& v, size_t n) {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    constexpr size_t kHuge = size_t(2) << 20;
+    if (n * sizeof(T) >= 2 * kHuge && n > v.capacity()) {
+        std::vector<T>().swap(v);
+        v.reserve(n);
+        const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(v.data());
+        const std::uintptr_t end = begin + n * sizeof(T);
+        const std::uintptr_t first = (begin + kHuge - 1) & ~(kHuge - 1), last = end & ~(kHuge - 1);
+        if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+    }
+#endif
+    v.resize(n);
 }
 
 inline bool faceDisabled(const GmDisabledData* mask, int face) { return GmDisabledData::isDisabled(mask, face); }
@@ -196,9 +220,12 @@ QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices
 // parent's, so a grandchild within reach (or enabled) has a parent within reach (or enabled).
 // Half the dependent steps from the root to a leaf, and fewer cache lines per query. (Steps of
 // three levels measured faster only on the sphere and slower on the grid and the bunny.)
-template <class Node, class Leaf, class LeafHint>
-inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<double>& p, bool includeDisabled,
-                             double bound, const Leaf& leaf, const LeafHint& leafHint) {
+//
+// leafData (may be null) holds one record per leaf in leaf order; a node's records are loaded
+// together with the boxes of its leaf children or grandchildren, ahead of leafHint.
+template <class Node, class LeafData, class Leaf, class LeafHint>
+inline void walkNearestFirst(const std::vector<Node>& tree, const LeafData* leafData, const GmTVector<double>& p,
+                             bool includeDisabled, double bound, const Leaf& leaf, const LeafHint& leafHint) {
     if (tree.empty()) return;
     const Node* nodes = tree.data();
     if (!includeDisabled && nodes[0].disabled) return;
@@ -212,18 +239,39 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<doub
     auto lookAhead = [&](int i) QG_BVH_INLINE_LAMBDA {
         if (i >= firstLeaf) {
             leafHint(i);
-        } else if (2LL * i + 2 < firstLeaf) {
-            prefetchNodes<4>(nodes, 4LL * i + 3, numberNodes);
+            return;
+        }
+        long long first, last;
+        if (2LL * i + 2 < firstLeaf) {
+            first = 4LL * i + 3;
+            last = first + 3;
+            prefetchNodes<4>(nodes, first, numberNodes);
         } else {
-            prefetchNodes<2>(nodes, 2LL * i + 1, numberNodes);
+            first = 2LL * i + 1;
+            last = first + 1;
+            prefetchNodes<2>(nodes, first, numberNodes);
+        }
+        if (leafData != nullptr && last >= firstLeaf) {
+            first = std::max<long long>(first, firstLeaf) - firstLeaf;
+            last = std::min<long long>(last, numberNodes - 1) - firstLeaf;
+            prefetchBytes<sizeof(LeafData)>(leafData + first);
+            prefetchBytes<sizeof(LeafData)>(leafData + last);
         }
     };
-    // The qualifying ones of `Count` nodes from `first`, farthest first.
-    struct Candidate {
-        double key;
-        int node;
+    // The qualifying ones of `Count` nodes from `first`, nearest first, in (foundKey, foundNode);
+    // the others sort after them with an infinite key. A sorting network on registers: no
+    // data-dependent branches, and no candidate round trip through memory.
+    double foundKey[4];
+    int foundNode[4];
+    auto exchange = [&](int a, int b) QG_BVH_INLINE_LAMBDA {
+        const double ka = foundKey[a], kb = foundKey[b];
+        const int na = foundNode[a], nb = foundNode[b];
+        const bool swap = kb < ka;
+        foundKey[a] = swap ? kb : ka;
+        foundKey[b] = swap ? ka : kb;
+        foundNode[a] = swap ? nb : na;
+        foundNode[b] = swap ? na : nb;
     };
-    Candidate found[4];
     auto measure = [&](auto countTag, int first) QG_BVH_INLINE_LAMBDA {
         constexpr int Count = decltype(countTag)::value;
         double d[Count];
@@ -231,11 +279,20 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<doub
             boxDistanceSquaredPair(nodes[first + j].box, nodes[first + j + 1].box, q, d[j], d[j + 1]);
         int k = 0;
         for (int j = 0; j < Count; ++j) {
-            if (d[j] > limit || (!includeDisabled && nodes[first + j].disabled)) continue;
-            lookAhead(first + j);
-            int m = k++;
-            for (; m > 0 && found[m - 1].key < d[j]; --m) found[m] = found[m - 1];
-            found[m] = Candidate{d[j], first + j};
+            const bool qualifies = !(d[j] > limit) && (includeDisabled || !nodes[first + j].disabled);
+            foundKey[j] = qualifies ? d[j] : HUGE_VAL;
+            foundNode[j] = first + j;
+            if (qualifies) {
+                lookAhead(first + j);
+                ++k;
+            }
+        }
+        exchange(0, 1);
+        if (Count == 4) {
+            exchange(2, 3);
+            exchange(0, 2);
+            exchange(1, 3);
+            exchange(1, 2);
         }
         return k;
     };
@@ -252,9 +309,9 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const GmTVector<doub
                 const int k = 2 * node + 2 < firstLeaf ? measure(std::integral_constant<int, 4>(), 4 * node + 3)
                                                        : measure(std::integral_constant<int, 2>(), 2 * node + 1);
                 if (k > 0) {
-                    for (int j = 0; j < k - 1; ++j) stack.push(found[j].key, found[j].node);
-                    node = found[k - 1].node;
-                    key = found[k - 1].key;
+                    for (int j = k - 1; j > 0; --j) stack.push(foundKey[j], foundNode[j]);
+                    node = foundNode[0];
+                    key = foundKey[0];
                     continue;
                 }
             }

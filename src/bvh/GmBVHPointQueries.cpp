@@ -18,6 +18,7 @@ using namespace GmBVHDetail;
 namespace {
 
 typedef GmBoundingVolumeHierarchy::Node Node;
+typedef GmBoundingVolumeHierarchy::LeafFace LeafFace;
 
 constexpr double kSlack = 1e-8;
 constexpr double kWeightTol = 2.220446049250313e-14;  // 100 * DBL_EPSILON
@@ -65,15 +66,16 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
     if (_mesh == nullptr || _nodes.empty()) return;
     const GmTriangleMesh& mesh = *_mesh;
     const GmTVector<double>* V = mesh.getVertices().data();
-    const Node* nodes = _nodes.data();
     const bool directionTest = tests != nullptr && tests->directionWeight != 0.0;
     const bool sideTest = tests != nullptr && tests->sideMode != 0;
 
+    const LeafFace* leafFaces = _leafFaces.data();
+    const int firstLeaf = getNumberInternalNodes();
     int foundFace = -1;
     double foundKey = DBL_MAX, foundS = 0.0, foundT = 0.0;
     auto testFace = [&](int node, double best) {
-        const GmTriangleFace& f = *nodes[node].primitive;
-        if (directionTest && !(mesh.getFaceNormal(f.index).dot(tests->direction) > kSlack)) return best;
+        const LeafFace& f = leafFaces[node - firstLeaf];
+        if (directionTest && !(mesh.getFaceNormal(f.face).dot(tests->direction) > kSlack)) return best;
         const GmTVector<double>& v1 = V[f.vertices[0]];
         const GmTVector<double>& v2 = V[f.vertices[1]];
         const GmTVector<double>& v3 = V[f.vertices[2]];
@@ -82,20 +84,27 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
         if (!(d2 <= best + kSlack)) return best;  // also drops NaN
         if (sideTest) {
             const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
-            const bool front = (c - p).dot(mesh.getFaceNormal(f.index)) > 0.0;
+            const bool front = (c - p).dot(mesh.getFaceNormal(f.face)) > 0.0;
             if (tests->sideMode < 0 ? front : !front) return best;
         }
         // Equal distances go to the smaller face index, whatever the visiting order.
-        if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.index < foundFace)) {
-            foundFace = f.index;
+        if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.face < foundFace)) {
+            foundFace = f.face;
             foundKey = d2;
             foundS = s;
             foundT = t;
         }
         return d2 < best ? d2 : best;
     };
-    walkNearestFirst(_nodes, p, includeDisabled, info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace,
-                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
+    // A qualifying leaf starts loading its vertices and the face's cached normal (read by the
+    // callers once the walk ends).
+    auto leafHint = [&](int node) QG_BVH_INLINE_LAMBDA {
+        const LeafFace& f = leafFaces[node - firstLeaf];
+        for (int k = 0; k < 3; ++k) prefetchBytes<sizeof(GmTVector<double>)>(V + f.vertices[k]);
+        mesh.prefetchFaceData(f.face);
+    };
+    walkNearestFirst(_nodes, leafFaces, p, includeDisabled,
+                     info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace, leafHint);
 
     if (foundFace >= 0) {
         const GmTriangleFace& f = mesh.getFace(foundFace);
@@ -326,10 +335,11 @@ void GmBoundingVolumeHierarchy::initializeClosestVertexInfo(const GmTVector<doub
 void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p, int& vertex,
                                                       double& distanceSquared, bool includeDisabled) const {
     const GmTVector<double>* V = _mesh->getVertices().data();
-    const Node* nodes = _nodes.data();
     double best = vertex >= 0 ? distanceSquared : DBL_MAX;
+    const LeafFace* leafFaces = _leafFaces.data();
+    const int firstLeaf = getNumberInternalNodes();
     auto testVertices = [&](int node, double) {
-        for (const int v : nodes[node].primitive->vertices) {
+        for (const int v : leafFaces[node - firstLeaf].vertices) {
             const double d2 = (V[v] - p).lengthSquared();
             if (d2 < best || (d2 == best && v < vertex)) {
                 best = d2;
@@ -338,8 +348,9 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
         }
         return best;
     };
-    walkNearestFirst(_nodes, p, includeDisabled, best, testVertices,
-                     [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, *nodes[node].primitive); });
+    walkNearestFirst(_nodes, leafFaces, p, includeDisabled, best, testVertices, [&](int node) QG_BVH_INLINE_LAMBDA {
+        for (const int v : leafFaces[node - firstLeaf].vertices) prefetchBytes<sizeof(GmTVector<double>)>(V + v);
+    });
     distanceSquared = best;
 }
 

@@ -131,6 +131,7 @@ inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
 }
 
 typedef GmBoundingVolumeHierarchy::Node Node;
+typedef GmBoundingVolumeHierarchy::LeafFace LeafFace;
 
 // What the build keeps of one face: its leaf box, flags (bit 0 disabled, bit 1 frozen) and the
 // largest of its box's three extents (-inf when an extent is NaN). Plain data, so that an array
@@ -351,6 +352,8 @@ void sortAxis(const GmTriangleMesh& mesh, int n, int axis, double lo, double hi,
 // in one pass over the faces.
 struct BuildTask {
     Node* nodes;
+    LeafFace* leafFaces;  // per leaf, from node firstLeaf on
+    int firstLeaf;
     const GmTriangleFace* faces;
     const LeafRecord* leaves;
     int* lists[3];
@@ -363,6 +366,9 @@ struct BuildTask {
         const LeafRecord& r = leaves[f];
         node.box = r.box();
         node.primitive = faces + f;
+        LeafFace& lf = leafFaces[i - firstLeaf];
+        lf.face = f;
+        for (int k = 0; k < 3; ++k) lf.vertices[k] = faces[f].vertices[k];
         const unsigned flags = r.flags();
         node.disabled = (flags & 1u) != 0;
         node.frozen = (flags & 2u) != 0;
@@ -584,7 +590,8 @@ void GmBoundingVolumeHierarchy::_initialize() {
     _meshTests = new GmIntersection::MeshTests();
     _numberFaces = _mesh != nullptr ? _mesh->getNumberFaces() : 0;
     _depth = computeDepth(_numberFaces);
-    _nodes.resize(static_cast<size_t>(std::max(getNumberNodes(), 0)));
+    resizeForRandomAccess(_nodes, static_cast<size_t>(std::max(getNumberNodes(), 0)));
+    resizeForRandomAccess(_leafFaces, static_cast<size_t>(std::max(_numberFaces, 0)));
 }
 
 GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(GmTriangleMesh* mesh,
@@ -617,6 +624,7 @@ GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(const GmBoundingVolumeHiera
       _meshTests(new GmIntersection::MeshTests(*other._meshTests)),
       _depth(other._depth),
       _nodes(other._nodes),
+      _leafFaces(other._leafFaces),
       _numberFaces(other._numberFaces) {}
 
 GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBoundingVolumeHierarchy& other) {
@@ -628,6 +636,7 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     *_meshTests = *other._meshTests;
     _depth = other._depth;
     _nodes = other._nodes;
+    _leafFaces = other._leafFaces;
     _numberFaces = other._numberFaces;
     _insideCache.reset();
     return *this;
@@ -730,7 +739,7 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
     const std::unique_ptr<LeafRecord[]> leaves = rawArray<LeafRecord>(count);
     const std::unique_ptr<int[]> lists = rawArray<int>(3 * count);
     const BuildInitializeBody<N> init{_mesh, positions, thickness, disabled, frozen, leaves.get()};
-    BuildTask task{_nodes.data(), _mesh->getFaces().data(), leaves.get(),
+    BuildTask task{_nodes.data(), _leafFaces.data(), n - 1, _mesh->getFaces().data(), leaves.get(),
                    {lists.get(), lists.get() + n, lists.get() + 2 * n}, nullptr, nullptr, false};
     Bound bound;
     // The sort's buffers serve the partitions afterwards.

@@ -159,13 +159,25 @@ inline bool sameBox(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b) {
 }
 
 // Index of the first node that differs, -1 when the trees are equal node for node.
+// Whether leaf node i's entry in the leaf table names face `face` and that face's vertices.
+inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face) {
+    const std::size_t k = static_cast<std::size_t>(i - h.getNumberInternalNodes());
+    if (k >= h.getLeafFaces().size()) return false;
+    const GmBoundingVolumeHierarchy::LeafFace& e = h.getLeafFaces()[k];
+    const GmTriangleFace& f = h.getTriangleMesh()->getFace(face);
+    return e.face == face && e.vertices[0] == f.vertices[0] && e.vertices[1] == f.vertices[1] &&
+           e.vertices[2] == f.vertices[2];
+}
+
 inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& ref) {
     if (static_cast<size_t>(h.getNumberNodes()) != ref.size()) return -2;
+    if (h.getLeafFaces().size() != static_cast<size_t>(h.getNumberLeafNodes())) return -3;
     for (int i = 0; i < h.getNumberNodes(); ++i) {
         const auto& n = h.getNode(i);
         const RefNode& r = ref[static_cast<size_t>(i)];
         if (!sameBox(n.box, r.box) || h.getFaceIndex(n) != r.face || n.disabled != r.disabled || n.frozen != r.frozen)
             return i;
+        if (r.face >= 0 && !leafEntryMatches(h, i, r.face)) return i;
     }
     return -1;
 }
@@ -176,6 +188,9 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& a, const GmBoundingV
         const auto& x = a.getNode(i);
         const auto& y = b.getNode(i);
         if (!sameBox(x.box, y.box) || x.primitive != y.primitive || x.disabled != y.disabled || x.frozen != y.frozen)
+            return i;
+        if (x.primitive != nullptr && (!leafEntryMatches(a, i, x.primitive->index) ||
+                                       !leafEntryMatches(b, i, y.primitive->index)))
             return i;
     }
     return -1;

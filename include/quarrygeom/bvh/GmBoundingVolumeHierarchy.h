@@ -92,6 +92,14 @@ public:
     const Node& getNode(long long i) const { return _nodes[static_cast<size_t>(i)]; }
     const std::vector<Node>& getNodes() const { return _nodes; }
     const Node& getRoot() const { return _nodes[0]; }
+    // Per leaf, in leaf order (leaf node getNumberInternalNodes() + k is entry k): its face and
+    // the face's vertices, set by the build. The point searches read these instead of the face
+    // records, so that a leaf's data arrives with its box.
+    struct LeafFace {
+        int face;
+        int vertices[3];
+    };
+    const std::vector<LeafFace>& getLeafFaces() const { return _leafFaces; }
     const GmAxisAlignedBox& getRootBoundingVolume() const { return _nodes[0].box; }
     // Face index of a leaf node (its face record's own index); -1 for an internal node.
     int getFaceIndex(const Node& node) const;
@@ -311,6 +319,7 @@ private:
     GmIntersection::MeshTests* _meshTests;  // owned, never null
     int _depth;
     std::vector<Node> _nodes;
+    std::vector<LeafFace> _leafFaces;
     int _numberFaces;  // face count at construction
     InsideCache _insideCache;
 };

@@ -337,6 +337,19 @@ public:
     // Area-weighted vertex normal, computed afresh on every call.
     GmTVector<double> getVertexAreaWeightedNormal(int v) const { return calculateVertexAreaWeightedNormal(v); }
 
+    // Hint that face f's cached area and normal are read soon: starts loading them, changes
+    // nothing (f is not checked; an index outside the faces is ignored).
+    void prefetchFaceData(int f) const {
+#if defined(__GNUC__)
+        if (f >= 0 && static_cast<std::size_t>(f) < _faceNormals.size()) {
+            __builtin_prefetch(_faceAreas.data() + f);
+            __builtin_prefetch(_faceNormals.data() + f);
+        }
+#else
+        (void)f;
+#endif
+    }
+
     // Fill one cache slot (normally called by the accessors above).
     void calculateFaceData(int f) const;
     void calculateUnitEdge(int e) const;
