@@ -274,6 +274,15 @@ std::vector<NodePair> expandFrontier(PairWalk<Narrow>& walk, const WalkSetup& s,
     return pairs;
 }
 
+// The descents of every internal node in the subtree under `root`, level by level.
+template <class Walk>
+void descendSubtree(Walk& walk, int root, int internal) {
+    for (long long from = root, width = 1; from < internal; from = 2 * from + 1, width *= 2) {
+        const long long to = std::min<long long>(from + width, internal);
+        for (long long i = from; i < to; ++i) walk.descend(static_cast<int>(2 * i + 1), static_cast<int>(2 * i + 2));
+    }
+}
+
 // Records of a traversal's calling thread while it runs in parallel: the frontier expansion
 // examines inner pairs only, so it never produces records, but it counts.
 template <class Record>
@@ -311,7 +320,12 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
         PairWalk<Narrow> top(setup, narrow, caller.records, caller.metrics);
         const std::vector<NodePair> frontier = expandFrontier(top, setup, std::move(seeds), kFrontierSize, kFrontierDepth);
         const int numFrontier = static_cast<int>(frontier.size());
-        const int numItems = numFrontier + (internal - split);
+        // Below the top nodes, one item per subtree rooted on the next level, its descents level
+        // by level within it: a worker keeps to one region of the tree, whose nodes and faces
+        // stay in its own cache (taken one node at a time in heap order, both workers sweep the
+        // whole tree on every level and share one cache between them).
+        const int firstRoot = split, lastRoot = std::min(internal, 2 * split + 1);
+        const int numItems = numFrontier + (lastRoot - firstRoot);
 
         GmParallel::ThreadResults<Record> local(results);
         parallelItems(numItems, [&](int first, int last) {
@@ -321,8 +335,7 @@ bool runSelf(const GmBoundingVolumeHierarchy& tree, const Narrow& narrow, const 
                     const NodePair& p = frontier[static_cast<std::size_t>(k)];
                     walk.descend(p.a, p.b);
                 } else {
-                    const int i = split + (k - numFrontier);
-                    walk.descend(2 * i + 1, 2 * i + 2);
+                    descendSubtree(walk, firstRoot + (k - numFrontier), internal);
                 }
             }
         });
