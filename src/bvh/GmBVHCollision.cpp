@@ -390,9 +390,11 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
     return results.size() > before;
 }
 
-// The kernels read face and vertex normals, which the mesh fills lazily. Several workers must
-// not fill the same slot at once, so the calling thread completes them before a parallel walk
-// (a pass of checks when nothing is missing).
+// The continuous and proximity kernels of a self query read face and vertex normals (the normal
+// rule of pairs that share a face), which the mesh fills lazily. Several workers must not fill
+// the same slot at once, so the calling thread completes them before a parallel walk (a pass of
+// checks when nothing is missing). The static kernels and those of two-mesh queries read no
+// cached mesh data, and skip the pass.
 void prepareMesh(const GmTriangleMesh& mesh) {
     if (!GmParallel::isParallel()) return;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) mesh.getFaceNormal(f);
@@ -431,8 +433,6 @@ bool GmBoundingVolumeHierarchy::continuousTimeIntersect(std::vector<GmContinuous
                                                         GmBVHMetrics& metrics) const {
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
-    prepareMesh(*_mesh);
-    prepareMesh(*other._mesh);
     const ContIntersector narrow(*_mesh, positions, *other._mesh, otherPositions, info1, info2, componentTests,
                                  objectIndex1, objectIndex2);
     return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
@@ -458,8 +458,6 @@ bool GmBoundingVolumeHierarchy::proximityCheck(std::vector<GmProximityCheckInfo>
                                                double /*value*/, GmBVHMetrics& metrics) const {
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
-    prepareMesh(*_mesh);
-    prepareMesh(*other._mesh);
     const ProximityChecker narrow(*_mesh, *other._mesh, distance, info, componentTests, objectIndex1, objectIndex2);
     return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
 }
@@ -468,7 +466,6 @@ bool GmBoundingVolumeHierarchy::selfIntersect(std::vector<GmIntersectionInfo>& r
                                               bool includeDisabled, GmBVHMetrics& metrics) const {
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
-    prepareMesh(*_mesh);
     const TriSelfIntersector narrow(*_mesh);
     return runSelf(*this, narrow, selfSetup(*this, includeDisabled), {}, results, metrics);
 }
@@ -478,8 +475,6 @@ bool GmBoundingVolumeHierarchy::meshMeshIntersect(std::vector<GmIntersectionInfo
                                                   bool includeDisabled, GmBVHMetrics& metrics) const {
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
-    prepareMesh(*_mesh);
-    prepareMesh(*other._mesh);
     const TriIntersector narrow(*_mesh, *other._mesh);
     return runPair(narrow, pairSetup(*this, other, includeDisabled), results, metrics);
 }
