@@ -13,9 +13,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
@@ -59,27 +56,6 @@ inline float floatUp(double v) {
         std::memcpy(&f, &b, sizeof f);
     }
     return f;
-}
-
-// Resizes a large array so that the system may back it with huge pages: a search walks a
-// path of scattered nodes, and on a tree of tens of megabytes nearly every step below the
-// cached top levels would otherwise miss the translation cache as well. The advice is given
-// before the first write (pages are chosen when first touched); a no-op for small arrays and
-// where unsupported.
-template <class T>
-void resizeForRandomAccess(std::vector<T>& v, size_t n) {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    constexpr size_t kHuge = size_t(2) << 20;
-    if (n * sizeof(T) >= 2 * kHuge && n > v.capacity()) {
-        std::vector<T>().swap(v);
-        v.reserve(n);
-        const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(v.data());
-        const std::uintptr_t end = begin + n * sizeof(T);
-        const std::uintptr_t first = (begin + kHuge - 1) & ~(kHuge - 1), last = end & ~(kHuge - 1);
-        if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-    }
-#endif
-    v.resize(n);
 }
 
 inline bool faceDisabled(const GmDisabledData* mask, int face) { return GmDisabledData::isDisabled(mask, face); }

@@ -72,6 +72,7 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
     const LeafFace* leafFaces = _leafFaces.data();
     const int firstLeaf = getNumberInternalNodes();
     int foundFace = -1;
+    const LeafFace* foundLeaf = nullptr;
     double foundKey = DBL_MAX, foundS = 0.0, foundT = 0.0;
     auto testFace = [&](int node, double best) {
         const LeafFace& f = leafFaces[node - firstLeaf];
@@ -90,6 +91,7 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
         // Equal distances go to the smaller face index, whatever the visiting order.
         if (foundFace < 0 || d2 < foundKey || (d2 == foundKey && f.face < foundFace)) {
             foundFace = f.face;
+            foundLeaf = &f;
             foundKey = d2;
             foundS = s;
             foundT = t;
@@ -107,7 +109,7 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
                      info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace, leafHint);
 
     if (foundFace >= 0) {
-        const GmTriangleFace& f = mesh.getFace(foundFace);
+        const LeafFace& f = *foundLeaf;  // the face's vertices without reading its record
         const double w1 = 1.0 - foundS - foundT;
         info.face = foundFace;
         info.s = foundS;

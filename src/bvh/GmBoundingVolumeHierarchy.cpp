@@ -21,6 +21,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "GmBVHInternal.h"
+#include "../core/GmHugePages.h"
 
 using namespace GmBVHDetail;
 
@@ -590,8 +591,8 @@ void GmBoundingVolumeHierarchy::_initialize() {
     _meshTests = new GmIntersection::MeshTests();
     _numberFaces = _mesh != nullptr ? _mesh->getNumberFaces() : 0;
     _depth = computeDepth(_numberFaces);
-    resizeForRandomAccess(_nodes, static_cast<size_t>(std::max(getNumberNodes(), 0)));
-    resizeForRandomAccess(_leafFaces, static_cast<size_t>(std::max(_numberFaces, 0)));
+    GmHugePages::resize(_nodes, static_cast<size_t>(std::max(getNumberNodes(), 0)));
+    GmHugePages::resize(_leafFaces, static_cast<size_t>(std::max(_numberFaces, 0)));
 }
 
 GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(GmTriangleMesh* mesh,
@@ -623,9 +624,10 @@ GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(const GmBoundingVolumeHiera
       _frozenData(other._frozenData),
       _meshTests(new GmIntersection::MeshTests(*other._meshTests)),
       _depth(other._depth),
-      _nodes(other._nodes),
-      _leafFaces(other._leafFaces),
-      _numberFaces(other._numberFaces) {}
+      _numberFaces(other._numberFaces) {
+    GmHugePages::copy(_nodes, other._nodes);
+    GmHugePages::copy(_leafFaces, other._leafFaces);
+}
 
 GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBoundingVolumeHierarchy& other) {
     if (this == &other) return *this;
@@ -635,8 +637,8 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     _frozenData = other._frozenData;
     *_meshTests = *other._meshTests;
     _depth = other._depth;
-    _nodes = other._nodes;
-    _leafFaces = other._leafFaces;
+    GmHugePages::copy(_nodes, other._nodes);
+    GmHugePages::copy(_leafFaces, other._leafFaces);
     _numberFaces = other._numberFaces;
     _insideCache.reset();
     return *this;
