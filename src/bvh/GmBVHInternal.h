@@ -174,9 +174,8 @@ QG_BVH_ALWAYS_INLINE void prefetchNodes(const Node* nodes, long long first, int 
     }
 }
 
-// Start loading the three vertices of a face. Reads the face record itself, so a face whose
-// record is not yet in cache costs a wait here; called for both leaf children of a node, the
-// two waits overlap.
+// Start loading the three vertices of a face (a face record or a leaf-table entry: anything with
+// vertices[3]). Reads `face` itself, so it is best called once that is in cache.
 template <class Face>
 QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices, const Face& face) {
     prefetchBytes<sizeof(GmTVector<double>)>(vertices + face.vertices[0]);
@@ -264,7 +263,7 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const LeafData* leaf
             }
         }
         exchange(0, 1);
-        if (Count == 4) {
+        if constexpr (Count == 4) {
             exchange(2, 3);
             exchange(0, 2);
             exchange(1, 3);

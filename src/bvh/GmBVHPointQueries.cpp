@@ -102,7 +102,7 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
     // callers once the walk ends).
     auto leafHint = [&](int node) QG_BVH_INLINE_LAMBDA {
         const LeafFace& f = leafFaces[node - firstLeaf];
-        for (int k = 0; k < 3; ++k) prefetchBytes<sizeof(GmTVector<double>)>(V + f.vertices[k]);
+        prefetchFaceVertices(V, f);
         mesh.prefetchFaceData(f.face);
     };
     walkNearestFirst(_nodes, leafFaces, p, includeDisabled,
@@ -351,7 +351,7 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
         return best;
     };
     walkNearestFirst(_nodes, leafFaces, p, includeDisabled, best, testVertices, [&](int node) QG_BVH_INLINE_LAMBDA {
-        for (const int v : leafFaces[node - firstLeaf].vertices) prefetchBytes<sizeof(GmTVector<double>)>(V + v);
+        prefetchFaceVertices(V, leafFaces[node - firstLeaf]);
     });
     distanceSquared = best;
 }

@@ -158,7 +158,6 @@ inline bool sameBox(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b) {
            a.maxZ == b.maxZ;
 }
 
-// Index of the first node that differs, -1 when the trees are equal node for node.
 // Whether leaf node i's entry in the leaf table names face `face` and that face's vertices.
 inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face) {
     const std::size_t k = static_cast<std::size_t>(i - h.getNumberInternalNodes());
@@ -169,6 +168,8 @@ inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face
            e.vertices[2] == f.vertices[2];
 }
 
+// Index of the first node that differs (leaf-table entries included), -1 when the trees are
+// equal node for node.
 inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& ref) {
     if (static_cast<size_t>(h.getNumberNodes()) != ref.size()) return -2;
     if (h.getLeafFaces().size() != static_cast<size_t>(h.getNumberLeafNodes())) return -3;
