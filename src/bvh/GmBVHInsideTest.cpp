@@ -1,5 +1,6 @@
 // Inside test by ray parity: the lazily built check of the mesh, the rule that decides when to
-// build it, and the query that counts the crossings of one axis ray.
+// build it, and the query that counts the crossings of one axis ray. Also home of the point
+// queries' lazily built state, which holds the searches' box copy too.
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "GmBVHInsideTest.h"
+#include "GmBVHSearchBoxes.h"
 
 using namespace GmBVHInside;
 
@@ -30,7 +32,7 @@ std::int64_t nanosSince(std::chrono::steady_clock::time_point start) {
 
 }  // namespace
 
-struct GmBoundingVolumeHierarchy::InsideCache::State {
+struct GmBoundingVolumeHierarchy::QueryCache::State {
     std::mutex mutex;  // held while the check runs
     std::atomic<int> status{kUnchecked};
     // Nanoseconds spent in closest-point searches of inside queries since the last reset.
@@ -39,6 +41,7 @@ struct GmBoundingVolumeHierarchy::InsideCache::State {
     std::atomic<std::int64_t> checkCost{-1};
     // Written before the status turns kCertified (release), read after seeing it (acquire).
     Certificate certificate;
+    GmBVHDetail::SearchBoxCache search;
 
     // Runs the check unless it has run since the last reset. Without wait, gives up when another
     // thread is running it.
@@ -58,31 +61,40 @@ struct GmBoundingVolumeHierarchy::InsideCache::State {
     }
 };
 
-GmBoundingVolumeHierarchy::InsideCache::InsideCache() : _state(new State) {}
-GmBoundingVolumeHierarchy::InsideCache::InsideCache(const InsideCache&) : _state(new State) {}
-GmBoundingVolumeHierarchy::InsideCache& GmBoundingVolumeHierarchy::InsideCache::operator=(const InsideCache& other) {
+GmBoundingVolumeHierarchy::QueryCache::QueryCache() : _state(new State) {}
+GmBoundingVolumeHierarchy::QueryCache::QueryCache(const QueryCache&) : _state(new State) {}
+GmBoundingVolumeHierarchy::QueryCache& GmBoundingVolumeHierarchy::QueryCache::operator=(const QueryCache& other) {
     if (this != &other) reset();
     return *this;
 }
-GmBoundingVolumeHierarchy::InsideCache::~InsideCache() { delete _state; }
+GmBoundingVolumeHierarchy::QueryCache::~QueryCache() { delete _state; }
 
-void GmBoundingVolumeHierarchy::InsideCache::reset() {
+void GmBoundingVolumeHierarchy::QueryCache::reset() {
     std::lock_guard<std::mutex> lock(_state->mutex);
     _state->status.store(kUnchecked, std::memory_order_relaxed);
     _state->spent.store(0, std::memory_order_relaxed);
+    _state->search.reset();
+}
+
+const GmBVHDetail::SearchBoxes* GmBoundingVolumeHierarchy::_searchBoxes() const {
+    return _queryCache.state().search.use(_nodes);
+}
+
+bool GmBoundingVolumeHierarchy::preparePointSearches() const {
+    return _queryCache.state().search.make(_nodes, true) != nullptr;
 }
 
 // ---- Queries ----------------------------------------------------------------------------
 
 bool GmBoundingVolumeHierarchy::insideQueriesPrepared(bool includeDisabled) const {
-    const InsideCache::State& state = _insideCache.state();
+    const QueryCache::State& state = _queryCache.state();
     if (state.status.load(std::memory_order_acquire) != kCertified) return false;
     return includeDisabled || (!state.certificate.anyNodeDisabled && !GmDisabledData::isActive(_disabledData));
 }
 
 bool GmBoundingVolumeHierarchy::prepareInsideQueries(bool includeDisabled) const {
     if (_mesh == nullptr || _nodes.empty()) return false;
-    InsideCache::State& state = _insideCache.state();
+    QueryCache::State& state = _queryCache.state();
     if (state.status.load(std::memory_order_acquire) == kUnchecked) state.check(*this, true);
     return insideQueriesPrepared(includeDisabled);
 }
@@ -94,7 +106,7 @@ int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, boo
     if (!(root.minX <= p.x && p.x <= root.maxX && root.minY <= p.y && p.y <= root.maxY && root.minZ <= p.z &&
           p.z <= root.maxZ))
         return 0;
-    const InsideCache::State& state = _insideCache.state();
+    const QueryCache::State& state = _queryCache.state();
     if (state.status.load(std::memory_order_acquire) != kCertified) return -1;
     const Certificate& certificate = state.certificate;
     if (!includeDisabled && (certificate.anyNodeDisabled || GmDisabledData::isActive(_disabledData))) return -1;
@@ -124,7 +136,7 @@ int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, boo
 
 double GmBoundingVolumeHierarchy::_closestPointInside(const GmTVector<double>& p, ClosestPointInfo& info,
                                                       bool includeDisabled) const {
-    InsideCache::State& state = _insideCache.state();
+    QueryCache::State& state = _queryCache.state();
     // Count only searches that a check could spare: on a closed mesh without a check yet, with
     // every face taking part, for points in the root box.
     const bool count = state.status.load(std::memory_order_relaxed) == kUnchecked &&

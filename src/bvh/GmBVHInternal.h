@@ -183,6 +183,28 @@ QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices
     prefetchBytes<sizeof(GmTVector<double>)>(vertices + face.vertices[2]);
 }
 
+// Box source of walkNearestFirst over the node array itself.
+template <class Node>
+class NodeBoxSource {
+public:
+    NodeBoxSource(const Node* nodes, const GmTVector<double>& p) : _nodes(nodes), _q(p) {}
+    bool disabled(long long node) const { return _nodes[node].disabled; }
+    template <int Count>
+    QG_BVH_ALWAYS_INLINE void prefetch(long long first, int numberNodes) const {
+        prefetchNodes<Count>(_nodes, first, numberNodes);
+    }
+    // Squared distances of nodes first ... first + Count - 1 (Count even).
+    template <int Count>
+    QG_BVH_ALWAYS_INLINE void measure(long long first, double* d) const {
+        for (int j = 0; j < Count; j += 2)
+            boxDistanceSquaredPair(_nodes[first + j].box, _nodes[first + j + 1].box, _q, d[j], d[j + 1]);
+    }
+
+private:
+    const Node* _nodes;
+    PairQuery _q;
+};
+
 // Depth-first walk of a face hierarchy towards p, nearest subtree first, for nearest-primitive
 // searches. A subtree is entered only while its squared box distance is not greater than the
 // current bound + kPad (the others wait on a stack with their box distances and are checked
@@ -196,17 +218,19 @@ QG_BVH_ALWAYS_INLINE void prefetchFaceVertices(const GmTVector<double>* vertices
 // Half the dependent steps from the root to a leaf, and fewer cache lines per query. (Steps of
 // three levels measured faster only on the sphere and slower on the grid and the bunny.)
 //
+// The boxes below the root are read from `boxes` (a NodeBoxSource, or one whose distances are
+// never larger: it then enters every subtree the node boxes would, and maybe some more).
 // leafData (may be null) holds one record per leaf in leaf order; a node's records are loaded
 // together with the boxes of its leaf children or grandchildren, ahead of leafHint.
-template <class Node, class LeafData, class Leaf, class LeafHint>
-inline void walkNearestFirst(const std::vector<Node>& tree, const LeafData* leafData, const GmTVector<double>& p,
-                             bool includeDisabled, double bound, const Leaf& leaf, const LeafHint& leafHint) {
+template <class Node, class Boxes, class LeafData, class Leaf, class LeafHint>
+inline void walkNearestFirst(const std::vector<Node>& tree, const Boxes& boxes, const LeafData* leafData,
+                             const GmTVector<double>& p, bool includeDisabled, double bound, const Leaf& leaf,
+                             const LeafHint& leafHint) {
     if (tree.empty()) return;
     const Node* nodes = tree.data();
     if (!includeDisabled && nodes[0].disabled) return;
     const int numberNodes = static_cast<int>(tree.size());
     const int firstLeaf = numberNodes / 2;  // 2n - 1 nodes, the last n of them leaves
-    const PairQuery q(p);
     double limit = bound + kPad;
 
     // Once a node qualifies, start loading what its visit reads: the face of a leaf, else the
@@ -220,11 +244,11 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const LeafData* leaf
         if (2LL * i + 2 < firstLeaf) {
             first = 4LL * i + 3;
             last = first + 3;
-            prefetchNodes<4>(nodes, first, numberNodes);
+            boxes.template prefetch<4>(first, numberNodes);
         } else {
             first = 2LL * i + 1;
             last = first + 1;
-            prefetchNodes<2>(nodes, first, numberNodes);
+            boxes.template prefetch<2>(first, numberNodes);
         }
         if (leafData != nullptr && last >= firstLeaf) {
             first = std::max<long long>(first, firstLeaf) - firstLeaf;
@@ -250,11 +274,10 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const LeafData* leaf
     auto measure = [&](auto countTag, int first) QG_BVH_INLINE_LAMBDA {
         constexpr int Count = decltype(countTag)::value;
         double d[Count];
-        for (int j = 0; j < Count; j += 2)
-            boxDistanceSquaredPair(nodes[first + j].box, nodes[first + j + 1].box, q, d[j], d[j + 1]);
+        boxes.template measure<Count>(first, d);
         int k = 0;
         for (int j = 0; j < Count; ++j) {
-            const bool qualifies = !(d[j] > limit) && (includeDisabled || !nodes[first + j].disabled);
+            const bool qualifies = !(d[j] > limit) && (includeDisabled || !boxes.disabled(first + j));
             foundKey[j] = qualifies ? d[j] : HUGE_VAL;
             foundNode[j] = first + j;
             if (qualifies) {

@@ -12,6 +12,7 @@
 #include <quarrygeom/primitives/GmGeometry.h>
 
 #include "GmBVHInternal.h"
+#include "GmBVHSearchBoxes.h"
 
 using namespace GmBVHDetail;
 
@@ -40,6 +41,18 @@ inline bool isEdgeType(GmGeometry::PointOnTriType t) {
 }
 inline bool isVertexType(GmGeometry::PointOnTriType t) {
     return t == GmGeometry::ON_VERTEX_1 || t == GmGeometry::ON_VERTEX_2 || t == GmGeometry::ON_VERTEX_3;
+}
+
+// walkNearestFirst on the box copy when there is one, else on the node boxes.
+template <class Leaf, class LeafHint>
+void walkNearest(const SearchBoxes* boxes, const std::vector<Node>& nodes, const LeafFace* leafFaces,
+                 const GmTVector<double>& p, bool includeDisabled, double bound, const Leaf& leaf,
+                 const LeafHint& leafHint) {
+    if (boxes != nullptr)
+        walkNearestFirst(nodes, GridBoxSource(*boxes, p), leafFaces, p, includeDisabled, bound, leaf, leafHint);
+    else
+        walkNearestFirst(nodes, NodeBoxSource<Node>(nodes.data(), p), leafFaces, p, includeDisabled, bound, leaf,
+                         leafHint);
 }
 
 }  // namespace
@@ -105,8 +118,8 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
         prefetchFaceVertices(V, f);
         mesh.prefetchFaceData(f.face);
     };
-    walkNearestFirst(_nodes, leafFaces, p, includeDisabled,
-                     info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace, leafHint);
+    walkNearest(finite(p) ? _searchBoxes() : nullptr, _nodes, leafFaces, p, includeDisabled,
+                info.face >= 0 ? info.distanceSquared : DBL_MAX, testFace, leafHint);
 
     if (foundFace >= 0) {
         const LeafFace& f = *foundLeaf;  // the face's vertices without reading its record
@@ -350,9 +363,8 @@ void GmBoundingVolumeHierarchy::findClosestVertexBase(const GmTVector<double>& p
         }
         return best;
     };
-    walkNearestFirst(_nodes, leafFaces, p, includeDisabled, best, testVertices, [&](int node) QG_BVH_INLINE_LAMBDA {
-        prefetchFaceVertices(V, leafFaces[node - firstLeaf]);
-    });
+    walkNearest(finite(p) ? _searchBoxes() : nullptr, _nodes, leafFaces, p, includeDisabled, best, testVertices,
+                [&](int node) QG_BVH_INLINE_LAMBDA { prefetchFaceVertices(V, leafFaces[node - firstLeaf]); });
     distanceSquared = best;
 }
 

@@ -167,6 +167,7 @@ bool GmBoundingTree::prepareInsideQueries(bool includeDisabled) const {
 bool GmBoundingTree::insideQueriesPrepared(bool includeDisabled) const {
     return _hierarchy->insideQueriesPrepared(includeDisabled);
 }
+bool GmBoundingTree::preparePointSearches() const { return _hierarchy->preparePointSearches(); }
 bool GmBoundingTree::isMeshClosed(bool includeDisabled) const { return _hierarchy->isMeshClosed(includeDisabled); }
 bool GmBoundingTree::isBoundaryEdge(int edge, bool includeDisabled) const {
     return _hierarchy->isBoundaryEdge(edge, includeDisabled);

@@ -640,7 +640,7 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     GmHugePages::copy(_nodes, other._nodes);
     GmHugePages::copy(_leafFaces, other._leafFaces);
     _numberFaces = other._numberFaces;
-    _insideCache.reset();
+    _queryCache.reset();
     return *this;
 }
 
@@ -674,7 +674,7 @@ GmIntersection::MeshTests& GmBoundingVolumeHierarchy::getMeshTests() { return *_
 void GmBoundingVolumeHierarchy::setMeshTests(const GmIntersection::MeshTests& tests) { *_meshTests = tests; }
 
 void GmBoundingVolumeHierarchy::setDisabledData(const GmDisabledData* disabled) {
-    _insideCache.reset();
+    _queryCache.reset();
     _disabledData = disabled;
     _refreshFlags(true);
 }
@@ -731,7 +731,7 @@ void GmBoundingVolumeHierarchy::build(const GmDisabledData* disabled, const GmFr
 template <int N>
 void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
-    _insideCache.reset();
+    _queryCache.reset();
     _disabledData = disabled;
     _frozenData = frozen;
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
@@ -855,7 +855,7 @@ void GmBoundingVolumeHierarchy::refit(const GmDisabledData* disabled, const GmFr
 template <int N>
 void GmBoundingVolumeHierarchy::_refit(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
-    _insideCache.reset();
+    _queryCache.reset();
     _disabledData = disabled;
     _frozenData = frozen;
     if (_nodes.empty() || _mesh == nullptr) return;

@@ -439,6 +439,128 @@ TEST(BvhClosestVertex, SameVertexAsScan) {
     EXPECT_EQ(vertex, 3 * 9 + 4);  // of (4, 3), (5, 3), (4, 4), (5, 4): row 3 first
 }
 
+// ---- Searches on the compact box copy ------------------------------------------------------
+
+// The face and vertex searches of a prepared tree against scans: same face, parameters and
+// vertex (ties to the smallest index), with and without disabled faces.
+void expectSearchesMatchScans(const std::string& name, const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& h,
+                              const std::vector<V3>& points, const GmDisabledData* mask) {
+    auto enabled = [&](int f) { return mask == nullptr || !mask->isFaceDisabled(f); };
+    for (const V3& p : points) {
+        for (const bool includeDisabled : {true, false}) {
+            const FaceAnswer ref =
+                scanFaces(mesh, p, [&](int f, double, double) { return includeDisabled || enabled(f); });
+            V3 c, n;
+            int face = -1;
+            double s = -1, t = -1;
+            const double d = h.findClosestPoint(p, c, n, face, s, t, nullptr, includeDisabled);
+            ASSERT_EQ(face, ref.face) << name << " at " << p << " includeDisabled " << includeDisabled;
+            EXPECT_EQ(std::fabs(d), std::sqrt(ref.d2)) << name;
+            EXPECT_EQ(s, ref.s);
+            EXPECT_EQ(t, ref.t);
+            int vertex = -1;
+            h.findClosestVertex(p, vertex, includeDisabled);
+            EXPECT_EQ(vertex, scanVertices(mesh, p, [&](int f) { return includeDisabled || enabled(f); }))
+                << name << " at " << p;
+        }
+    }
+}
+
+// Points around the mesh, on its features, outside its root box, and on the box's corners.
+// (Equal distances go to the smallest face index while their rounding stays below the search
+// slack, so the points stay within a few hundred units of the mesh.)
+std::vector<V3> copyQueryPoints(const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& h, unsigned seed) {
+    std::vector<V3> points = queryPoints(mesh, 120, seed);
+    const GmAxisAlignedBox& b = h.getRootBoundingVolume();
+    const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ), size = mx - mn;
+    const double reach = std::max({size.x, size.y, size.z});
+    for (const V3& dir : {V3(1, 0, 0), V3(0, -1, 0), V3(0, 0, 1), V3(-1, 1, -1)})
+        for (const double k : {0.5, 3.0, 100.0})
+            if (k * reach < 500.0) points.push_back((mn + mx) * 0.5 + dir * (k * reach));
+    for (int corner = 0; corner < 8; ++corner)
+        points.push_back(V3(corner & 1 ? mx.x : mn.x, corner & 2 ? mx.y : mn.y, corner & 4 ? mx.z : mn.z));
+    return points;
+}
+
+GmTriangleMesh moved(GmTriangleMesh mesh, const V3& offset, double scale) {
+    std::vector<V3> p = mesh.getVertices();
+    for (V3& v : p) v = v * scale + offset;
+    mesh.swapVertices(p);
+    return mesh;
+}
+
+TEST(BvhPointSearchCopy, SameAnswersAsScans) {
+    // Flat meshes (the grid spans no height), far from the origin, tiny and large ones, and
+    // small trees of every shape of the last two levels.
+    auto all = meshes();
+    all.emplace_back("torus far away", moved(qgtools::makeTorus(40, 16), V3(3e6, -1e6, 5e5), 1.0));
+    all.emplace_back("tiny sphere", moved(qgtools::makeIcosphere(3), V3(1e-3, 0, 0), 1e-6));
+    all.emplace_back("large grid", moved(qgtools::makeClothGrid(24, 24), V3(0, 0, 0), 100.0));
+    for (int n = 1; n <= 9; ++n) all.emplace_back("triangles" + std::to_string(n), triangles(n));
+    for (auto& [name, mesh] : all) {
+        GmDisabledData mask(&mesh);
+        for (int f = 0; f < mesh.getNumberFaces(); ++f)
+            if (f % 3 == 1 || mesh.getFaceCenter(f).x > mesh.getFaceCenter(0).x) mask.setFaceDisabled(f);
+        GmBoundingVolumeHierarchy h(&mesh, &mask, nullptr);
+        ASSERT_TRUE(h.preparePointSearches()) << name;
+        expectSearchesMatchScans(name, mesh, h, copyQueryPoints(mesh, h, 41), &mask);
+    }
+}
+
+TEST(BvhPointSearchCopy, FollowsRefitsMasksAndCopies) {
+    GmTriangleMesh mesh = qgtools::makeTorus(30, 12);
+    GmBoundingVolumeHierarchy h(&mesh);
+    ASSERT_TRUE(h.preparePointSearches());
+    const std::vector<V3> points = copyQueryPoints(mesh, h, 3);
+
+    // Every vertex moves: the old copy would send the searches to the old places.
+    std::vector<V3> p = jitteredPositions(mesh, 0.3, 5);
+    mesh.swapVertices(p);
+    h.refit();
+    expectSearchesMatchScans("refit, on demand", mesh, h, points, nullptr);
+    ASSERT_TRUE(h.preparePointSearches());
+    expectSearchesMatchScans("refit, prepared", mesh, h, points, nullptr);
+
+    // A mask set after the copy was made.
+    GmDisabledData mask(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); f += 2) mask.setFaceDisabled(f);
+    for (int f = 0; f < mesh.getNumberFaces() / 3; ++f) mask.setFaceDisabled(f);
+    h.setDisabledData(&mask);
+    expectSearchesMatchScans("mask", mesh, h, points, &mask);
+    ASSERT_TRUE(h.preparePointSearches());
+    expectSearchesMatchScans("mask, prepared", mesh, h, points, &mask);
+
+    // Copies and assignments of a prepared tree, then rebuilt elsewhere.
+    GmBoundingVolumeHierarchy copy(h);
+    expectSearchesMatchScans("copy", mesh, copy, points, &mask);
+    GmTriangleMesh other = qgtools::makeIcosphere(3);
+    GmBoundingVolumeHierarchy assigned(&other);
+    ASSERT_TRUE(assigned.preparePointSearches());
+    assigned = h;
+    expectSearchesMatchScans("assigned", mesh, assigned, points, &mask);
+    mesh.swapVertices(p = jitteredPositions(mesh, 0.2, 6));
+    h.build(&mask, nullptr);
+    expectSearchesMatchScans("rebuilt", mesh, h, points, &mask);
+}
+
+TEST(BvhPointSearchCopy, InfiniteBoxesKeepTheNodeSearch) {
+    // Boxes padded without end cannot be put on a grid; the searches read the nodes and find
+    // what a scan finds.
+    GmTriangleMesh mesh = qgtools::makeIcosphere(2);
+    GmBoundingVolumeHierarchy h(&mesh, std::numeric_limits<double>::infinity());
+    EXPECT_FALSE(h.preparePointSearches());
+    std::mt19937 rng(2);
+    for (int i = 0; i < 300; ++i) {
+        const V3 q = randomPointAround(mesh, rng, 0.3);
+        const FaceAnswer ref = scanFaces(mesh, q, [](int, double, double) { return true; });
+        V3 c, n;
+        int face = -1;
+        double s, t;
+        h.findClosestPoint(q, c, n, face, s, t, nullptr, true);
+        EXPECT_EQ(face, ref.face) << q;
+    }
+}
+
 TEST(BvhBadInput, NonFiniteQueriesReturnNothing) {
     GmTriangleMesh mesh = qgtools::makeIcosphere(2);
     GmBoundingTree tree(&mesh);

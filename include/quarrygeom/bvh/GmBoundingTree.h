@@ -79,6 +79,7 @@ public:
     bool isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const;
     bool prepareInsideQueries(bool includeDisabled) const;
     bool insideQueriesPrepared(bool includeDisabled) const;
+    bool preparePointSearches() const;
     bool isMeshClosed(bool includeDisabled) const;
     bool isBoundaryEdge(int edge, bool includeDisabled) const;
     bool isBoundaryVertex(int vertex, bool includeDisabled) const;
