@@ -46,11 +46,8 @@ struct GmBoundingVolumeHierarchy::QueryCache::State {
     // Runs the check unless it has run since the last reset. Without wait, gives up when another
     // thread is running it.
     void check(const GmBoundingVolumeHierarchy& tree, bool wait) {
-        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
-        if (wait)
-            lock.lock();
-        else if (!lock.try_lock())
-            return;
+        const std::unique_lock<std::mutex> lock = GmBVHDetail::lockCache(mutex, wait);
+        if (!lock.owns_lock()) return;
         if (status.load(std::memory_order_relaxed) != kUnchecked) return;
         const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
         Certificate found;

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <type_traits>
 #include <vector>
 
@@ -56,6 +57,13 @@ inline float floatUp(double v) {
         std::memcpy(&f, &b, sizeof f);
     }
     return f;
+}
+
+// The lock of a lazily built cache: with wait, once the mutex is free; without, only if it is
+// free now (owns_lock() tells).
+inline std::unique_lock<std::mutex> lockCache(std::mutex& m, bool wait) {
+    if (wait) return std::unique_lock<std::mutex>(m);
+    return std::unique_lock<std::mutex>(m, std::try_to_lock);
 }
 
 inline bool faceDisabled(const GmDisabledData* mask, int face) { return GmDisabledData::isDisabled(mask, face); }

@@ -78,11 +78,8 @@ const SearchBoxes* SearchBoxCache::use(const std::vector<GmBoundingVolumeHierarc
 }
 
 const SearchBoxes* SearchBoxCache::make(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes, bool wait) {
-    std::unique_lock<std::mutex> lock(_mutex, std::defer_lock);
-    if (wait)
-        lock.lock();
-    else if (!lock.try_lock())
-        return nullptr;
+    const std::unique_lock<std::mutex> lock = lockCache(_mutex, wait);
+    if (!lock.owns_lock()) return nullptr;
     int status = _status.load(std::memory_order_relaxed);
     if (status == kAbsent) {
         status = _boxes.assign(nodes) ? kReady : kRefused;
