@@ -9,6 +9,7 @@
 #include <quarrygeom/core/GmBVHMetrics.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
+#include <quarrygeom/pinch/SelfIntersectionInfo.h>
 #include <quarrygeom/primitives/GmGeometry.h>
 
 #include "GmBVHInternal.h"
@@ -209,8 +210,11 @@ void GmBoundingVolumeHierarchy::walkClosestPoint(const GmTVector<double>& p, Clo
 }
 
 double GmBoundingVolumeHierarchy::_closestPointSigned(const GmTVector<double>& p, ClosestPointInfo& info,
-                                                      bool checkInside, bool includeDisabled, int hint) const {
+                                                      bool checkInside, bool includeDisabled, int hint,
+                                                      const SelfIntersectionInfo* pinch, int pinchSide,
+                                                      bool* pinched) const {
     info = ClosestPointInfo();
+    if (pinched != nullptr) *pinched = false;
     if (_mesh == nullptr || _nodes.empty() || !finite(p)) return DBL_MAX;
     if (hint >= 0 && hint < _mesh->getNumberFaces()) {
         walkClosestPoint(p, info, hint, includeDisabled);
@@ -218,19 +222,30 @@ double GmBoundingVolumeHierarchy::_closestPointSigned(const GmTVector<double>& p
         if (checkInside && !isInside(p)) return DBL_MAX;  // outside the root box: not inside
         const bool seeded = initializeClosestPointInfo(p, info, checkInside, includeDisabled);
         if (!seeded && checkInside) {
-            info = ClosestPointInfo();
-            return DBL_MAX;
+            // A failed seed that still names a face leaves the decision to the pinch
+            // classification at that face; otherwise the point is outside.
+            if (pinch == nullptr || info.face < 0 || info.type == GmGeometry::INVALID) {
+                info = ClosestPointInfo();
+                return DBL_MAX;
+            }
+        } else {
+            findClosestPointBase(p, info, nullptr, includeDisabled);
         }
-        findClosestPointBase(p, info, nullptr, includeDisabled);
     }
     if (info.face < 0 || info.distanceSquared == DBL_MAX) {
         info = ClosestPointInfo();
         return DBL_MAX;
     }
     // A point on the surface counts as inside, except on an open boundary.
-    const bool inside = pointInsideFaces(p, info.point, info.face, info.type, includeDisabled) ||
-                        (info.distanceSquared == 0.0 && info.type != GmGeometry::INVALID &&
-                         !isBoundaryPoint(info.face, info.type, includeDisabled));
+    const bool onSurface = info.distanceSquared == 0.0 && info.type != GmGeometry::INVALID &&
+                           !isBoundaryPoint(info.face, info.type, includeDisabled);
+    bool inside = pointInsideFaces(p, info.point, info.face, info.type, includeDisabled) || onSurface;
+    if (pinch != nullptr) {
+        bool onBuriedSide = false;
+        inside = pinch->insideAt(info.face, info.point, inside, pinchSide, onBuriedSide) || onSurface;
+        if (inside && isBoundaryPoint(info.face, info.type, includeDisabled)) inside = false;
+        if (pinched != nullptr) *pinched = onBuriedSide;
+    }
     const double d = std::sqrt(info.distanceSquared);
     if (inside) return -d;
     if (!checkInside) return d;
@@ -242,17 +257,19 @@ double GmBoundingVolumeHierarchy::findClosestPointWithHint(const GmTVector<doubl
                                                            int& face, GmTVector<double>& normal,
                                                            GmGeometry::PointOnTriType& type, bool& pinched,
                                                            bool checkInside, bool includeDisabled,
-                                                           const SelfIntersectionInfo* /*info*/, int /*pinchSide*/,
+                                                           const SelfIntersectionInfo* info, int pinchSide,
                                                            int hint) const {
-    // Pinch classification is not consulted: the inside decision is made at the closest feature.
     pinched = false;
-    ClosestPointInfo info;
-    const double d = _closestPointSigned(p, info, checkInside, includeDisabled, hint);
-    face = info.face;
-    type = info.type;
-    if (info.face >= 0) {
-        closest = info.point;
-        normal = _mesh->getFaceNormal(info.face);
+    ClosestPointInfo found;
+    const SelfIntersectionInfo* pinch = info != nullptr && info->mesh == _mesh ? info : nullptr;
+    const double d = _closestPointSigned(p, found, checkInside, includeDisabled, hint, pinch, pinchSide, &pinched);
+    face = found.face;
+    type = found.type;
+    if (found.face >= 0) {
+        closest = found.point;
+        normal = _mesh->getFaceNormal(found.face);
+    } else {
+        pinched = false;
     }
     return d;
 }
@@ -475,16 +492,23 @@ bool GmBoundingVolumeHierarchy::pointInsideVertex(const GmTVector<double>& d, in
 bool GmBoundingVolumeHierarchy::pointsInsideMesh(const GmBoundingVolumeHierarchy& other,
                                                  std::vector<GmInsideInfo>& results, bool append,
                                                  bool includeDisabled, int objectIndex1, int objectIndex2,
-                                                 const SelfIntersectionInfo* /*info*/) const {
+                                                 const SelfIntersectionInfo* pinchInfo) const {
     if (!append) results.clear();
     const size_t before = results.size();
     if (_mesh == nullptr || _nodes.empty() || other._mesh == nullptr) return false;
+    const SelfIntersectionInfo* pinch = pinchInfo != nullptr && pinchInfo->mesh == _mesh ? pinchInfo : nullptr;
     const std::vector<GmTVector<double>>& V = other._mesh->getVertices();
     for (int v = 0; v < static_cast<int>(V.size()); ++v) {
-        // Vertices that ray parity puts outside need no search; inside ones need the record.
-        if (insideByRayParity(V[static_cast<size_t>(v)], includeDisabled) == 0) continue;
         ClosestPointInfo info;
-        const double d = _closestPointInside(V[static_cast<size_t>(v)], info, includeDisabled);
+        bool pinched = false;
+        double d;
+        if (pinch == nullptr) {
+            // Vertices that ray parity puts outside need no search; inside ones need the record.
+            if (insideByRayParity(V[static_cast<size_t>(v)], includeDisabled) == 0) continue;
+            d = _closestPointInside(V[static_cast<size_t>(v)], info, includeDisabled);
+        } else {
+            d = _closestPointSigned(V[static_cast<size_t>(v)], info, true, includeDisabled, -1, pinch, 0, &pinched);
+        }
         if (info.face < 0 || !(d <= 0.0)) continue;
         GmInsideInfo rec;
         rec.vertex = v;
@@ -492,7 +516,7 @@ bool GmBoundingVolumeHierarchy::pointsInsideMesh(const GmBoundingVolumeHierarchy
         rec.distance = -d;
         rec.closestFace = info.face;
         rec.barycentric = GmTVector<double>(1.0 - info.s - info.t, info.s, info.t);
-        rec.pinched = false;
+        rec.pinched = pinched;
         rec.objectIndex1 = objectIndex1;
         rec.objectIndex2 = objectIndex2;
         rec.weight = 1.0;

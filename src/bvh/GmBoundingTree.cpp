@@ -3,6 +3,7 @@
 #include <cfloat>
 
 #include <quarrygeom/mesh/GmTriangleMesh.h>
+#include <quarrygeom/pinch/MultiIntersectionInfo.h>
 
 // ---- Construction -----------------------------------------------------------------------
 
@@ -188,15 +189,16 @@ bool GmBoundingTree::pointsInsideMesh(const GmBoundingTree& other, std::vector<G
                                         objectIndex2, info);
 }
 bool GmBoundingTree::intersect(const std::vector<const GmBoundingTree*>& trees,
-                               const std::vector<const MultiIntersectionInfo*>& /*infos*/, int objectIndex,
+                               const std::vector<const MultiIntersectionInfo*>& infos, int objectIndex,
                                std::vector<int>& objectIndices, std::vector<GmInsideInfo>& results, bool append,
                                bool includeDisabled, GmBVHMetrics& metrics) const {
     std::vector<const GmBoundingVolumeHierarchy*> others;
     others.reserve(trees.size());
     for (const GmBoundingTree* t : trees) others.push_back(t != nullptr ? t->_hierarchy : nullptr);
-    // Pinch information is not consulted by the inside decision.
-    const std::vector<const SelfIntersectionInfo*> none(trees.size(), nullptr);
-    return _hierarchy->pointsInsideMeshes(others, none, objectIndex, objectIndices, results, append, includeDisabled,
+    // Each object's pinch information decides the inside test against that object.
+    std::vector<const SelfIntersectionInfo*> pinch(trees.size(), nullptr);
+    for (size_t k = 0; k < trees.size() && k < infos.size(); ++k) pinch[k] = infos[k];
+    return _hierarchy->pointsInsideMeshes(others, pinch, objectIndex, objectIndices, results, append, includeDisabled,
                                           metrics);
 }
 

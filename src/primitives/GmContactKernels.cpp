@@ -9,6 +9,8 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmProximityCheck.h>
 
+#include "../pinch/GmPinchFlags.h"
+
 namespace GmContactKernels {
 
 namespace {
@@ -574,53 +576,71 @@ ComponentTests orphanComponentTests(const GmTriangleMesh& mesh, const GmOrphanTe
 
 bool continuousSelf(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
                     const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
-                    const SelfIntersectionInfo* /*info*/, int objectIndex,
+                    const SelfIntersectionInfo* info, int objectIndex,
                     std::vector<GmContinuousTimeIntersectionInfo>& out) {
     const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex};
-    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
-                   metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1),
+                               loadTri(mesh, &end, face2), tests, metrics, out);
+    GmPinchFlags::mark(info, info, mesh, mesh, out, before);
+    return found;
 }
 
 bool continuousOrphan(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
                       const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
-                      const SelfIntersectionInfo* /*info*/, int objectIndex,
+                      const SelfIntersectionInfo* info, int objectIndex,
                       std::vector<GmContinuousTimeIntersectionInfo>& out) {
     const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex};
-    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
-                   metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1),
+                               loadTri(mesh, &end, face2), tests, metrics, out);
+    GmPinchFlags::mark(info, info, mesh, mesh, out, before);
+    return found;
 }
 
 bool continuousMesh(const GmTriangleMesh& mesh1, const Positions& end1, const GmTriangleMesh& mesh2,
                     const Positions& end2, int face1, int face2, const ComponentTests& tests, GmBVHMetrics& metrics,
-                    double timeBound, const SelfIntersectionInfo* /*info1*/, const SelfIntersectionInfo* /*info2*/,
+                    double timeBound, const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
                     int objectIndex1, int objectIndex2, std::vector<GmContinuousTimeIntersectionInfo>& out) {
     const Context ctx{&mesh1, &mesh2, Role::Mesh, objectIndex1, objectIndex2};
-    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh1, &end1, face1), loadTri(mesh2, &end2, face2),
-                   tests, metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh1, &end1, face1),
+                               loadTri(mesh2, &end2, face2), tests, metrics, out);
+    GmPinchFlags::mark(info1, info2, mesh1, mesh2, out, before);
+    return found;
 }
 
 bool proximitySelf(const GmTriangleMesh& mesh, int face1, int face2, double distance, const ComponentTests& tests,
-                   GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/, int objectIndex,
+                   GmBVHMetrics& metrics, const SelfIntersectionInfo* info, int objectIndex,
                    std::vector<GmProximityCheckInfo>& out) {
     const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex};
-    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2),
-                   tests, metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1),
+                               loadTri(mesh, nullptr, face2), tests, metrics, out);
+    GmPinchFlags::mark(info, mesh, mesh, out, before);
+    return found;
 }
 
 bool proximityOrphan(const GmTriangleMesh& mesh, int face1, int face2, double distance, const ComponentTests& tests,
-                     GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/, int objectIndex,
+                     GmBVHMetrics& metrics, const SelfIntersectionInfo* info, int objectIndex,
                      std::vector<GmProximityCheckInfo>& out) {
     const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex};
-    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1), loadTri(mesh, nullptr, face2),
-                   tests, metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ProximityPolicy{distance}, ctx, loadTri(mesh, nullptr, face1),
+                               loadTri(mesh, nullptr, face2), tests, metrics, out);
+    GmPinchFlags::mark(info, mesh, mesh, out, before);
+    return found;
 }
 
 bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2, double distance,
-                   const ComponentTests& tests, GmBVHMetrics& metrics, const SelfIntersectionInfo* /*info*/,
+                   const ComponentTests& tests, GmBVHMetrics& metrics, const SelfIntersectionInfo* info,
                    int objectIndex1, int objectIndex2, std::vector<GmProximityCheckInfo>& out) {
     const Context ctx{&mesh1, &mesh2, Role::Mesh, objectIndex1, objectIndex2};
-    return runPair(ProximityPolicy{distance}, ctx, loadTri(mesh1, nullptr, face1), loadTri(mesh2, nullptr, face2),
-                   tests, metrics, out);
+    const std::size_t before = out.size();
+    const bool found = runPair(ProximityPolicy{distance}, ctx, loadTri(mesh1, nullptr, face1),
+                               loadTri(mesh2, nullptr, face2), tests, metrics, out);
+    GmPinchFlags::mark(info, mesh1, mesh2, out, before);
+    return found;
 }
 
 bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& /*metrics*/,

@@ -132,8 +132,11 @@ public:
     double findClosestPoint(const GmTVector<double>& p, GmTVector<double>& closest, GmTVector<double>& normal,
                             int& face, double& s, double& t, GmNormalTests* tests, bool includeDisabled) const;
     // Signed closest-point query (negative inside). With checkInside, points that are not
-    // inside give face -1 and DBL_MAX. pinchSide is handed to the pinch classification when one
-    // is given (0: none); pinched reports whether the pinch classification decided the sign.
+    // inside give face -1 and DBL_MAX. With pinch information (info, built for this mesh) the
+    // inside decision follows SelfIntersectionInfo::insideAt at the closest point, and a point
+    // whose closest point lies on an open boundary is never inside; pinchSide 1 or 2 names the
+    // side whose surface faces the outside (0: the classification's own); pinched reports a
+    // closest point on the classification's buried side. Null info: the plain decision.
     double findClosestPoint(const GmTVector<double>& p, GmTVector<double>& closest, int& face,
                             GmTVector<double>& normal, bool& pinched, bool checkInside, bool includeDisabled,
                             const SelfIntersectionInfo* info = nullptr, int pinchSide = 0) const;
@@ -287,9 +290,11 @@ private:
     bool intersectRay(const Ray& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
                       bool includeDisabled) const;
     // Closest point with the inside decision: signed distance (negative inside), or DBL_MAX and
-    // face -1 when checkInside is set and p is not inside. hint >= 0 walks from that face.
+    // face -1 when checkInside is set and p is not inside. hint >= 0 walks from that face. With
+    // pinch information the decision is the classification's (pinched: on its buried side).
     double _closestPointSigned(const GmTVector<double>& p, ClosestPointInfo& info, bool checkInside,
-                               bool includeDisabled, int hint) const;
+                               bool includeDisabled, int hint, const SelfIntersectionInfo* pinch = nullptr,
+                               int pinchSide = 0, bool* pinched = nullptr) const;
     void _initialize();
     void _refreshFlags(bool disabledFlags);
     bool _faceDisabled(int face, bool includeDisabled) const;

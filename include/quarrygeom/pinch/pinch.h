@@ -2,3 +2,4 @@
 
 // Public headers of the pinch subsystem.
 #include <quarrygeom/pinch/SelfIntersectionInfo.h>
+#include <quarrygeom/pinch/MultiIntersectionInfo.h>
