@@ -208,8 +208,9 @@ struct SelfIntersectionInfo::Builder {
     const GmBoundingVolumeHierarchy& tree;
     const std::vector<const GmBoundingVolumeHierarchy*>& others;
     const std::vector<Vec>& V;
-    std::deque<int> queues[2];  // faces of type 1, faces of any other type
-    std::vector<int> reached;   // vertices classified in the current region
+    std::vector<char> nearCrossing;  // per vertex: a face around it carries crossings
+    std::deque<int> queues[2];       // faces of type 1, faces of any other type
+    std::vector<int> reached;        // vertices classified in the current region
 
     Vec centre(int f) const {
         const GmTriangleFace& fc = mesh.getFace(f);
@@ -280,6 +281,7 @@ struct SelfIntersectionInfo::Builder {
         drain(1);
         const size_t firstPass = reached.size();
         for (size_t i = 0; i < firstPass; ++i) {
+            if (!nearCrossing[static_cast<size_t>(reached[i])]) continue;  // nothing left to classify
             floodVertex(reached[i], 0);
             drain(0);
         }
@@ -462,7 +464,7 @@ void SelfIntersectionInfo::_build(const GmBoundingVolumeHierarchy& tree, const s
         }
     }
 
-    Builder b{*this, M, tree, others, V, {}, {}};
+    Builder b{*this, M, tree, others, V, std::vector<char>(static_cast<size_t>(nv), 0), {}, {}};
 
     // 3. Uniform: one side for everything.
     if (uniform) {
@@ -494,7 +496,7 @@ void SelfIntersectionInfo::_build(const GmBoundingVolumeHierarchy& tree, const s
     }
 
     // 5. Seeds, each flooding its region; vertices away from the crossings are tried first.
-    std::vector<char> nearCrossing(static_cast<size_t>(nv), 0);
+    std::vector<char>& nearCrossing = b.nearCrossing;
     for (int f = 0; f < nf; ++f)
         if (faceCrossings[static_cast<size_t>(f)])
             for (const int v : M.getFace(f).vertices) nearCrossing[static_cast<size_t>(v)] = 1;

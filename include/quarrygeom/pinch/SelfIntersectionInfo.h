@@ -83,8 +83,10 @@ public:
     void build(const GmBoundingTree& tree, const std::vector<GmIntersectionCandidate>& pairs,
                const std::vector<const GmBoundingTree*>& others = {});
 
-    // Side (1 or 2) of a point lying on face. Prints the facePointType error and returns 1 when
-    // the face has no classified reference.
+    // Side (1 or 2) of a point lying on face: the side of the face centre (the mean of its
+    // corners, as in the mesh's face data), else of its first corner on side 1 or 2, flipped by
+    // the parity of the pieces crossed on the way to the point. Prints the facePointType error
+    // and returns 1 when the face has no classified reference.
     int facePointType(int face, const GmTVector<double>& point) const;
 
     // Whether the straight path from r to q on a face of normal n crosses the piece (a, b):

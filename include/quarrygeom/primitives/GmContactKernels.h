@@ -41,7 +41,9 @@ class SelfIntersectionInfo;
 //   the step. For self and orphan pairs whose contact elements lie on one common face
 //   (GmTriangleMesh::shareFace) the normal is the mesh's normal at the contact on the face side
 //   (face, edge or vertex normal), turned to agree with that direction.
-//   Pinch flags stay false when no SelfIntersectionInfo is given.
+//   Pinch flags stay false when no SelfIntersectionInfo is given; with one (applied to the mesh
+//   it was built for) pinched0 / pinched1 / pinched flag a contact feature on the
+//   classification's buried side (SelfIntersectionInfo::pinchedAt, pinchedVertex).
 //   Continuous records: time = contact time, distance = 0, falloff = 1 - time.
 //   Proximity records: distance = the distance found, falloff = 1 - distance / bound,
 //   time = 0, point = midpoint of the two closest points.
