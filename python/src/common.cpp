@@ -82,6 +82,17 @@ py::object recordDtype(std::size_t itemsize, std::initializer_list<Field> fields
     return py::module_::import("numpy").attr("dtype")(spec);
 }
 
+ResultType::ResultType(const char* name, std::initializer_list<const char*> fields) {
+    // The type lives as long as the interpreter; its description must too.
+    auto* members = new PyStructSequence_Field[fields.size() + 1];
+    std::size_t k = 0;
+    for (const char* f : fields) members[k++] = PyStructSequence_Field{f, nullptr};
+    members[k] = PyStructSequence_Field{nullptr, nullptr};
+    auto* desc = new PyStructSequence_Desc{name, nullptr, members, static_cast<int>(fields.size())};
+    _type = PyStructSequence_NewType(desc);
+    if (_type == nullptr) throw py::error_already_set();
+}
+
 py::array_t<double> newVectors(std::size_t n) {
     return py::array_t<double>({static_cast<py::ssize_t>(n), py::ssize_t(3)});
 }

@@ -8,7 +8,9 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -46,10 +48,13 @@ struct FrozenMask {
     GmFrozenData data;
 };
 
-// Reads of one or two meshes, writes of one; the GIL is released for the lifetime of the guard.
+// Reads of one or two meshes, writes of one. The GIL is released for the lifetime of the guard
+// (a read guard may keep it for a short call, sparing the hand-over: a writer takes the lock with
+// the GIL released, so waiting for it with the GIL held cannot deadlock).
 class ReadGuard {
 public:
-    explicit ReadGuard(const Mesh& a, const Mesh* b = nullptr) {
+    explicit ReadGuard(const Mesh& a, const Mesh* b = nullptr, bool releaseGil = true) {
+        if (releaseGil) _release.emplace();
         const Mesh* first = &a;
         const Mesh* second = b != nullptr && b != &a ? b : nullptr;
         if (second != nullptr && second < first) std::swap(first, second);
@@ -58,7 +63,7 @@ public:
     }
 
 private:
-    py::gil_scoped_release _release;  // released before the locks are taken, taken back after they are dropped
+    std::optional<py::gil_scoped_release> _release;  // released before the locks are taken, taken back after
     std::shared_lock<std::shared_mutex> _a, _b;
 };
 class WriteGuard {
@@ -115,6 +120,26 @@ py::object recordDtype(std::initializer_list<Field> fields) {
     static_assert(std::is_trivially_copyable<Record>::value, "records are copied as bytes");
     return recordDtype(sizeof(Record), fields);
 }
+
+// A named tuple type made as a C struct sequence (cheap to create, unlike collections.namedtuple):
+// fields by name and by position, tuple unpacking.
+class ResultType {
+public:
+    ResultType(const char* name, std::initializer_list<const char*> fields);
+    template <class... A>
+    py::object operator()(A&&... items) const {
+        static_assert(sizeof...(A) > 0, "a result has fields");
+        py::object r = py::reinterpret_steal<py::object>(PyStructSequence_New(_type));
+        if (!r) throw py::error_already_set();
+        Py_ssize_t i = 0;
+        (PyStructSequence_SetItem(r.ptr(), i++, py::object(std::forward<A>(items)).release().ptr()), ...);
+        return r;
+    }
+    py::handle type() const { return reinterpret_cast<PyObject*>(_type); }
+
+private:
+    PyTypeObject* _type;
+};
 
 // Registration of each part of the module.
 void registerCore(py::module_& m);

@@ -106,5 +106,6 @@ PYBIND11_MODULE(_quarrygeom, m) {
     qgpy::registerMesh(m);
     qgpy::TreeClass tree = qgpy::registerTrees(m);
     qgpy::registerCollision(m, tree);
+    qgpy::registerTiming(m);
     // Curves and their tree and queries register here once the curves subsystem is in the library.
 }

@@ -66,34 +66,20 @@ void update(Tree& t, const py::object& positions, const py::object& thickness, b
         rebuild ? h.build(t.disabledData(), t.frozenData()) : h.refit(t.disabledData(), t.frozenData());
 }
 
-py::object namedTuple(const char* name, const char* fields) {
-    return py::module_::import("collections").attr("namedtuple")(name, fields);
-}
-
-struct Hit {
-    long long ray;
-    int face;
-    double point[3];
-    double barycentric[3];
-};
-
 struct ResultTypes {
-    py::object closest, vertices, signedDistance, firstHit, allHits, hitDtype;
+    ResultType closest{"quarrygeom.ClosestPoints", {"distance", "point", "face", "s", "t", "normal"}};
+    ResultType vertices{"quarrygeom.ClosestVertices", {"vertex", "distance"}};
+    ResultType signedDistance{"quarrygeom.SignedDistance", {"distance", "face", "point"}};
+    ResultType firstHit{"quarrygeom.FirstHits", {"face", "t", "point", "barycentric"}};
+    ResultType allHits{"quarrygeom.AllHits", {"hits", "offsets"}};
+    py::object hitDtype = recordDtype<GmPointIntersectionInfo>(
+        {{"object", "<i4", offsetof(GmPointIntersectionInfo, objectIndex)},
+         {"face", "<i4", offsetof(GmPointIntersectionInfo, triangleIndex)},
+         {"point", "(3,)<f8", offsetof(GmPointIntersectionInfo, point)},
+         {"barycentric", "(3,)<f8", offsetof(GmPointIntersectionInfo, barycentric)}});
 };
 ResultTypes& types() {
-    static ResultTypes* t = nullptr;  // lives as long as the interpreter (never released)
-    if (t == nullptr) {
-        t = new ResultTypes;
-        t->closest = namedTuple("ClosestPoints", "distance point face s t normal");
-        t->vertices = namedTuple("ClosestVertices", "vertex distance");
-        t->signedDistance = namedTuple("SignedDistance", "distance face point");
-        t->firstHit = namedTuple("FirstHits", "face t point barycentric");
-        t->allHits = namedTuple("AllHits", "hits offsets");
-        t->hitDtype = recordDtype<Hit>({{"ray", "<i8", offsetof(Hit, ray)},
-                                        {"face", "<i4", offsetof(Hit, face)},
-                                        {"point", "(3,)<f8", offsetof(Hit, point)},
-                                        {"barycentric", "(3,)<f8", offsetof(Hit, barycentric)}});
-    }
+    static ResultTypes* t = new ResultTypes;  // lives as long as the interpreter
     return *t;
 }
 
@@ -168,7 +154,7 @@ changes a thickened tree's padding. Also picks up changes of the masks.)doc")
                                                     face.mutable_data(), s.mutable_data(), tt.mutable_data()};
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::findClosestPoints(*t.h, asV3(p), n, out, inc);
             }
             return types().closest(dist, point, face, s, tt, normal);
@@ -184,7 +170,7 @@ face's unit normal.)doc")
             auto dist = newArray<double>(n);
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::findClosestVertices(*t.h, asV3(p), n, vertex.mutable_data(), dist.mutable_data(), inc);
             }
             return types().vertices(vertex, dist);
@@ -196,7 +182,7 @@ face's unit normal.)doc")
             auto inside = newArray<bool>(n);
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::isInsideMesh(*t.h, asV3(p), n, inside.mutable_data(), inc);
             }
             return inside;
@@ -210,7 +196,7 @@ face's unit normal.)doc")
             auto point = newVectors(n);
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::signedDistances(*t.h, asV3(p), n, dist.mutable_data(), face.mutable_data(),
                                                 mutableV3(point), inc);
             }
@@ -229,7 +215,7 @@ closest point). On an open mesh a point whose closest feature lies on the bounda
             GmBatchQueries::FirstHitOutputs out{face.mutable_data(), tt.mutable_data(), mutableV3(point), mutableV3(bary)};
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::intersectFirst(*t.h, asV3(o), asV3(d), n, out, inc);
             }
             return types().firstHit(face, tt, point, bary);
@@ -246,24 +232,22 @@ the weights of the face's three vertices; NaN rows for a miss). Ties go to the s
             std::vector<std::size_t> offsets;
             prepareReads(*t.mesh);
             {
-                ReadGuard guard(*t.mesh);
+                ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::intersectAll(*t.h, asV3(o), asV3(d), n, hits, offsets, inc);
             }
-            py::array records = py::array(types().hitDtype, {static_cast<py::ssize_t>(hits.size())}, {});
             auto off = newArray<long long>(n + 1);
-            for (std::size_t i = 0; i <= n; ++i) off.mutable_data()[i] = static_cast<long long>(offsets[i]);
-            Hit* r = static_cast<Hit*>(records.mutable_data());
-            for (std::size_t i = 0; i < n; ++i)
-                for (std::size_t k = offsets[i]; k < offsets[i + 1]; ++k) {
-                    const GmPointIntersectionInfo& h = hits[k];
-                    r[k] = Hit{static_cast<long long>(i), h.triangleIndex, {h.point.x, h.point.y, h.point.z},
-                               {h.barycentric.x, h.barycentric.y, h.barycentric.z}};
-                }
+            std::copy(offsets.begin(), offsets.end(), off.mutable_data());
+            // The records are handed over as they are: the array owns the vector, no copy.
+            auto* owned = new std::vector<GmPointIntersectionInfo>(std::move(hits));
+            py::capsule base(owned, [](void* v) { delete static_cast<std::vector<GmPointIntersectionInfo>*>(v); });
+            py::array records(py::dtype::from_args(types().hitDtype), {static_cast<py::ssize_t>(owned->size())}, {},
+                              owned->data(), base);
             return types().allHits(records, off);
         }, py::arg("origins"), py::arg("directions"), py::arg("include_disabled") = true, R"doc(
-Every face each ray meets: AllHits(hits, offsets). hits is a structured array with fields ray
-(int64), face (int32), point (3 float64) and barycentric (3 float64), ray after ray; the hits of
-ray i are hits[offsets[i]:offsets[i + 1]].)doc")
+Every face each ray meets: AllHits(hits, offsets). hits is a structured array with fields object
+(int32, -1), face (int32), point (3 float64) and barycentric (3 float64), ray after ray, each
+ray's in the order of the walk; the hits of ray i are hits[offsets[i]:offsets[i + 1]] (offsets
+int64, n + 1 entries; np.repeat(np.arange(n), np.diff(offsets)) gives each hit's ray).)doc")
         .def("__repr__", [](const Tree& t) {
             return std::string("<quarrygeom.Tree ") +
                    (t.mode == Tree::kSwept ? "swept" : t.mode == Tree::kThickened ? "thickened" : "plain") + " over " +

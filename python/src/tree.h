@@ -25,5 +25,6 @@ typedef py::class_<Tree, TreePtr> TreeClass;
 // Registration: the class with its build and point and ray queries, then the collision queries.
 TreeClass registerTrees(py::module_& m);
 void registerCollision(py::module_& m, TreeClass& tree);
+void registerTiming(py::module_& m);
 
 }  // namespace qgpy
