@@ -7,25 +7,25 @@ hit, all ray hits) it reports:
   - binding ratio: time of the C++ batched call (run from C++ through the module's timing hook, on
     copies of the same inputs) / time of the Python call; >= 1 means no cost added by the binding.
     Python and C++ runs alternate and the median of the per-pair ratios is reported.
-  - thread scaling: time of the Python call with KORV_THREAD_COUNT=1 / with 2 (separate processes).
+  - thread scaling: time of the Python call on one thread (quarrygeom.set_multithreading(False))
+    / on two workers (KORV_THREAD_COUNT=2, set by this script unless given), runs alternating,
+    median of the per-pair ratios.
 and the per-call overhead of a batch of one point against one single C++ query.
 Figures are ratios of runs taken side by side, so that the machine's other load cancels out as
 far as it can; the absolute times are printed for reference only.
 """
 
 import argparse
-import json
 import os
 import statistics
-import subprocess
-import sys
 import time
 
 import numpy as np
 
-import quarrygeom as qg
-from quarrygeom import _quarrygeom as native
-from quarrygeom.io import read_obj
+os.environ.setdefault("KORV_THREAD_COUNT", "2")  # read when the library loads
+import quarrygeom as qg  # noqa: E402
+from quarrygeom import _quarrygeom as native  # noqa: E402
+from quarrygeom.io import read_obj  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 DATA = os.environ.get("QUARRYGEOM_DATA_DIR", os.path.join(HERE, "..", "..", "..", "shared", "data"))
@@ -64,20 +64,26 @@ def timed(f):
 
 
 def measure(name, reps, quick):
-    """Python and C++ times per query, alternating; returns {query: (python s, C++ s, ratio)}."""
-    n_points, n_rays = (20_000, 5_000) if quick else (100_000, 20_000)
+    """Per query: medians of the Python time, the C++ time, their ratio, and of the one-thread /
+    two-worker ratio of the Python call, all from alternating runs."""
+    n_points, n_rays = (20_000, 20_000) if quick else (100_000, 100_000)
     tree, pts, origins, dirs = scene(name, n_points, n_rays)
     out = {}
     for query in ["closest_points", "first_hit", "all_hits"]:
         p, d = (pts, None) if query == "closest_points" else (origins, dirs)
         call = python_call(tree, query, p, d)
         call(), native._time_native(tree, query, p, d, 1)  # warm: search box copy, caches
-        py, cpp, ratios = [], [], []
+        py, cpp, ratios, scaling = [], [], [], []
         for _ in range(reps):
             a = timed(call)
             b = native._time_native(tree, query, p, d, 1)[0]
-            py.append(a), cpp.append(b), ratios.append(b / a)
-        out[query] = (statistics.median(py), statistics.median(cpp), statistics.median(ratios), len(p))
+            qg.set_multithreading(False)
+            one = timed(call)
+            qg.set_multithreading(True)
+            two = timed(call)
+            py.append(a), cpp.append(b), ratios.append(b / a), scaling.append(one / two)
+        out[query] = (len(p), statistics.median(py), statistics.median(cpp), statistics.median(ratios),
+                      statistics.median(scaling))
     return out
 
 
@@ -101,36 +107,14 @@ def overhead(reps):
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--quick", action="store_true", help="smaller batches and fewer repetitions")
-    ap.add_argument("--child", help=argparse.SUPPRESS)
     args = ap.parse_args()
     reps = 3 if args.quick else 7
-    if args.child:  # one scaling measurement in a process with a fixed worker count
-        tree, pts, origins, dirs = scene(args.child, *((20_000, 5_000) if args.quick else (100_000, 20_000)))
-        res = {}
-        for query in ["closest_points", "first_hit", "all_hits"]:
-            p, d = (pts, None) if query == "closest_points" else (origins, dirs)
-            call = python_call(tree, query, p, d)
-            call()
-            res[query] = statistics.median(timed(call) for _ in range(reps))
-        print(json.dumps(res))
-        return
-
     print(f"load average before: {os.getloadavg()}, cores: {os.cpu_count()}, workers: {qg.worker_count()}")
-    print("\n| mesh | query | batch | Python s | C++ s | C++ / Python |\n|---|---|---|---|---|---|")
+    print("\n| mesh | query | batch | Python s (2 workers) | C++ s | C++ / Python | 1 thread / 2 workers |")
+    print("|---|---|---|---|---|---|---|")
     for name in ["bunny", "grid1M"]:
-        for query, (py, cpp, ratio, n) in measure(name, reps, args.quick).items():
-            print(f"| {name} | {query} | {n} | {py:.4f} | {cpp:.4f} | {ratio:.3f} |")
-
-    print("\n| mesh | query | 1 thread s | 2 threads s | speed-up |\n|---|---|---|---|---|")
-    for name in ["bunny", "grid1M"]:
-        times = {}
-        for workers in (1, 2):
-            env = dict(os.environ, KORV_THREAD_COUNT=str(workers))
-            cmd = [sys.executable, __file__, "--child", name] + (["--quick"] if args.quick else [])
-            times[workers] = json.loads(subprocess.run(cmd, env=env, check=True, capture_output=True, text=True).stdout)
-        for query in times[1]:
-            print(f"| {name} | {query} | {times[1][query]:.4f} | {times[2][query]:.4f} | {times[1][query] / times[2][query]:.2f} |")
-
+        for query, (n, py, cpp, ratio, scaling) in measure(name, reps, args.quick).items():
+            print(f"| {name} | {query} | {n} | {py:.4f} | {cpp:.4f} | {ratio:.3f} | {scaling:.2f} |")
     py, cpp = overhead(reps)
     print(f"\nper call, closest point near the bunny: batch of 1 from Python {py:.2f} us, "
           f"single C++ query {cpp:.2f} us, overhead {py - cpp:.2f} us")

@@ -115,7 +115,8 @@ std::vector<int> faceSelection(const py::handle& obj, int faces) {
     for (py::ssize_t k = 0; k < i.shape(0); ++k) {
         const long long f = i.data()[k];
         if (f < 0 || f >= faces)
-            throw py::index_error("face index " + std::to_string(f) + " out of range [0, " + std::to_string(faces) + ")");
+            throw py::index_error("face index " + std::to_string(f) + " out of range [0, " + std::to_string(faces) +
+                                  ")");
         out.push_back(static_cast<int>(f));
     }
     return out;

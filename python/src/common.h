@@ -75,7 +75,8 @@ private:
     std::unique_lock<std::shared_mutex> _l;
 };
 
-// Fills the mesh's caches once after each change of positions (takes the mesh alone).
+// Fills the mesh's caches once after each change of positions (takes the mesh alone); the
+// batched queries are then told to skip their own pass.
 void prepareReads(const Mesh& m);
 
 // Checks that a is a numeric (real) array; TypeError otherwise.

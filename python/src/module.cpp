@@ -84,7 +84,8 @@ one as metrics= to a query to add its counts. str() gives the library's text rep
         });
 
     m.def("orient2d", [](const py::handle& a, const py::handle& b, const py::handle& c) {
-        return predicate<2, 3>({a, b, c}, [](const double* const* p) { return GmPredicates::orient2d(p[0], p[1], p[2]); });
+        return predicate<2, 3>({a, b, c},
+                               [](const double* const* p) { return GmPredicates::orient2d(p[0], p[1], p[2]); });
     }, py::arg("a"), py::arg("b"), py::arg("c"), R"doc(
 Exact orientation of 2-D points: positive when a, b, c turn counter-clockwise, negative when
 clockwise, zero exactly when collinear (the sign is exact; the value approximates twice the

@@ -34,17 +34,18 @@ void registerTiming(py::module_& m) {
             const auto start = std::chrono::steady_clock::now();
             if (query == "closest_points") {
                 GmBatchQueries::findClosestPoints(*t.h, in.data(), n, {dist.data(), point.data(), normal.data(),
-                                                                        face.data(), s.data(), tt.data()}, true);
+                                                                        face.data(), s.data(), tt.data()}, true, false);
             } else if (query == "closest_point_single") {  // one single-query call per point
                 for (std::size_t i = 0; i < n; ++i)
                     dist[i] = t.h->findClosestPoint(in[i], point[i], normal[i], face[i], s[i], tt[i], nullptr, true);
             } else if (query == "signed_distance") {
-                GmBatchQueries::signedDistances(*t.h, in.data(), n, dist.data(), face.data(), point.data(), true);
+                GmBatchQueries::signedDistances(*t.h, in.data(), n, dist.data(), face.data(), point.data(), true,
+                                                false);
             } else if (query == "first_hit" && dirs.size() == n) {
                 GmBatchQueries::intersectFirst(*t.h, in.data(), dirs.data(), n,
-                                               {face.data(), tt.data(), point.data(), bary.data()}, true);
+                                               {face.data(), tt.data(), point.data(), bary.data()}, true, false);
             } else if (query == "all_hits" && dirs.size() == n) {
-                GmBatchQueries::intersectAll(*t.h, in.data(), dirs.data(), n, hits, offsets, true);
+                GmBatchQueries::intersectAll(*t.h, in.data(), dirs.data(), n, hits, offsets, true, false);
             } else {
                 throw std::invalid_argument("unknown query or missing directions: " + query);
             }

@@ -155,7 +155,7 @@ changes a thickened tree's padding. Also picks up changes of the masks.)doc")
             prepareReads(*t.mesh);
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
-                GmBatchQueries::findClosestPoints(*t.h, asV3(p), n, out, inc);
+                GmBatchQueries::findClosestPoints(*t.h, asV3(p), n, out, inc, false);
             }
             return types().closest(dist, point, face, s, tt, normal);
         }, py::arg("points"), py::arg("include_disabled") = true, R"doc(
@@ -171,7 +171,8 @@ face's unit normal.)doc")
             prepareReads(*t.mesh);
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
-                GmBatchQueries::findClosestVertices(*t.h, asV3(p), n, vertex.mutable_data(), dist.mutable_data(), inc);
+                GmBatchQueries::findClosestVertices(*t.h, asV3(p), n, vertex.mutable_data(), dist.mutable_data(), inc,
+                                                    false);
             }
             return types().vertices(vertex, dist);
         }, py::arg("points"), py::arg("include_disabled") = true,
@@ -183,7 +184,7 @@ face's unit normal.)doc")
             prepareReads(*t.mesh);
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
-                GmBatchQueries::isInsideMesh(*t.h, asV3(p), n, inside.mutable_data(), inc);
+                GmBatchQueries::isInsideMesh(*t.h, asV3(p), n, inside.mutable_data(), inc, false);
             }
             return inside;
         }, py::arg("points"), py::arg("include_disabled") = true,
@@ -198,7 +199,7 @@ face's unit normal.)doc")
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
                 GmBatchQueries::signedDistances(*t.h, asV3(p), n, dist.mutable_data(), face.mutable_data(),
-                                                mutableV3(point), inc);
+                                                mutableV3(point), inc, false);
             }
             return types().signedDistance(dist, face, point);
         }, py::arg("points"), py::arg("include_disabled") = true, R"doc(
@@ -212,11 +213,12 @@ closest point). On an open mesh a point whose closest feature lies on the bounda
             auto face = newArray<int>(n);
             auto tt = newArray<double>(n);
             auto point = newVectors(n), bary = newVectors(n);
-            GmBatchQueries::FirstHitOutputs out{face.mutable_data(), tt.mutable_data(), mutableV3(point), mutableV3(bary)};
+            GmBatchQueries::FirstHitOutputs out{face.mutable_data(), tt.mutable_data(), mutableV3(point),
+                                                mutableV3(bary)};
             prepareReads(*t.mesh);
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
-                GmBatchQueries::intersectFirst(*t.h, asV3(o), asV3(d), n, out, inc);
+                GmBatchQueries::intersectFirst(*t.h, asV3(o), asV3(d), n, out, inc, false);
             }
             return types().firstHit(face, tt, point, bary);
         }, py::arg("origins"), py::arg("directions"), py::arg("include_disabled") = true, R"doc(
@@ -233,7 +235,7 @@ the weights of the face's three vertices; NaN rows for a miss). Ties go to the s
             prepareReads(*t.mesh);
             {
                 ReadGuard guard(*t.mesh, nullptr, n > GmBatchQueries::kSerialBatch);
-                GmBatchQueries::intersectAll(*t.h, asV3(o), asV3(d), n, hits, offsets, inc);
+                GmBatchQueries::intersectAll(*t.h, asV3(o), asV3(d), n, hits, offsets, inc, false);
             }
             auto off = newArray<long long>(n + 1);
             std::copy(offsets.begin(), offsets.end(), off.mutable_data());

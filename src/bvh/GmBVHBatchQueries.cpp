@@ -22,15 +22,15 @@ constexpr std::size_t kItemQueries = 64;
 bool runsSerially(std::size_t n) { return n <= kSerialBatch || !GmParallel::isParallel(); }
 
 // query(i) for i in [0, n), on the parallel frame for large batches. query(i) writes only entry
-// i of the outputs. The mesh's lazily filled caches are filled first on the parallel path, so
-// that the workers only read them.
+// i of the outputs. The mesh's lazily filled caches are filled first on the parallel path (unless
+// the caller has done so), so that the workers only read them.
 template <class Query>
-void forEach(const GmBoundingVolumeHierarchy& tree, std::size_t n, const Query& query) {
+void forEach(const GmBoundingVolumeHierarchy& tree, std::size_t n, bool fillMeshCaches, const Query& query) {
     if (runsSerially(n)) {
         for (std::size_t i = 0; i < n; ++i) query(i);
         return;
     }
-    if (const GmTriangleMesh* mesh = tree.getTriangleMesh()) mesh->fillCaches();
+    if (const GmTriangleMesh* mesh = tree.getTriangleMesh(); mesh != nullptr && fillMeshCaches) mesh->fillCaches();
     const int items = static_cast<int>((n + kItemQueries - 1) / kItemQueries);
     GmParallel::runInArena([&] {
         GmParallel::parallelFor(0, items, [&](int item) {
@@ -67,8 +67,8 @@ bool nearestHit(const GmBoundingVolumeHierarchy& tree, const GmRay& ray, bool in
 }  // namespace
 
 void findClosestPoints(const GmBoundingVolumeHierarchy& tree, const V3* points, std::size_t n,
-                       const ClosestPointOutputs& out, bool includeDisabled) {
-    forEach(tree, n, [&](std::size_t i) {
+                       const ClosestPointOutputs& out, bool includeDisabled, bool fillMeshCaches) {
+    forEach(tree, n, fillMeshCaches, [&](std::size_t i) {
         V3 closest, normal;
         int face = -1;
         double s = 0.0, t = 0.0;
@@ -83,8 +83,8 @@ void findClosestPoints(const GmBoundingVolumeHierarchy& tree, const V3* points, 
 }
 
 void findClosestVertices(const GmBoundingVolumeHierarchy& tree, const V3* points, std::size_t n, int* vertex,
-                         double* distance, bool includeDisabled) {
-    forEach(tree, n, [&](std::size_t i) {
+                         double* distance, bool includeDisabled, bool fillMeshCaches) {
+    forEach(tree, n, fillMeshCaches, [&](std::size_t i) {
         int v = -1;
         const double d = tree.findClosestVertex(points[i], v, includeDisabled);
         if (vertex) vertex[i] = v;
@@ -93,14 +93,14 @@ void findClosestVertices(const GmBoundingVolumeHierarchy& tree, const V3* points
 }
 
 void isInsideMesh(const GmBoundingVolumeHierarchy& tree, const V3* points, std::size_t n, bool* inside,
-                  bool includeDisabled) {
+                  bool includeDisabled, bool fillMeshCaches) {
     if (inside == nullptr) return;
-    forEach(tree, n, [&](std::size_t i) { inside[i] = tree.isInsideMesh(points[i], includeDisabled); });
+    forEach(tree, n, fillMeshCaches, [&](std::size_t i) { inside[i] = tree.isInsideMesh(points[i], includeDisabled); });
 }
 
 void signedDistances(const GmBoundingVolumeHierarchy& tree, const V3* points, std::size_t n, double* distance,
-                     int* face, V3* closest, bool includeDisabled) {
-    forEach(tree, n, [&](std::size_t i) {
+                     int* face, V3* closest, bool includeDisabled, bool fillMeshCaches) {
+    forEach(tree, n, fillMeshCaches, [&](std::size_t i) {
         V3 c, normal;
         int f = -1;
         bool pinched = false;
@@ -112,9 +112,9 @@ void signedDistances(const GmBoundingVolumeHierarchy& tree, const V3* points, st
 }
 
 void intersectFirst(const GmBoundingVolumeHierarchy& tree, const V3* origins, const V3* directions, std::size_t n,
-                    const FirstHitOutputs& out, bool includeDisabled) {
+                    const FirstHitOutputs& out, bool includeDisabled, bool fillMeshCaches) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    forEach(tree, n, [&](std::size_t i) {
+    forEach(tree, n, fillMeshCaches, [&](std::size_t i) {
         thread_local std::vector<GmPointIntersectionInfo> scratch;
         GmPointIntersectionInfo hit;
         double t = std::numeric_limits<double>::infinity();
@@ -128,7 +128,7 @@ void intersectFirst(const GmBoundingVolumeHierarchy& tree, const V3* origins, co
 
 std::size_t intersectAll(const GmBoundingVolumeHierarchy& tree, const V3* origins, const V3* directions,
                          std::size_t n, std::vector<GmPointIntersectionInfo>& hits, std::vector<std::size_t>& offsets,
-                         bool includeDisabled) {
+                         bool includeDisabled, bool fillMeshCaches) {
     // One record vector per block of rays, so that the concatenation keeps the ray order.
     const std::size_t blocks = (n + kItemQueries - 1) / kItemQueries;
     std::vector<std::vector<GmPointIntersectionInfo>> blockHits(blocks);
@@ -144,7 +144,8 @@ std::size_t intersectAll(const GmBoundingVolumeHierarchy& tree, const V3* origin
     if (runsSerially(n)) {
         for (std::size_t b = 0; b < blocks; ++b) runBlock(b);
     } else {
-        if (const GmTriangleMesh* mesh = tree.getTriangleMesh()) mesh->fillCaches();
+        if (const GmTriangleMesh* mesh = tree.getTriangleMesh(); mesh != nullptr && fillMeshCaches)
+            mesh->fillCaches();
         GmParallel::runInArena(
             [&] { GmParallel::parallelFor(0, static_cast<int>(blocks), [&](int b) { runBlock(std::size_t(b)); }); });
     }

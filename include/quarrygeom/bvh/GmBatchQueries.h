@@ -21,10 +21,14 @@ class GmBoundingVolumeHierarchy;
 // room for n entries. Outputs must not overlap the inputs.
 //
 // Threads: with multithreading on and more than a handful of inputs the queries are spread over
-// the parallel frame (GmParallel: a task arena of the configured worker count); the mesh's
-// cached normals are filled before that (GmTriangleMesh::fillCaches), so the host must not move
-// the mesh during the call. Small batches run on the calling thread. The results do not
+// the parallel frame (GmParallel: a task arena of the configured worker count). The host must not
+// move the mesh during the call. Small batches run on the calling thread. The results do not
 // depend on the path taken.
+//
+// fillMeshCaches: the workers only read the mesh's lazily filled caches (normals, areas), so a
+// parallel batch first fills the missing ones (GmTriangleMesh::fillCaches), a pass over the whole
+// mesh (a few milliseconds for a million faces). A host that has called fillCaches() since it
+// last moved the mesh may pass false to skip that pass.
 namespace GmBatchQueries {
 
 // Batches of at most this many inputs run on the calling thread.
@@ -44,22 +48,24 @@ struct ClosestPointOutputs {
 // With no qualifying face: distance DBL_MAX, face -1 (point, normal, s, t as the single call
 // leaves them: zero).
 QUARRYGEOM_API void findClosestPoints(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* points,
-                                      std::size_t n, const ClosestPointOutputs& out, bool includeDisabled);
+                                      std::size_t n, const ClosestPointOutputs& out, bool includeDisabled,
+                                      bool fillMeshCaches = true);
 
 // tree.findClosestVertex(p, vertex, includeDisabled) for every p: the vertex (-1 when none) and
 // its distance (DBL_MAX when none).
 QUARRYGEOM_API void findClosestVertices(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* points,
-                                        std::size_t n, int* vertex, double* distance, bool includeDisabled);
+                                        std::size_t n, int* vertex, double* distance, bool includeDisabled,
+                                        bool fillMeshCaches = true);
 
 // tree.isInsideMesh(p, includeDisabled) for every p (a point on the surface is inside).
 QUARRYGEOM_API void isInsideMesh(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* points,
-                                 std::size_t n, bool* inside, bool includeDisabled);
+                                 std::size_t n, bool* inside, bool includeDisabled, bool fillMeshCaches = true);
 
 // Signed distance, negative inside: tree.findClosestPoint(p, closest, face, normal, pinched,
 // false, includeDisabled) for every p. Without a face: DBL_MAX and face -1.
 QUARRYGEOM_API void signedDistances(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* points,
                                     std::size_t n, double* distance, int* face, GmTVector<double>* closest,
-                                    bool includeDisabled);
+                                    bool includeDisabled, bool fillMeshCaches = true);
 
 // Outputs of intersectFirst; each may be null.
 struct FirstHitOutputs {
@@ -74,7 +80,7 @@ struct FirstHitOutputs {
 // parameter, ties going to the smallest face index.
 QUARRYGEOM_API void intersectFirst(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* origins,
                                    const GmTVector<double>* directions, std::size_t n, const FirstHitOutputs& out,
-                                   bool includeDisabled);
+                                   bool includeDisabled, bool fillMeshCaches = true);
 
 // Every hit of every ray: hits holds, ray after ray, the records of
 // tree.intersect(ray_i, ..., includeDisabled) in their own order, and offsets (n + 1 entries)
@@ -83,6 +89,6 @@ QUARRYGEOM_API void intersectFirst(const GmBoundingVolumeHierarchy& tree, const 
 QUARRYGEOM_API std::size_t intersectAll(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* origins,
                                         const GmTVector<double>* directions, std::size_t n,
                                         std::vector<GmPointIntersectionInfo>& hits, std::vector<std::size_t>& offsets,
-                                        bool includeDisabled);
+                                        bool includeDisabled, bool fillMeshCaches = true);
 
 }  // namespace GmBatchQueries
