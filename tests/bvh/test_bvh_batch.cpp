@@ -17,7 +17,8 @@ using namespace bvhtest;
 struct Case {
     const char* name;
     bool parallel;
-    bool maskHalf;  // disable every other face and query without them
+    bool maskHalf;   // disable every other face and query without them
+    bool prefilled;  // the caller fills the mesh's caches and tells the batches so
 };
 
 GmTriangleMesh makeMesh(const std::string& name) {
@@ -63,21 +64,27 @@ TEST_P(BatchQueries, EveryEntryEqualsTheSingleQuery) {
     std::vector<V3> dirs(n);
     std::mt19937 rng(3);
     std::normal_distribution<double> g;
-    for (std::size_t i = 0; i < n; ++i) dirs[i] = i % 5 == 0 ? V3(0, 0, i % 10 == 0 ? 1.0 : 0.0) : V3(g(rng), g(rng), g(rng));
+    for (std::size_t i = 0; i < n; ++i)  // every tenth direction zero, every tenth +z
+        dirs[i] = i % 5 == 0 ? V3(0, 0, i % 10 == 0 ? 1.0 : 0.0) : V3(g(rng), g(rng), g(rng));
 
+    if (c.prefilled) mesh.fillCaches();
+    const bool fill = !c.prefilled;
     ScopedThreading threading(c.parallel);
     std::vector<double> dist(n), s(n), t(n), vdist(n), sdist(n), hitT(n);
     std::vector<V3> point(n), normal(n), sclosest(n), hitPoint(n), hitBary(n);
     std::vector<int> face(n), vertex(n), sface(n), hitFace(n);
     std::unique_ptr<bool[]> inside(new bool[n]);
-    GmBatchQueries::findClosestPoints(tree, pts.data(), n, {dist.data(), point.data(), normal.data(), face.data(), s.data(), t.data()}, inc);
-    GmBatchQueries::findClosestVertices(tree, pts.data(), n, vertex.data(), vdist.data(), inc);
-    GmBatchQueries::isInsideMesh(tree, pts.data(), n, inside.get(), inc);
-    GmBatchQueries::signedDistances(tree, pts.data(), n, sdist.data(), sface.data(), sclosest.data(), inc);
-    GmBatchQueries::intersectFirst(tree, pts.data(), dirs.data(), n, {hitFace.data(), hitT.data(), hitPoint.data(), hitBary.data()}, inc);
+    GmBatchQueries::findClosestPoints(
+        tree, pts.data(), n, {dist.data(), point.data(), normal.data(), face.data(), s.data(), t.data()}, inc, fill);
+    GmBatchQueries::findClosestVertices(tree, pts.data(), n, vertex.data(), vdist.data(), inc, fill);
+    GmBatchQueries::isInsideMesh(tree, pts.data(), n, inside.get(), inc, fill);
+    GmBatchQueries::signedDistances(tree, pts.data(), n, sdist.data(), sface.data(), sclosest.data(), inc, fill);
+    GmBatchQueries::intersectFirst(tree, pts.data(), dirs.data(), n,
+                                   {hitFace.data(), hitT.data(), hitPoint.data(), hitBary.data()}, inc, fill);
     std::vector<GmPointIntersectionInfo> all;
     std::vector<std::size_t> offsets;
-    const std::size_t total = GmBatchQueries::intersectAll(tree, pts.data(), dirs.data(), n, all, offsets, inc);
+    const std::size_t total =
+        GmBatchQueries::intersectAll(tree, pts.data(), dirs.data(), n, all, offsets, inc, fill);
     ASSERT_EQ(offsets.size(), n + 1);
     EXPECT_EQ(total, all.size());
     EXPECT_EQ(offsets[n], total);
@@ -116,8 +123,10 @@ TEST_P(BatchQueries, EveryEntryEqualsTheSingleQuery) {
 
 INSTANTIATE_TEST_SUITE_P(Meshes, BatchQueries,
                          ::testing::Combine(::testing::Values("bunny", "torus", "soup"),
-                                            ::testing::Values(Case{"serial", false, false}, Case{"parallel", true, false},
-                                                              Case{"parallelMasked", true, true})),
+                                            ::testing::Values(Case{"serial", false, false, false},
+                                                              Case{"parallel", true, false, false},
+                                                              Case{"parallelMasked", true, true, false},
+                                                              Case{"parallelPrefilled", true, false, true})),
                          [](const auto& info) {
                              return std::get<0>(info.param) + "_" + std::get<1>(info.param).name;
                          });
