@@ -55,7 +55,10 @@ edge-edge tests, the candidates examined, the tests performed and the tests that
 one as metrics= to a query to add its counts. str() gives the library's text report.)doc")
         .def(py::init<>())
         .def("reset", &GmBVHMetrics::reset)
-        .def("__iadd__", [](GmBVHMetrics& a, const GmBVHMetrics& b) -> GmBVHMetrics& { return a += b; })
+        .def("__iadd__", [](py::object self, const GmBVHMetrics& b) {
+            self.cast<GmBVHMetrics&>() += b;
+            return self;
+        })
         .def("__eq__", [](const GmBVHMetrics& a, const GmBVHMetrics& b) { return a == b; })
         .def("as_dict", [](const GmBVHMetrics& x) {
             py::dict d;

@@ -106,6 +106,6 @@ def test_metrics_as_dict_and_text():
     text = str(m).splitlines()
     assert text[0] == "BVH Metrics" and len(text) == 17
     assert text[1] == "  Number of Broad-Phase Candidates Examined:    " + f"{d['broad_phase_candidates']:>16}"
-    m2 = qg.Metrics()
+    m2 = same = qg.Metrics()
     m2 += m
-    assert m2 == m and qg.Metrics().as_dict()["edge_edge_prune_rate"] == 100.0
+    assert m2 is same and m2 == m and qg.Metrics().as_dict()["edge_edge_prune_rate"] == 100.0
