@@ -63,7 +63,6 @@ void prepareReads(const Mesh& m) {
     if (m.cachesReady.load(std::memory_order_acquire)) return;
     WriteGuard guard(m);
     m.mesh.fillCaches();
-    m.mesh.getOrphanSet();
     m.cachesReady.store(true, std::memory_order_release);
 }
 

@@ -33,8 +33,9 @@ static_assert(sizeof(V3) == 3 * sizeof(double) && std::is_standard_layout<V3>::v
 struct Mesh {
     GmTriangleMesh mesh;
     mutable std::shared_mutex lock;
-    // The mesh's lazily filled caches (normals, orphan set) are complete; cleared when the
-    // positions change. Queries from several Python threads then only read the mesh.
+    // The mesh's lazily filled caches (normals, areas) are complete; cleared when the positions
+    // change. Queries from several Python threads then only read them. (The orphan set that the
+    // collision queries build on first use is published atomically by the mesh itself.)
     mutable std::atomic<bool> cachesReady{false};
 };
 typedef std::shared_ptr<Mesh> MeshPtr;
