@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config libtbb-dev libgtest-dev libgmock-dev libtinyobjloader-dev
-          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev "$@")
+          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev
+          pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -5,3 +5,4 @@
 #include <quarrygeom/bvh/GmNormalTests.h>
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
 #include <quarrygeom/bvh/GmBoundingTree.h>
+#include <quarrygeom/bvh/GmBatchQueries.h>
