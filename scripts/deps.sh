@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config libtbb-dev libgtest-dev libgmock-dev libtinyobjloader-dev
-          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev "$@")
+          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev libosmesa6-dev libpng-dev "$@")
 
 missing=()
 for p in "${packages[@]}"; do
