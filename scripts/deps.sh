@@ -4,7 +4,10 @@
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config libtbb-dev libgtest-dev libgmock-dev libtinyobjloader-dev
-          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev libosmesa6-dev libpng-dev "$@")
+          libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev "$@")
+
+# Offscreen pictures of the examples and the drawing test.
+packages+=(libosmesa6-dev libpng-dev)
 
 missing=()
 for p in "${packages[@]}"; do
