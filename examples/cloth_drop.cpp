@@ -259,7 +259,7 @@ struct Pictures {
         Vec lo, hi;
         bounds(cloth, body, lo, hi);
         lo.z -= 0.25 * (hi.x - lo.x);  // room for the hanging cloth
-        frames = qgrender::Camera::framing(lo, hi, 30, 28, 26);
+        frames = qgrender::Camera::framing(lo, hi, 30, 18, 26);
     }
 
     static void bounds(const GmTriangleMesh& cloth, const GmTriangleMesh& body, Vec& lo, Vec& hi) {
@@ -275,15 +275,15 @@ struct Pictures {
 
     // The view fitted to the scene as it is (the final picture).
     static qgrender::Camera fitted(const GmTriangleMesh& cloth, const GmTriangleMesh& body) {
-        Vec lo, hi;
-        bounds(cloth, body, lo, hi);
-        return qgrender::Camera::framing(lo, hi, 30, 28, 26);
+        Positions points = cloth.getVertices();
+        points.insert(points.end(), body.getVertices().begin(), body.getVertices().end());
+        return qgrender::Camera::framing(points, 30, 18, 26);
     }
 
     bool write(const std::string& path, const qgrender::Camera& camera, const Options& o, const GmTriangleMesh& cloth,
                const GmTriangleMesh& body, const GmBoundingTree& clothTree, const std::vector<char>& touched) {
         if (!ok) return false;
-        const qgrender::Rgb clothColour{0.3f, 0.5f, 0.85f}, contactColour{0.9f, 0.12f, 0.08f};
+        const qgrender::Rgb clothColour{0.4f, 0.58f, 0.82f}, contactColour{0.9f, 0.12f, 0.08f};
         renderer.begin(camera, {1.0f, 1.0f, 1.0f});
         renderer.drawMesh(body, {0.78f, 0.76f, 0.72f});
         std::vector<qgrender::Rgb> colours;

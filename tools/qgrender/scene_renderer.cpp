@@ -28,8 +28,8 @@ void SceneRenderer::begin(const Camera& camera, Rgb background) {
     glMatrixMode(GL_MODELVIEW);
     glLoadIdentity();
     const GLfloat key[4] = {-0.4f, 0.6f, 0.7f, 0.0f}, fill[4] = {0.6f, -0.2f, 0.4f, 0.0f};
-    const GLfloat keyColour[4] = {0.75f, 0.75f, 0.72f, 1}, fillColour[4] = {0.25f, 0.26f, 0.3f, 1};
-    const GLfloat ambient[4] = {0.22f, 0.22f, 0.24f, 1}, specular[4] = {0.15f, 0.15f, 0.15f, 1};
+    const GLfloat keyColour[4] = {0.85f, 0.84f, 0.8f, 1}, fillColour[4] = {0.3f, 0.31f, 0.36f, 1};
+    const GLfloat ambient[4] = {0.12f, 0.12f, 0.14f, 1}, specular[4] = {0.2f, 0.2f, 0.2f, 1};
     glLightfv(GL_LIGHT0, GL_POSITION, key);
     glLightfv(GL_LIGHT0, GL_DIFFUSE, keyColour);
     glLightfv(GL_LIGHT0, GL_SPECULAR, specular);
