@@ -273,10 +273,14 @@ struct Pictures {
                 }
     }
 
-    // The view fitted to the scene as it is (the final picture).
-    static qgrender::Camera fitted(const GmTriangleMesh& cloth, const GmTriangleMesh& body) {
+    // The view fitted to the scene as it is (the final picture), boxes included when drawn.
+    static qgrender::Camera fitted(const GmTriangleMesh& cloth, const GmTriangleMesh& body, const GmBoundingTree& tree,
+                                   bool boxes) {
         Positions points = cloth.getVertices();
         points.insert(points.end(), body.getVertices().begin(), body.getVertices().end());
+        const GmAxisAlignedBox& root = tree.getHierarchy()->getRoot().box;
+        for (int k = 0; boxes && k < 8; ++k)
+            points.emplace_back(k & 1 ? root.maxX : root.minX, k & 2 ? root.maxY : root.minY, k & 4 ? root.maxZ : root.minZ);
         return qgrender::Camera::framing(points, 30, 18, 26);
     }
 
@@ -422,8 +426,8 @@ int main(int argc, char** argv) {
     if (sphere) std::printf(", closest vertex %.3g above the sphere surface", closestToBody);
     std::printf("\n\n");
     total.print(std::cout);
-    if (!opt.finalPng.empty() &&
-        pictures.write(opt.finalPng, Pictures::fitted(cloth, body), opt, cloth, body, clothTree, touched))
+    const qgrender::Camera finalView = Pictures::fitted(cloth, body, clothTree, opt.level >= 0);
+    if (!opt.finalPng.empty() && pictures.write(opt.finalPng, finalView, opt, cloth, body, clothTree, touched))
         std::printf("\nfinal picture: %s\n", opt.finalPng.c_str());
     else if (!opt.finalPng.empty())
         std::fprintf(stderr, "\nno final picture: %s\n", pictures.error.c_str());
