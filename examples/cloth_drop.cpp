@@ -195,8 +195,9 @@ StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree&
 
         std::fill(firstTime.begin(), firstTime.end(), 2.0);
         auto mark = [&](int v, double t) {
-            if (v >= 0) firstTime[v] = std::min(firstTime[v], t);
-            if (v >= 0) touched[v] = 1;
+            if (v < 0) return;
+            firstTime[v] = std::min(firstTime[v], t);
+            touched[v] = 1;
         };
         for (const auto& c : selfContacts)
             for (int v : c.vertexIndices) mark(v, c.time);
@@ -245,9 +246,10 @@ void writeFrame(const Options& o, const char* name, int index, const GmTriangleM
     if (!qgtools::writeObj(o.framesDir + file, mesh)) std::fprintf(stderr, "cannot write %s%s\n", o.framesDir.c_str(), file);
 }
 
-// Pictures of the scene, rendered offscreen from a fixed camera: the body, the cloth (vertices in
-// contacts of the step in red with --contacts) and with --level the boxes of one level of the
-// cloth's swept hierarchy as the library draws them.
+// Pictures of the scene, rendered offscreen (frames from one fixed camera, the final picture fitted
+// to the final state): the body, the cloth (vertices in contacts of the step in red with
+// --contacts) and with --level the boxes of one level of the cloth's swept hierarchy as the
+// library draws them.
 struct Pictures {
     qgrender::SceneRenderer renderer;
     qgrender::Camera frames;  // the same view for every frame: the scene at the start and below it
