@@ -20,6 +20,10 @@
 //                merged into one mesh that intersects itself, classified once
 //                (SelfIntersectionInfo) and queried with that classification
 //   --frames DIR write the cloth as OBJ every K steps (default 10) and the body once
+//   --png DIR    write a picture of the scene (PNG) every K steps
+//   --level L    draw the boxes of level L of the cloth's hierarchy on the pictures
+//   --contacts   colour the cloth's vertices in contacts of the step on the pictures
+//   --final FILE picture of the final state (default cloth_drop_final.png in the build folder)
 
 #include <algorithm>
 #include <chrono>
@@ -27,6 +31,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -37,6 +42,7 @@
 #include "qgtools/mesh_io.h"
 #include "qgtools/pinch_scenes.h"
 #include "qgtools/shapes.h"
+#include "qgrender/scene_renderer.h"
 
 using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
@@ -64,6 +70,9 @@ struct Options {
     std::string body = "sphere";
     std::string framesDir;
     int every = 10;
+    std::string pngDir, finalPng = QG_EXAMPLE_OUTPUT_DIR "/cloth_drop_final.png";
+    int level = -1;
+    bool contacts = false;
 };
 
 bool parse(int argc, char** argv, Options& o) {
@@ -75,6 +84,10 @@ bool parse(int argc, char** argv, Options& o) {
         else if (a == "--body" && hasValue) o.body = argv[++i];
         else if (a == "--frames" && hasValue) o.framesDir = argv[++i];
         else if (a == "--every" && hasValue) o.every = std::max(1, std::atoi(argv[++i]));
+        else if (a == "--png" && hasValue) o.pngDir = argv[++i];
+        else if (a == "--level" && hasValue) o.level = std::atoi(argv[++i]);
+        else if (a == "--contacts") o.contacts = true;
+        else if (a == "--final" && hasValue) o.finalPng = argv[++i];
         else return false;
     }
     return o.size >= 2 && o.steps >= 0 && (o.body == "sphere" || o.body == "bunny" || o.body == "pinched");
@@ -169,7 +182,8 @@ void rewind(const GmTriangleMesh& cloth, Positions& end, const std::vector<doubl
 
 StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree& clothTree,
                           const GmBoundingTree& bodyTree, const Positions& bodyPositions,
-                          const SelfIntersectionInfo* bodyPinch, GmBVHMetrics& metrics) {
+                          const SelfIntersectionInfo* bodyPinch, GmBVHMetrics& metrics,
+                          std::vector<char>& touched) {
     StepStats st;
     std::vector<GmContinuousTimeIntersectionInfo> selfContacts, bodyContacts;
     std::vector<double> firstTime(end.size());
@@ -193,7 +207,9 @@ StepStats resolveContacts(GmTriangleMesh& cloth, Positions& end, GmBoundingTree&
 
         std::fill(firstTime.begin(), firstTime.end(), 2.0);
         auto mark = [&](int v, double t) {
-            if (v >= 0) firstTime[v] = std::min(firstTime[v], t);
+            if (v < 0) return;
+            firstTime[v] = std::min(firstTime[v], t);
+            touched[v] = 1;
         };
         for (const auto& c : selfContacts)
             for (int v : c.vertexIndices) mark(v, c.time);
@@ -246,14 +262,71 @@ void writeFrame(const Options& o, const char* name, int index, const GmTriangleM
     if (!qgtools::writeObj(o.framesDir + file, mesh)) std::fprintf(stderr, "cannot write %s%s\n", o.framesDir.c_str(), file);
 }
 
+// Pictures of the scene, rendered offscreen (frames from one fixed camera, the final picture fitted
+// to the final state): the body, the cloth (vertices in contacts of the step in red with
+// --contacts) and with --level the boxes of one level of the cloth's swept hierarchy as the
+// library draws them.
+struct Pictures {
+    qgrender::SceneRenderer renderer;
+    qgrender::Camera frames;  // the same view for every frame: the scene at the start and below it
+    std::string error;
+    bool ok = false;
+
+    Pictures(const GmTriangleMesh& cloth, const GmTriangleMesh& body) {
+        ok = renderer.create(640, 480, 2, &error);
+        Vec lo, hi;
+        bounds(cloth, body, lo, hi);
+        lo.z -= 0.25 * (hi.x - lo.x);  // room for the hanging cloth
+        frames = qgrender::Camera::framing(lo, hi, 30, 18, 26);
+    }
+
+    static void bounds(const GmTriangleMesh& cloth, const GmTriangleMesh& body, Vec& lo, Vec& hi) {
+        lo = Vec(1e30, 1e30, 1e30);
+        hi = -lo;
+        for (const GmTriangleMesh* m : {&cloth, &body})
+            for (const Vec& v : m->getVertices())
+                for (int a = 0; a < 3; ++a) {
+                    lo[a] = std::min(lo[a], v[a]);
+                    hi[a] = std::max(hi[a], v[a]);
+                }
+    }
+
+    // The view fitted to the scene as it is (the final picture), boxes included when drawn.
+    static qgrender::Camera fitted(const GmTriangleMesh& cloth, const GmTriangleMesh& body, const GmBoundingTree& tree,
+                                   bool boxes) {
+        Positions points = cloth.getVertices();
+        points.insert(points.end(), body.getVertices().begin(), body.getVertices().end());
+        const GmAxisAlignedBox& root = tree.getHierarchy()->getRoot().box;
+        for (int k = 0; boxes && k < 8; ++k)
+            points.emplace_back(k & 1 ? root.maxX : root.minX, k & 2 ? root.maxY : root.minY, k & 4 ? root.maxZ : root.minZ);
+        return qgrender::Camera::framing(points, 30, 18, 26);
+    }
+
+    bool write(const std::string& path, const qgrender::Camera& camera, const Options& o, const GmTriangleMesh& cloth,
+               const GmTriangleMesh& body, const GmBoundingTree& clothTree, const std::vector<char>& touched) {
+        if (!ok) return false;
+        const qgrender::Rgb clothColour{0.4f, 0.58f, 0.82f}, contactColour{0.9f, 0.12f, 0.08f};
+        renderer.begin(camera, {1.0f, 1.0f, 1.0f});
+        renderer.drawMesh(body, {0.78f, 0.76f, 0.72f});
+        std::vector<qgrender::Rgb> colours;
+        if (o.contacts)
+            for (char t : touched) colours.push_back(t ? contactColour : clothColour);
+        renderer.drawMesh(cloth, clothColour, &colours);
+        if (o.level >= 0) renderer.drawTreeLevel(clothTree, o.level, {0.05f, 0.35f, 0.1f});
+        if (renderer.savePng(path, &error)) return true;
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return false;
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Options opt;
     if (!parse(argc, argv, opt)) {
         std::fprintf(stderr,
-                     "usage: %s [--size N] [--steps S] [--body sphere|bunny|pinched] [--frames DIR] [--every K]\n",
-                     argv[0]);
+                     "usage: %s [--size N] [--steps S] [--body sphere|bunny|pinched] [--frames DIR] [--every K]\n"
+                     "       [--png DIR] [--level L] [--contacts] [--final FILE]\n", argv[0]);
         return 2;
     }
     const bool sphere = opt.body == "sphere";
@@ -292,6 +365,21 @@ int main(int argc, char** argv) {
     }
     writeFrame(opt, "body", -1, body);
     writeFrame(opt, "cloth", 0, cloth);
+    Pictures pictures(cloth, body);
+    std::vector<char> touched(end.size(), 0);  // cloth vertices in contacts of the step
+    auto picture = [&](int step) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/cloth_%04d.png", step);
+        return pictures.write(opt.pngDir + name, pictures.frames, opt, cloth, body, clothTree, touched);
+    };
+    if (!opt.pngDir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(opt.pngDir, ec);
+        if (!pictures.ok || !picture(0)) {
+            std::fprintf(stderr, "cannot write pictures to %s: %s\n", opt.pngDir.c_str(), pictures.error.c_str());
+            return 2;
+        }
+    }
 
     GmBVHMetrics total, batch;
     long long selfTotal = 0, bodyTotal = 0, iterationsTotal = 0;
@@ -314,7 +402,8 @@ int main(int argc, char** argv) {
 
         // 2. Continuous-time collision with itself and the body, until the motion is free.
         GmBVHMetrics metrics;
-        const StepStats st = resolveContacts(cloth, end, clothTree, bodyTree, bodyPositions, bodyInfo, metrics);
+        const StepStats st =
+            resolveContacts(cloth, end, clothTree, bodyTree, bodyPositions, bodyInfo, metrics, touched);
         if (!st.resolved) ++unresolvedSteps;
 
         // 3. Accept the motion.
@@ -340,6 +429,7 @@ int main(int argc, char** argv) {
                         batch.narrowPhaseTests(), batch.vertexFaceSuccesses(), batch.edgeEdgeSuccesses());
             std::fflush(stdout);
             writeFrame(opt, "cloth", step, cloth);
+            if (!opt.pngDir.empty()) picture(step);
             batch.reset();
             batchSeconds = 0.0;
             batchSelf = batchBody = batchIterations = 0;
@@ -385,5 +475,10 @@ int main(int argc, char** argv) {
     if (pinchedBody) std::printf(", %d inside the union of the two spheres (analytic)", insideUnion);
     std::printf("\n\n");
     total.print(std::cout);
+    const qgrender::Camera finalView = Pictures::fitted(cloth, body, clothTree, opt.level >= 0);
+    if (!opt.finalPng.empty() && pictures.write(opt.finalPng, finalView, opt, cloth, body, clothTree, touched))
+        std::printf("\nfinal picture: %s\n", opt.finalPng.c_str());
+    else if (!opt.finalPng.empty())
+        std::fprintf(stderr, "\nno final picture: %s\n", pictures.error.c_str());
     return crossings.empty() && inside == 0 && insideUnion == 0 ? 0 : 1;
 }

@@ -7,6 +7,9 @@ packages=(cmake make g++ pkg-config libtbb-dev libgtest-dev libgmock-dev libtiny
           libgmp-dev libmpfr-dev libgl-dev libglu1-mesa-dev
           pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib "$@")
 
+# Offscreen pictures of the examples and the drawing test.
+packages+=(libosmesa6-dev libpng-dev)
+
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
