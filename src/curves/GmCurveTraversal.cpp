@@ -86,14 +86,16 @@ struct PairLeaves {
     }
 };
 
-// Two leaves of one tree: adjacency first, then the boxes.
+// Two leaves of one tree: adjacent pairs are skipped, the others tested on overlapping boxes.
+// (The boxes are compared first: they are at hand, the adjacency needs the segment records.)
 template <class X>
 struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
     void operator()(const CurveNode& na, const CurveNode& nb) const {
+        if (!na.box.overlaps(nb.box)) return;
         if (skipAdjacent && visitor->isAdjacent(*na.primitive, *nb.primitive)) return;
-        if (na.box.overlaps(nb.box)) (*visitor)(*na.primitive, *nb.primitive);
+        (*visitor)(*na.primitive, *nb.primitive);
     }
 };
 
