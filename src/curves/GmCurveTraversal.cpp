@@ -45,13 +45,21 @@ struct FaceNodes {
     const FaceNode& operator[](std::uint64_t i) const { return first[i]; }
 };
 
-// The curve rules of one node pair for the walk's descent: pruning on the flags and the boxes;
-// two leaves go to `leaves`, which tests the leaf boxes itself.
+// The curve rules of one node pair for the walk's descent. Pairs are handed to visit() only
+// once their boxes are known to overlap (seeds through overlap(), child pairs by visit itself
+// before it returns them); visit prunes on the flags, hands two leaves to `leaves` and returns
+// the overlapping child pairs. The same pairs reach the visitor as when every pair is first
+// tested on its own: both filters are free of side effects.
 template <class NodesA, class NodesB, class Leaves>
 class CurveStep {
 public:
     CurveStep(NodesA a, NodesB b, bool pruneDisabled, Leaves& leaves)
         : _a(a), _b(b), _pruneDisabled(pruneDisabled), _leaves(leaves) {}
+
+    template <class Index>
+    bool overlap(Index a, Index b) const {
+        return _a[a].box.overlaps(_b[b].box);
+    }
 
     template <class Index>
     int visit(Index a, Index b, BasicNodePair<Index> next[4]) {
@@ -65,8 +73,11 @@ public:
             _leaves(na, nb);
             return 0;
         }
-        if (!na.box.overlaps(nb.box)) return 0;
-        return childPairs(a, leafA, b, leafB, next);
+        const int n = childPairs(a, leafA, b, leafB, next);
+        int m = 0;
+        for (int k = 0; k < n; ++k)
+            if (overlap(next[k].a, next[k].b)) next[m++] = next[k];
+        return m;
     }
 
 private:
@@ -76,24 +87,22 @@ private:
     Leaves& _leaves;
 };
 
-// Two leaves of two trees: the visitor on overlapping boxes.
+// Two leaves of two trees (boxes overlapping): the visitor.
 template <class X>
 struct PairLeaves {
     X* visitor;
     template <class NA, class NB>
     void operator()(const NA& na, const NB& nb) const {
-        if (na.box.overlaps(nb.box)) (*visitor)(*na.primitive, *nb.primitive);
+        (*visitor)(*na.primitive, *nb.primitive);
     }
 };
 
-// Two leaves of one tree: adjacent pairs are skipped, the others tested on overlapping boxes.
-// (The boxes are compared first: they are at hand, the adjacency needs the segment records.)
+// Two leaves of one tree (boxes overlapping): adjacent pairs are skipped.
 template <class X>
 struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
     void operator()(const CurveNode& na, const CurveNode& nb) const {
-        if (!na.box.overlaps(nb.box)) return;
         if (skipAdjacent && visitor->isAdjacent(*na.primitive, *nb.primitive)) return;
         (*visitor)(*na.primitive, *nb.primitive);
     }
@@ -147,17 +156,21 @@ public:
             CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
             std::vector<Pair> stack;
             stack.reserve(tree.stackHeight() + 4);
-            for (std::uint64_t k = 0; k < internal; ++k)
-                descendPairs(step, stack, static_cast<Index>(2 * k + 1), static_cast<Index>(2 * k + 2));
+            for (std::uint64_t k = 0; k < internal; ++k) {
+                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+            }
         };
 
         auto parallel = [&] {
             const std::uint64_t split = std::min(internal, kSplitNodes);
             std::vector<Pair> seeds;
-            for (std::uint64_t k = 0; k < split; ++k)
-                seeds.push_back({static_cast<Index>(2 * k + 1), static_cast<Index>(2 * k + 2)});
             NoLeaves none;
             CurveStep<CurveNodes, CurveNodes, NoLeaves> top(nodes, nodes, pruneDisabled, none);
+            for (std::uint64_t k = 0; k < split; ++k) {
+                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                if (top.overlap(a, b)) seeds.push_back({a, b});
+            }
             auto leafPair = [&nodes](const Pair& p) {
                 return nodes[p.a].primitive != nullptr && nodes[p.b].primitive != nullptr;
             };
@@ -189,8 +202,10 @@ public:
                     const std::uint64_t root = firstRoot + static_cast<std::uint64_t>(k - numFrontier);
                     for (std::uint64_t from = root, width = 1; from < internal; from = 2 * from + 1, width *= 2) {
                         const std::uint64_t to = std::min(from + width, internal);
-                        for (std::uint64_t i = from; i < to; ++i)
-                            descendPairs(step, stack, static_cast<Index>(2 * i + 1), static_cast<Index>(2 * i + 2));
+                        for (std::uint64_t i = from; i < to; ++i) {
+                            const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
+                            if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                        }
                     }
                 }
                 count.fetch_add(worker.numberTests, std::memory_order_relaxed);
@@ -218,7 +233,7 @@ public:
             PairLeaves<X> leaves{&visitor};
             CurveStep<CurveNodes, CurveNodes, PairLeaves<X>> step(na, nb, pruneDisabled, leaves);
             std::vector<Pair> stack;
-            descendPairs(step, stack, Index(0), Index(0));
+            if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
         };
 
         auto parallel = [&] {
@@ -226,7 +241,9 @@ public:
             CurveStep<CurveNodes, CurveNodes, NoLeaves> top(na, nb, pruneDisabled, none);
             auto leafPair = [&](const Pair& p) { return na[p.a].primitive != nullptr && nb[p.b].primitive != nullptr; };
             auto coarse = [](const Pair&) { return false; };
-            const std::vector<Pair> frontier = expandPairs(top, std::vector<Pair>{{0, 0}}, kFrontierSize, leafPair, coarse);
+            std::vector<Pair> seeds;
+            if (top.overlap(Index(0), Index(0))) seeds.push_back({0, 0});
+            const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
             std::vector<typename X::Record>& out = *visitor.results;
             GmParallel::ThreadResults<typename X::Record> local(out);
             std::atomic<std::uint64_t> count{0};
@@ -258,7 +275,7 @@ public:
         CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(),
                                                             leaves);
         std::vector<BasicNodePair<Index>> stack;
-        descendPairs(step, stack, Index(0), Index(0));
+        if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
     }
 };
 
