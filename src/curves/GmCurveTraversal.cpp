@@ -3,6 +3,7 @@
 // the parallel frame when multithreading is on.
 
 #include <atomic>
+#include <type_traits>
 #include <cstdint>
 #include <vector>
 
@@ -103,8 +104,16 @@ struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
     void operator()(const CurveNode& na, const CurveNode& nb) const {
-        if (skipAdjacent && visitor->isAdjacent(*na.primitive, *nb.primitive)) return;
+        if (skipAdjacent && adjacent(na.primitive, nb.primitive)) return;
         (*visitor)(*na.primitive, *nb.primitive);
+    }
+    // For <3> the rule reduces to the records: a set's segments lie in one array in primitive
+    // order, a curve's segments have consecutive indices and segment numbers, so two segments
+    // are adjacent exactly when at most two records apart and of one curve.
+    bool adjacent(const GmCurveSegment* a, const GmCurveSegment* b) const {
+        if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
+            return a - b <= 2 && b - a <= 2 && a->curve == b->curve;
+        return visitor->isAdjacent(*a, *b);
     }
 };
 

@@ -70,6 +70,7 @@ private:
     std::vector<std::uint64_t> stopSegment;
     std::vector<std::uint64_t> primitiveSegment;
     std::vector<std::uint64_t> curveFirstPrimitive;
-    // The records behind `primitives`, in one block shared by copies.
+    // The records behind `primitives`, in one block in primitive order (the self traversal
+    // relies on it), shared by copies.
     std::shared_ptr<const std::vector<GmCurveSegment>> _records;
 };
