@@ -1,6 +1,7 @@
 #include <quarrygeom/curves/GmSegmentKernels.h>
 
 #include <cfloat>
+#include <algorithm>
 #include <cmath>
 
 #include <quarrygeom/primitives/GmGeometry.h>
@@ -27,6 +28,12 @@ namespace GmSegmentKernels {
 bool segmentSegment(const GmTVector<double>& p0, const GmTVector<double>& p1, double rp0, double rp1,
                     const GmTVector<double>& q0, const GmTVector<double>& q1, double rq0, double rq1,
                     GmSegmentSegmentInfo& out) {
+    // Cheap rejection: the segments lie within half their lengths of their midpoints, so centres
+    // farther apart than the half lengths plus the largest radii cannot give a contact (nor a
+    // crossing). The margin covers the rounding of this bound.
+    const GmTVector<double> centres = (p0 + p1) * 0.5 - (q0 + q1) * 0.5;
+    const double reach = 0.5 * ((p1 - p0).length() + (q1 - q0).length()) + std::max(rp0, rp1) + std::max(rq0, rq1);
+    if (centres.lengthSquared() > reach * reach * (1.0 + 1e-10)) return false;
     const GmSegmentDistance::SegmentSegmentResult r = GmSegmentDistance::segmentSegment(p0, p1, q0, q1);
     const double ra = rp0 + r.s * (rp1 - rp0);
     const double rb = rq0 + r.t * (rq1 - rq0);
