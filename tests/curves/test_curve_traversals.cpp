@@ -357,3 +357,27 @@ TEST(CurveKernels, SegmentContactAgainstSampling) {
     EXPECT_FALSE(GmSegmentKernels::segmentSegment(Vec(0, 0, 0), Vec(2, 0, 0), 0, 0, Vec(1, 1e-9, 0), Vec(3, 1e-9, 0), 0, 0, r));
     EXPECT_TRUE(GmSegmentKernels::segmentSegment(Vec(1, 1, 1), Vec(1, 1, 1), 0, 0, Vec(0, 0, 0), Vec(2, 2, 2), 0, 0, r));
 }
+
+TEST(CurveTraversal, CurveMeshSkipsDisabledFacesUnlessAsked) {
+    // Every crossing through a face that the mask disables is skipped, unless the visitor asks
+    // for disabled faces.
+    const Body body;
+    GmTriangleMesh mesh = body.mesh;
+    GmDisabledData mask(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); f += 3) mask.setFaceDisabled(f);
+    const GmBoundingTree faces(&mesh, &mask);
+    const Strands& s = body.strands;
+    const GmCurves curves(s.segments);
+    const GmCurveBoundingTree tree(curves, s.positions, 0.0, nullptr);
+    for (bool include : {false, true}) {
+        std::vector<GmSegmentFaceInfo> all, results;
+        GmSegmentMeshIntersector reference(all, curves, s.positions, mesh);
+        for (const GmCurveSegment* seg : curves.getPrimitives())
+            for (int f = 0; f < mesh.getNumberFaces(); ++f)
+                if (include || !mask.isDisabled(f)) reference(*seg, mesh.getFace(f));
+        GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
+        visitor.setIntersectDisabled(include);
+        tree.intersect(faces, visitor);
+        EXPECT_EQ(pairsOf(results, false), pairsOf(all, false)) << include;
+    }
+}
