@@ -48,5 +48,24 @@ int main() {
         std::cout << "\n";
     }
     metrics.print(std::cout);
+
+    // 6. Strands: three hairs of 8 segments hanging down through the octahedron, radius 0.02.
+    //    Pairs of segments closer than their radii (neighbours on one strand left out), and the
+    //    segments that pass through the body.
+    GmCurves hair(std::vector<std::size_t>{8, 8, 8});
+    std::vector<GmTVector<double>> strands;
+    for (int c = 0; c < 3; ++c)
+        for (int k = 0; k <= 8; ++k) strands.emplace_back(0.02 * c + 0.05 * k, 0.01 * c, 1.6 - 0.4 * k);
+    std::vector<double> radii(hair.getNumberVertices(), 0.02);
+    GmCurveBoundingTree hairTree(hair, strands, 0.0, &radii);
+    std::vector<GmSegmentSegmentInfo> close;
+    GmSegmentSelfIntersector<3> self(close, hair, strands, &radii);
+    hairTree.selfIntersect(self);
+    std::vector<GmSegmentFaceInfo> crossings;
+    GmSegmentMeshIntersector through(crossings, hair, strands, mesh);
+    hairTree.intersect(tree, through);
+    std::cout << close.size() << " close segment pairs (" << self.getNumberTests() << " tests), "
+              << crossings.size() << " segment-face crossings\n";
+    if (!crossings.empty()) std::cout << crossings.front();
     return 0;
 }

@@ -249,29 +249,12 @@ WalkSetup pairSetup(const GmBoundingVolumeHierarchy& tree1, const GmBoundingVolu
 template <class Narrow>
 std::vector<NodePair> expandFrontier(PairWalk<Narrow>& walk, const WalkSetup& s, std::vector<NodePair> pairs,
                                      std::size_t target, int fineDepth) {
-    std::vector<NodePair> next;
-    NodePair children[4];
+    auto leafPair = [&s](const NodePair& p) { return s.nodes1[p.a].isLeaf() && s.nodes2[p.b].isLeaf(); };
     auto coarse = [&s, fineDepth](const NodePair& p) {
         return (!s.nodes1[p.a].isLeaf() && heapDepth(p.a) < fineDepth) ||
                (!s.nodes2[p.b].isLeaf() && heapDepth(p.b) < fineDepth);
     };
-    for (;;) {
-        const bool all = pairs.size() < target;
-        next.clear();
-        bool expanded = false;
-        for (const NodePair& p : pairs) {
-            if ((s.nodes1[p.a].isLeaf() && s.nodes2[p.b].isLeaf()) || !(all || coarse(p))) {
-                next.push_back(p);
-                continue;
-            }
-            expanded = true;
-            const int n = walk.visit(p.a, p.b, children);
-            next.insert(next.end(), children, children + n);
-        }
-        pairs.swap(next);
-        if (!expanded) break;
-    }
-    return pairs;
+    return expandPairs(walk, std::move(pairs), target, leafPair, coarse);
 }
 
 // The descents of every internal node in the subtree under `root`, level by level.

@@ -44,10 +44,86 @@ namespace GmBVHCollision {
 
 using Node = GmBoundingVolumeHierarchy::Node;
 
-struct NodePair {
-    int a;
-    int b;
+// A pair of nodes, one from each tree, by heap index.
+template <class Index>
+struct BasicNodePair {
+    Index a;
+    Index b;
 };
+using NodePair = BasicNodePair<int>;
+
+// The pairs that replace a pair of overlapping nodes that are not both leaves, in walk order: a
+// leaf against an internal node gives the leaf against each child, two internal nodes the four
+// child pairs. Returns their number (2 or 4).
+template <class Index>
+inline int childPairs(Index a, bool leafA, Index b, bool leafB, BasicNodePair<Index> next[4]) {
+    if (leafA) {
+        next[0] = {a, 2 * b + 1};
+        next[1] = {a, 2 * b + 2};
+        return 2;
+    }
+    if (leafB) {
+        next[0] = {2 * a + 1, b};
+        next[1] = {2 * a + 2, b};
+        return 2;
+    }
+    next[0] = {2 * a + 1, 2 * b + 1};
+    next[1] = {2 * a + 1, 2 * b + 2};
+    next[2] = {2 * a + 2, 2 * b + 1};
+    next[3] = {2 * a + 2, 2 * b + 2};
+    return 4;
+}
+
+// Depth-first descent from one pair with an explicit stack (cleared first). step.visit(a, b,
+// next) examines a pair and returns the number of pairs that replace it; the first of them is
+// continued at once, the others are pushed.
+template <class Step, class Index>
+void descendPairs(Step& step, std::vector<BasicNodePair<Index>>& stack, Index a, Index b) {
+    BasicNodePair<Index> next[4];
+    stack.clear();
+    for (;;) {
+        const int n = step.visit(a, b, next);
+        if (n > 0) {
+            for (int k = n - 1; k >= 1; --k) stack.push_back(next[k]);
+            a = next[0].a;
+            b = next[0].b;
+            continue;
+        }
+        if (stack.empty()) return;
+        a = stack.back().a;
+        b = stack.back().b;
+        stack.pop_back();
+    }
+}
+
+// Breadth-first expansion of seed pairs for a parallel walk: while fewer than `target` pairs
+// remain, or some pair is still `coarse`, every pair that is not two leaves is examined by
+// step.visit (exactly as the descent would) and replaced by its child pairs. Stops when a round
+// expands nothing. The pairs returned are still to be examined.
+template <class Step, class Index, class LeafPair, class Coarse>
+std::vector<BasicNodePair<Index>> expandPairs(Step& step, std::vector<BasicNodePair<Index>> pairs,
+                                              std::size_t target, const LeafPair& leafPair,
+                                              const Coarse& coarse) {
+    std::vector<BasicNodePair<Index>> next;
+    BasicNodePair<Index> children[4];
+    for (;;) {
+        const bool all = pairs.size() < target;
+        next.clear();
+        bool expanded = false;
+        for (const BasicNodePair<Index>& p : pairs) {
+            if (leafPair(p) || !(all || coarse(p))) {
+                next.push_back(p);
+                continue;
+            }
+            expanded = true;
+            const int n = step.visit(p.a, p.b, children);
+            next.insert(next.end(), children, children + n);
+        }
+        pairs.swap(next);
+        if (!expanded) break;
+    }
+    return pairs;
+}
 
 // Query-wide, read-only description of one walk.
 struct WalkSetup {
@@ -120,42 +196,11 @@ public:
         _metrics.addBroadPhaseTest();
         if (!na.box.overlaps(nb.box)) return 0;
         _metrics.addBroadPhaseSuccess();
-        if (leafA) {
-            next[0] = {a, 2 * b + 1};
-            next[1] = {a, 2 * b + 2};
-            return 2;
-        }
-        if (leafB) {
-            next[0] = {2 * a + 1, b};
-            next[1] = {2 * a + 2, b};
-            return 2;
-        }
-        next[0] = {2 * a + 1, 2 * b + 1};
-        next[1] = {2 * a + 1, 2 * b + 2};
-        next[2] = {2 * a + 2, 2 * b + 1};
-        next[3] = {2 * a + 2, 2 * b + 2};
-        return 4;
+        return childPairs(a, leafA, b, leafB, next);
     }
 
-    // Depth-first descent from one pair with an explicit stack: the first child pair is
-    // continued at once, the others are pushed.
-    void descend(int a, int b) {
-        NodePair next[4];
-        _stack.clear();
-        for (;;) {
-            const int n = visit(a, b, next);
-            if (n > 0) {
-                for (int k = n - 1; k >= 1; --k) _stack.push_back(next[k]);
-                a = next[0].a;
-                b = next[0].b;
-                continue;
-            }
-            if (_stack.empty()) return;
-            a = _stack.back().a;
-            b = _stack.back().b;
-            _stack.pop_back();
-        }
-    }
+    // Depth-first descent from one pair (descendPairs).
+    void descend(int a, int b) { descendPairs(*this, _stack, a, b); }
 
     // One entry of the orphan pass: the two faces and the entry's tests already combined with
     // the caller's.

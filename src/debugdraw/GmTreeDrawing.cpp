@@ -1,6 +1,10 @@
 // Debug drawing of hierarchy boxes into the host's current GL_LINES primitive.
 
+#include <algorithm>
+#include <cstdint>
+
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
+#include <quarrygeom/curves/GmGenericBoundingTree.h>
 
 #ifdef QUARRYGEOM_HAVE_OPENGL
 #include <GL/gl.h>
@@ -34,6 +38,21 @@ void GmBoundingVolumeHierarchy::drawTree(int level) const {
     else
         getLeafRange(first, last);
     for (int i = first; i < last; ++i) drawBox(_nodes[static_cast<size_t>(i)].box);
+#else
+    (void)level;
+#endif
+}
+
+void GmGenericBoundingTree<GmCurves>::drawTree(int level) const {
+#ifdef QUARRYGEOM_HAVE_OPENGL
+    if (level < 0 || nodes.empty()) return;
+    if (static_cast<std::uint64_t>(level) >= depth) {
+        for (const std::uint64_t pos : leaves) drawBox(nodes[pos].box);
+        return;
+    }
+    const std::uint64_t first = (std::uint64_t(1) << level) - 1;
+    const std::uint64_t last = std::min<std::uint64_t>(2 * first + 1, numberNodes);
+    for (std::uint64_t i = first; i < last; ++i) drawBox(getNode(i).box);
 #else
     (void)level;
 #endif

@@ -216,12 +216,6 @@ public:
     // Debug drawing of one level (or of all leaves) as GL line segments.
     void drawTree(int level) const;
 
-    // Segments of a curve tree whose leaf boxes overlap leaf boxes of this tree, reached by a
-    // simultaneous descent from both roots (CurveTree: getNode(i), empty(), nodes with box and
-    // primitive). Segments are appended once per overlapping leaf pair.
-    template <typename CurveTree, typename Segment>
-    void getCurveIntersectCandidates(const CurveTree& curveTree, std::vector<const Segment*>& segments) const;
-
     // Collision traversals (implemented in GmBVHCollision.cpp)
     bool continuousTimeSelfIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,
                                      const std::vector<GmTVector<double>>& positions,
@@ -280,6 +274,16 @@ protected:
     int insideByRayParity(const GmTVector<double>& p, bool includeDisabled) const;
 
 private:
+    // The curve tree asks for the candidates below (GmGenericBoundingTree::getIntersectCandidates).
+    template <class Topology>
+    friend class GmGenericBoundingTree;
+
+    // Segments of a curve tree whose leaf boxes overlap leaf boxes of this tree, reached by a
+    // simultaneous descent from both roots (CurveTree: getNode(i), empty(), nodes with box and
+    // primitive). Segments are appended once per overlapping leaf pair.
+    template <typename CurveTree, typename Segment>
+    void getCurveIntersectCandidates(const CurveTree& curveTree, std::vector<const Segment*>& segments) const;
+
     template <int N>
     void _build(const std::vector<GmTVector<double>>* positions, double thickness, const GmDisabledData* disabled,
                 const GmFrozenData* frozen);

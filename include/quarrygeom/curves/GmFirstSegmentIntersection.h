@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <quarrygeom/core/GmExport.h>
+#include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/curves/GmIntersectorBase.h>
+#include <quarrygeom/curves/GmPrimitiveInterferenceInfo.h>
+
+class GmTriangleMesh;
+class GmTriangleFace;
+
+// Visitor of the curve-triangle traversal that keeps one hit of a strand against a mesh (the
+// same segment-face test as GmSegmentMeshIntersector). A visit returns at once when the kept
+// hit's segment comes before the visited one; otherwise it counts a test, and a hit (counted)
+// replaces the kept one only when the kept one's ray parameter is strictly greater. So the kept
+// hit is the one with the smallest ray parameter among the segments up to the kept one's, which
+// is not necessarily the hit nearest the root. The curve traversals always run this visitor on
+// the calling thread.
+class QUARRYGEOM_API GmFirstSegmentIntersection : public GmIntersectorBase {
+public:
+    using Record = GmSegmentFaceInfo;
+
+    GmFirstSegmentIntersection(const std::vector<GmTVector<double>>& positions, const GmTriangleMesh& mesh);
+    GmFirstSegmentIntersection(const GmFirstSegmentIntersection& other);
+    GmFirstSegmentIntersection& operator=(const GmFirstSegmentIntersection& other);
+
+    void operator()(const GmCurveSegment& segment, const GmTriangleFace& face);
+
+    // The kept hit; null when there was none.
+    const Record* getResult() const { return best; }
+    std::uint64_t getNumberIntersections() const { return numberIntersections; }
+    std::uint64_t getNumberTests() const { return numberTests; }
+
+private:
+    Record records[2];
+    int scratch = 0;
+    const Record* best = nullptr;
+    const std::vector<GmTVector<double>>* positions;
+    const GmTriangleMesh* mesh;
+    std::uint64_t numberTests = 0;
+    std::uint64_t numberIntersections = 0;
+};

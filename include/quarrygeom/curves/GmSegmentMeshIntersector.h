@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <quarrygeom/core/GmExport.h>
+#include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/curves/GmCurves.h>
+#include <quarrygeom/curves/GmIntersectorBase.h>
+#include <quarrygeom/curves/GmPrimitiveInterferenceInfo.h>
+
+class GmTriangleMesh;
+class GmTriangleFace;
+
+// Visitor of the curve-triangle traversal: every segment that passes through a face
+// (GmSegmentKernels::segmentTriangle with tolerance 0: the ray from vertex0 towards vertex1
+// meets the face at a parameter of at most 1 + 1e-8). Every hit is appended (index1 the
+// segment, index2 the face, index3 -1); every visit counts one test. The face corners are read
+// from the mesh's vertices.
+class QUARRYGEOM_API GmSegmentMeshIntersector : public GmIntersectorBase {
+public:
+    using Record = GmSegmentFaceInfo;
+
+    GmSegmentMeshIntersector(std::vector<Record>& results, const GmCurves& curves,
+                             const std::vector<GmTVector<double>>& positions, const GmTriangleMesh& mesh);
+
+    void operator()(const GmCurveSegment& segment, const GmTriangleFace& face);
+
+    std::uint64_t getNumberTests() const { return numberTests; }
+
+private:
+    std::vector<Record>* results;
+    const GmCurves* curves;
+    const std::vector<GmTVector<double>>* positions;
+    const GmTriangleMesh* mesh;
+    std::uint64_t numberTests = 0;
+};

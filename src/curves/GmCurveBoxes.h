@@ -1,0 +1,49 @@
+#pragma once
+
+// Leaf boxes of the curve tree (not installed): the one place where a segment's box is made.
+
+#include <algorithm>
+#include <vector>
+
+#include <quarrygeom/core/GmAxisAlignedBox.h>
+#include <quarrygeom/core/GmTVector.h>
+#include <quarrygeom/curves/GmCurveSegment.h>
+
+namespace GmCurveDetail {
+
+// Padding added to every segment box besides the caller's offset.
+constexpr double kPad = 1e-8;
+
+// What a segment box is made of: the positions, the uniform offset and the optional per-vertex
+// offsets. (A swept mode would add the end positions here.)
+struct BoxInput {
+    const std::vector<GmTVector<double>>* positions = nullptr;
+    double offset = 0.0;
+    const std::vector<double>* offsets = nullptr;
+};
+
+// Box of segment s: min / max over both ends of P -/+ r, padded by offset + 1e-8, computed in
+// double and rounded outwards to float.
+inline GmAxisAlignedBox segmentBox(const BoxInput& in, const GmCurveSegment& s) {
+    const GmTVector<double>& a = (*in.positions)[s.vertex0];
+    const GmTVector<double>& b = (*in.positions)[s.vertex1];
+    const double pad = in.offset + kPad;
+    double lo[3], hi[3];
+    if (in.offsets == nullptr) {
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = std::min(a[k], b[k]);
+            hi[k] = std::max(a[k], b[k]);
+        }
+    } else {
+        const double ra = (*in.offsets)[s.vertex0], rb = (*in.offsets)[s.vertex1];
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = std::min(a[k] - ra, b[k] - rb);
+            hi[k] = std::max(a[k] + ra, b[k] + rb);
+        }
+    }
+    return GmAxisAlignedBox(GmAxisAlignedBox::roundDown(lo[0] - pad), GmAxisAlignedBox::roundDown(lo[1] - pad),
+                            GmAxisAlignedBox::roundDown(lo[2] - pad), GmAxisAlignedBox::roundUp(hi[0] + pad),
+                            GmAxisAlignedBox::roundUp(hi[1] + pad), GmAxisAlignedBox::roundUp(hi[2] + pad));
+}
+
+}  // namespace GmCurveDetail

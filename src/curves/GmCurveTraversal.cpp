@@ -1,0 +1,321 @@
+// Traversals of the curve tree: against itself, another curve tree and a face hierarchy, on the
+// collision walk's descent (GmBVHCollisionWalk.h) with the curve rules as the pair step, and on
+// the parallel frame when multithreading is on.
+
+#include <atomic>
+#include <type_traits>
+#include <cstdint>
+#include <vector>
+
+#include <quarrygeom/core/GmParallel.h>
+#include <quarrygeom/curves/GmGenericBoundingTree.h>
+#include <quarrygeom/mesh/GmTriangleMesh.h>
+
+#include "../bvh/GmBVHCollisionWalk.h"
+
+using GmBVHCollision::BasicNodePair;
+using GmBVHCollision::childPairs;
+using GmBVHCollision::descendPairs;
+using GmBVHCollision::expandPairs;
+
+namespace {
+
+typedef GmGenericBoundingTree<GmCurves> CurveTree;
+typedef CurveTree::Node CurveNode;
+typedef GmBoundingVolumeHierarchy::Node FaceNode;
+
+// Parallel walks: seeds are expanded on the calling thread until this many pairs remain and no
+// internal node of a pair lies above kFrontierDepth; the self walk seeds the descents of the
+// top kSplitNodes internal nodes and runs each deeper subtree as one item.
+constexpr std::size_t kFrontierSize = 512;
+constexpr int kFrontierDepth = 9;
+constexpr std::uint64_t kSplitNodes = 127;
+
+inline int heapDepth(std::uint64_t i) { return 63 - __builtin_clzll(i + 1); }
+
+// Node access by heap index: the curve tree stores node i at lastIndex - i, the face hierarchy
+// at i.
+struct CurveNodes {
+    const CurveNode* last;
+    explicit CurveNodes(const CurveTree& t) : last(t.getNodes().data() + (t.getNodes().size() - 1)) {}
+    const CurveNode& operator[](std::uint64_t i) const { return *(last - i); }
+};
+struct FaceNodes {
+    const FaceNode* first;
+    explicit FaceNodes(const GmBoundingVolumeHierarchy& h) : first(h.getNodes().data()) {}
+    const FaceNode& operator[](std::uint64_t i) const { return first[i]; }
+};
+
+// The curve rules of one node pair for the walk's descent. Pairs are handed to visit() only
+// once their boxes are known to overlap (seeds through overlap(), child pairs by visit itself
+// before it returns them); visit prunes on the flags, hands two leaves to `leaves` and returns
+// the overlapping child pairs. The same pairs reach the visitor as when every pair is first
+// tested on its own: both filters are free of side effects.
+template <class NodesA, class NodesB, class Leaves>
+class CurveStep {
+public:
+    CurveStep(NodesA a, NodesB b, bool pruneDisabled, Leaves& leaves)
+        : _a(a), _b(b), _pruneDisabled(pruneDisabled), _leaves(leaves) {}
+
+    template <class Index>
+    bool overlap(Index a, Index b) const {
+        return _a[a].box.overlaps(_b[b].box);
+    }
+
+    template <class Index>
+    int visit(Index a, Index b, BasicNodePair<Index> next[4]) {
+        const auto& na = _a[a];
+        const auto& nb = _b[b];
+        if (_pruneDisabled && (na.disabled || nb.disabled)) return 0;
+        if (na.frozen && nb.frozen) return 0;
+        const bool leafA = na.primitive != nullptr;
+        const bool leafB = nb.primitive != nullptr;
+        if (leafA && leafB) {
+            _leaves(na, nb);
+            return 0;
+        }
+        const int n = childPairs(a, leafA, b, leafB, next);
+        int m = 0;
+        for (int k = 0; k < n; ++k)
+            if (overlap(next[k].a, next[k].b)) next[m++] = next[k];
+        return m;
+    }
+
+private:
+    NodesA _a;
+    NodesB _b;
+    bool _pruneDisabled;
+    Leaves& _leaves;
+};
+
+// Two leaves of two trees (boxes overlapping): the visitor.
+template <class X>
+struct PairLeaves {
+    X* visitor;
+    template <class NA, class NB>
+    void operator()(const NA& na, const NB& nb) const {
+        (*visitor)(*na.primitive, *nb.primitive);
+    }
+};
+
+// Two leaves of one tree (boxes overlapping): adjacent pairs are skipped.
+template <class X>
+struct SelfLeaves {
+    X* visitor;
+    bool skipAdjacent;
+    void operator()(const CurveNode& na, const CurveNode& nb) const {
+        if (skipAdjacent && adjacent(na.primitive, nb.primitive)) return;
+        (*visitor)(*na.primitive, *nb.primitive);
+    }
+    // For <3> the rule reduces to the records: a set's segments lie in one array in primitive
+    // order, a curve's segments have consecutive indices and segment numbers, so two segments
+    // are adjacent exactly when at most two records apart and of one curve.
+    bool adjacent(const GmCurveSegment* a, const GmCurveSegment* b) const {
+        if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
+            return a - b <= 2 && b - a <= 2 && a->curve == b->curve;
+        return visitor->isAdjacent(*a, *b);
+    }
+};
+
+// Leaves of a step that expands inner pairs only (never called).
+struct NoLeaves {
+    template <class NA, class NB>
+    void operator()(const NA&, const NB&) const {}
+};
+
+}  // namespace
+
+// Access to the visitors' result pointers and counters for the parallel walks.
+class GmCurveTraversal {
+public:
+    // A worker's copy of a visitor: results to `out`, counting from 0.
+    template <class X>
+    static X workerCopy(const X& visitor, std::vector<typename X::Record>& out) {
+        X copy(visitor);
+        copy.results = &out;
+        copy.numberTests = 0;
+        return copy;
+    }
+    template <class X>
+    static std::uint64_t tests(const X& v) {
+        return v.numberTests;
+    }
+    template <class X>
+    static void addTests(X& v, std::uint64_t n) {
+        v.numberTests += n;
+    }
+    template <class X>
+    static std::vector<typename X::Record>& results(X& v) {
+        return *v.results;
+    }
+
+    // Self traversal.
+    template <class X>
+    static void self(const CurveTree& tree, X& visitor) {
+        typedef std::uint32_t Index;
+        typedef BasicNodePair<Index> Pair;
+        const std::uint64_t internal = tree.getNumberInternalNodes();
+        if (tree.empty() || internal == 0) return;
+        const CurveNodes nodes(tree);
+        const bool pruneDisabled = !visitor.getIntersectDisabled();
+        const bool skipAdjacent = !visitor.getIntersectAdjacent();
+
+        auto serial = [&] {
+            SelfLeaves<X> leaves{&visitor, skipAdjacent};
+            CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+            std::vector<Pair> stack;
+            stack.reserve(tree.stackHeight() + 4);
+            for (std::uint64_t k = 0; k < internal; ++k) {
+                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+            }
+        };
+
+        auto parallel = [&] {
+            const std::uint64_t split = std::min(internal, kSplitNodes);
+            std::vector<Pair> seeds;
+            NoLeaves none;
+            CurveStep<CurveNodes, CurveNodes, NoLeaves> top(nodes, nodes, pruneDisabled, none);
+            for (std::uint64_t k = 0; k < split; ++k) {
+                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                if (top.overlap(a, b)) seeds.push_back({a, b});
+            }
+            auto leafPair = [&nodes](const Pair& p) {
+                return nodes[p.a].primitive != nullptr && nodes[p.b].primitive != nullptr;
+            };
+            auto coarse = [&nodes](const Pair& p) {
+                return (nodes[p.a].primitive == nullptr && heapDepth(p.a) < kFrontierDepth) ||
+                       (nodes[p.b].primitive == nullptr && heapDepth(p.b) < kFrontierDepth);
+            };
+            const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
+            const int numFrontier = static_cast<int>(frontier.size());
+            // Below the top nodes, one item per subtree rooted on the next level: its descents
+            // level by level.
+            const std::uint64_t firstRoot = split, lastRoot = std::min(internal, 2 * split + 1);
+            const int numItems = numFrontier + static_cast<int>(lastRoot - firstRoot);
+
+            GmParallel::ThreadResults<typename X::Record> local;
+            std::atomic<std::uint64_t> count{0};
+            GmParallel::parallelForRanges(0, numItems, [&](int first, int last) {
+                X worker = workerCopy(visitor, local.records());
+                SelfLeaves<X> leaves{&worker, skipAdjacent};
+                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                std::vector<Pair> stack;
+                stack.reserve(tree.stackHeight() + 4);
+                for (int k = first; k < last; ++k) {
+                    if (k < numFrontier) {
+                        const Pair& p = frontier[static_cast<std::size_t>(k)];
+                        descendPairs(step, stack, p.a, p.b);
+                        continue;
+                    }
+                    const std::uint64_t root = firstRoot + static_cast<std::uint64_t>(k - numFrontier);
+                    for (std::uint64_t from = root, width = 1; from < internal; from = 2 * from + 1, width *= 2) {
+                        const std::uint64_t to = std::min(from + width, internal);
+                        for (std::uint64_t i = from; i < to; ++i) {
+                            const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
+                            if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                        }
+                    }
+                }
+                count.fetch_add(worker.numberTests, std::memory_order_relaxed);
+            });
+            std::vector<typename X::Record> hits;
+            GmBVHMetrics unused;
+            local.mergeInto(hits, unused);
+            visitor.numberTests += count.load();
+            for (const typename X::Record& r : hits) visitor.processIntersection(r);
+        };
+
+        GmParallel::dispatch(serial, parallel);
+    }
+
+    // Curve-curve traversal.
+    template <class X>
+    static void curves(const CurveTree& a, const CurveTree& b, X& visitor) {
+        typedef std::uint64_t Index;
+        typedef BasicNodePair<Index> Pair;
+        if (a.empty() || b.empty()) return;
+        const CurveNodes na(a), nb(b);
+        const bool pruneDisabled = !visitor.getIntersectDisabled();
+
+        auto serial = [&] {
+            PairLeaves<X> leaves{&visitor};
+            CurveStep<CurveNodes, CurveNodes, PairLeaves<X>> step(na, nb, pruneDisabled, leaves);
+            std::vector<Pair> stack;
+            if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+        };
+
+        auto parallel = [&] {
+            NoLeaves none;
+            CurveStep<CurveNodes, CurveNodes, NoLeaves> top(na, nb, pruneDisabled, none);
+            auto leafPair = [&](const Pair& p) { return na[p.a].primitive != nullptr && nb[p.b].primitive != nullptr; };
+            auto coarse = [](const Pair&) { return false; };
+            std::vector<Pair> seeds;
+            if (top.overlap(Index(0), Index(0))) seeds.push_back({0, 0});
+            const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
+            std::vector<typename X::Record>& out = *visitor.results;
+            GmParallel::ThreadResults<typename X::Record> local(out);
+            std::atomic<std::uint64_t> count{0};
+            GmParallel::parallelForRanges(0, static_cast<int>(frontier.size()), [&](int first, int last) {
+                X worker = workerCopy(visitor, local.records());
+                PairLeaves<X> leaves{&worker};
+                CurveStep<CurveNodes, CurveNodes, PairLeaves<X>> step(na, nb, pruneDisabled, leaves);
+                std::vector<Pair> stack;
+                for (int k = first; k < last; ++k) {
+                    const Pair& p = frontier[static_cast<std::size_t>(k)];
+                    descendPairs(step, stack, p.a, p.b);
+                }
+                count.fetch_add(worker.numberTests, std::memory_order_relaxed);
+            });
+            GmBVHMetrics unused;
+            local.mergeInto(out, unused);
+            visitor.numberTests += count.load();
+        };
+
+        GmParallel::dispatch(serial, parallel);
+    }
+
+    // Curve-triangle traversal (always on the calling thread).
+    template <class X>
+    static void faces(const CurveTree& a, const GmBoundingVolumeHierarchy& b, X& visitor) {
+        typedef std::uint64_t Index;
+        if (a.empty() || b.empty()) return;
+        PairLeaves<X> leaves{&visitor};
+        CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(),
+                                                            leaves);
+        std::vector<BasicNodePair<Index>> stack;
+        if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+    }
+};
+
+template <class Tree, class X>
+void GmGenericBoundingTree<GmCurves>::intersect(const Tree& other, X& visitor) const {
+    if constexpr (std::is_same<Tree, GmBoundingVolumeHierarchy>::value)
+        GmCurveTraversal::faces(*this, other, visitor);
+    else
+        GmCurveTraversal::curves(*this, other, visitor);
+}
+
+template <class X>
+void GmGenericBoundingTree<GmCurves>::selfIntersect(X& visitor) const {
+    GmCurveTraversal::self(*this, visitor);
+}
+
+void GmGenericBoundingTree<GmCurves>::getIntersectCandidates(const GmBoundingVolumeHierarchy& hierarchy,
+                                                             std::vector<const GmCurveSegment*>& segments) const {
+    hierarchy.getCurveIntersectCandidates(*this, segments);
+}
+
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::intersect<GmGenericBoundingTree<GmCurves>, GmSegmentIntersector>(
+    const GmGenericBoundingTree<GmCurves>&, GmSegmentIntersector&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::intersect<GmBoundingVolumeHierarchy, GmSegmentMeshIntersector>(
+    const GmBoundingVolumeHierarchy&, GmSegmentMeshIntersector&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::intersect<GmBoundingVolumeHierarchy, GmFirstSegmentIntersection>(
+    const GmBoundingVolumeHierarchy&, GmFirstSegmentIntersection&) const;
+template QUARRYGEOM_API void
+GmGenericBoundingTree<GmCurves>::intersect<GmBoundingVolumeHierarchy, GmClosestEdgeEdgeProximityOnSingleSegment>(
+    const GmBoundingVolumeHierarchy&, GmClosestEdgeEdgeProximityOnSingleSegment&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::selfIntersect<GmSegmentSelfIntersector<1>>(
+    GmSegmentSelfIntersector<1>&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::selfIntersect<GmSegmentSelfIntersector<3>>(
+    GmSegmentSelfIntersector<3>&) const;

@@ -1,0 +1,102 @@
+#pragma once
+
+// Strand scenes and brute-force references for the curve tests.
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <quarrygeom/core/tarnCollision.h>
+#include <quarrygeom/curves/curves.h>
+
+namespace curvetest {
+
+using Vec = GmTVector<double>;
+using Positions = std::vector<Vec>;
+using Pair = std::pair<std::int64_t, std::int64_t>;
+
+// Restores the multithreading switch when a test ends.
+class ThreadingSwitch {
+public:
+    ThreadingSwitch() : _saved(tarnCollision::isMultiThreading()) {}
+    ~ThreadingSwitch() { tarnCollision::setMultiThreading(_saved); }
+    void set(bool on) { tarnCollision::setMultiThreading(on); }
+
+private:
+    bool _saved;
+};
+
+// A set of strands with positions and per-vertex radii.
+struct Strands {
+    std::vector<std::size_t> segments;  // per curve
+    Positions positions;
+    std::vector<double> radii;
+};
+
+// Random walks: `curves` strands of `segments` steps of length `step` from random roots in a
+// cube of side `side`; radii uniform in [0, maxRadius].
+inline Strands randomWalks(unsigned seed, int curves, int segments, double side, double step, double maxRadius) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    std::normal_distribution<double> g;
+    Strands s;
+    for (int c = 0; c < curves; ++c) {
+        s.segments.push_back(static_cast<std::size_t>(segments));
+        Vec p(side * u(rng), side * u(rng), side * u(rng));
+        for (int k = 0; k <= segments; ++k) {
+            s.positions.push_back(p);
+            s.radii.push_back(maxRadius * u(rng));
+            Vec d(g(rng), g(rng), g(rng));
+            p += d.safeNormalized() * step;
+        }
+    }
+    return s;
+}
+
+// Degenerate strands on a grid of powers of two: zero-length segments, collinear strands that
+// overlap end to end, parallel strands at exactly their radii apart, crossing strands in one
+// plane. Coordinates are scaled by `scale`.
+inline Strands degenerate(double scale) {
+    Strands s;
+    auto add = [&](std::vector<Vec> pts, double r) {
+        s.segments.push_back(pts.size() - 1);
+        for (const Vec& p : pts) {
+            s.positions.push_back(p * scale);
+            s.radii.push_back(r * scale);
+        }
+    };
+    add({{0, 0, 0}, {0, 0, 0}, {1, 0, 0}, {1, 0, 0}, {2, 0, 0}}, 0.0);         // zero-length segments
+    add({{0.5, 0, 0}, {1.5, 0, 0}, {2.5, 0, 0}, {3.5, 0, 0}}, 0.0);            // collinear, overlapping
+    add({{0, 0.25, 0}, {1, 0.25, 0}, {2, 0.25, 0}, {3, 0.25, 0}}, 0.125);      // parallel, touching radii
+    add({{0, 0.5, 0}, {1, 0.5, 0}, {2, 0.5, 0}}, 0.125);                       // parallel, 0.25 apart
+    add({{1, -1, 0}, {1, 0, 0}, {1, 1, 0}, {1, 2, 0}}, 0.0);                   // crossing in z = 0
+    add({{0.75, 0.75, -1}, {0.75, 0.75, 0}, {0.75, 0.75, 1}}, 0.0);            // through the plane
+    add({{3, 3, 3}, {3, 3, 3}, {3, 3, 3}}, 0.0);                               // a point strand
+    add({{3, 3, 3}, {4, 4, 4}, {3, 3, 3}, {4, 4, 4}}, 0.0);                    // folding back on itself
+    return s;
+}
+
+// Unordered segment pair.
+inline Pair key(std::int64_t a, std::int64_t b) { return a < b ? Pair(a, b) : Pair(b, a); }
+
+template <class Records>
+std::multiset<Pair> pairsOf(const Records& records, bool unordered) {
+    std::multiset<Pair> out;
+    for (const auto& r : records) out.insert(unordered ? key(r.index1, r.index2) : Pair(r.index1, r.index2));
+    return out;
+}
+
+// Leaf box of a segment as the tree makes it, by the tree's own leaves (for brute-force counts).
+inline std::vector<GmAxisAlignedBox> leafBoxes(const GmCurveBoundingTree& tree) {
+    std::vector<GmAxisAlignedBox> boxes(tree.getTopology()->getNumberPrimitives());
+    for (std::uint64_t pos : tree.getLeaves()) {
+        const auto& node = tree.getNodes()[pos];
+        boxes[node.primitive->index] = node.box;
+    }
+    return boxes;
+}
+
+}  // namespace curvetest
