@@ -21,6 +21,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "GmBVHInternal.h"
+#include "GmBVHRayTree.h"
 #include "../core/GmHugePages.h"
 
 using namespace GmBVHDetail;
@@ -94,23 +95,23 @@ inline float roundFloatUp(double v) {
     return out;
 }
 
-// Leaf box of one face in mode N (0 plain, 1 swept, 2 thickened).
+// Leaf box of the face with vertex indices idx in mode N (0 plain, 1 swept, 2 thickened).
 template <int N>
-__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
-                                const std::vector<GmTVector<double>>* positions, double thickness) {
-    const GmTVector<double>& a = v[static_cast<size_t>(f.vertices[0])];
-    const GmTVector<double>& b = v[static_cast<size_t>(f.vertices[1])];
-    const GmTVector<double>& c = v[static_cast<size_t>(f.vertices[2])];
+__attribute__((always_inline)) inline GmAxisAlignedBox leafBoxAt(const GmTVector<double>* v, const int* idx,
+                                                                 const GmTVector<double>* positions,
+                                                                 double thickness) {
+    const GmTVector<double>& a = v[idx[0]];
+    const GmTVector<double>& b = v[idx[1]];
+    const GmTVector<double>& c = v[idx[2]];
     double mn[3], mx[3];
     for (int k = 0; k < 3; ++k) {
         mn[k] = std::min(a[k], std::min(b[k], c[k]));
         mx[k] = std::max(a[k], std::max(b[k], c[k]));
     }
     if (N == 1) {
-        const std::vector<GmTVector<double>>& p = *positions;
-        const GmTVector<double>& d = p[static_cast<size_t>(f.vertices[0])];
-        const GmTVector<double>& e = p[static_cast<size_t>(f.vertices[1])];
-        const GmTVector<double>& g = p[static_cast<size_t>(f.vertices[2])];
+        const GmTVector<double>& d = positions[idx[0]];
+        const GmTVector<double>& e = positions[idx[1]];
+        const GmTVector<double>& g = positions[idx[2]];
         for (int k = 0; k < 3; ++k) {
             mn[k] = std::min(mn[k], std::min(d[k], std::min(e[k], g[k])));
             mx[k] = std::max(mx[k], std::max(d[k], std::max(e[k], g[k])));
@@ -120,6 +121,14 @@ __attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector
     const double pad = N == 2 ? thickness + kPad : kPad;
     return GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
                             roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+}
+
+template <int N>
+__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v,
+                                                               const GmTriangleFace& f,
+                                                               const std::vector<GmTVector<double>>* positions,
+                                                               double thickness) {
+    return leafBoxAt<N>(v.data(), f.vertices, N == 1 ? positions->data() : nullptr, thickness);
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -641,6 +650,7 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     GmHugePages::copy(_leafFaces, other._leafFaces);
     _numberFaces = other._numberFaces;
     _queryCache.reset();
+    _rayCache.get().reset(false);
     return *this;
 }
 
@@ -675,6 +685,7 @@ void GmBoundingVolumeHierarchy::setMeshTests(const GmIntersection::MeshTests& te
 
 void GmBoundingVolumeHierarchy::setDisabledData(const GmDisabledData* disabled) {
     _queryCache.reset();
+    _rayCache.get().reset(true);
     _disabledData = disabled;
     _refreshFlags(true);
 }
@@ -732,6 +743,7 @@ template <int N>
 void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
     _queryCache.reset();
+    _rayCache.get().reset(false);
     _disabledData = disabled;
     _frozenData = frozen;
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
@@ -790,52 +802,92 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
 
 namespace {
 
+// Below this many faces the refit stays on the calling thread even when multithreading is on:
+// starting the arena's workers costs more than the second core saves.
+constexpr int kParallelRefitFaces = 1 << 16;
+// Levels of the blocks that the refit finishes before moving on (2^12 leaves: their nodes,
+// about 320 KB, are still in the core's cache when their parents read them).
+constexpr int kRefitBlockLevels = 12;
+
+// Refit of nodes in heap order. Leaves take their vertices from the leaf table (read in
+// order); inner nodes the union of their children's boxes and the AND of their flags.
 template <int N>
-struct RefitNode {
+struct RefitKernel {
     Node* nodes;
-    const std::vector<GmTVector<double>>* vertices;
-    const std::vector<GmTVector<double>>* positions;
+    const LeafFace* leaves;
+    const GmTVector<double>* vertices;
+    const GmTVector<double>* positions;
     double thickness;
     const GmDisabledData* disabled;
     const GmFrozenData* frozen;
+    std::int64_t firstLeaf;
+    std::int64_t numberNodes;
 
-    void operator()(int i) const {
+    QG_BVH_ALWAYS_INLINE void leaf(std::int64_t i) const {
+        const LeafFace& e = leaves[i - firstLeaf];
         Node& node = nodes[i];
-        if (node.isLeaf()) {
-            node.box = leafBox<N>(*vertices, *node.primitive, positions, thickness);
-            const int f = node.primitive->index;
-            node.disabled = faceDisabled(disabled, f);
-            node.frozen = faceFrozen(frozen, f);
-        } else {
-            const Node& l = nodes[2 * i + 1];
-            const Node& r = nodes[2 * i + 2];
-            node.box = l.box;
-            unionInto(node.box, r.box);
-            node.disabled = l.disabled && r.disabled;
-            node.frozen = l.frozen && r.frozen;
+        node.box = leafBoxAt<N>(vertices, e.vertices, positions, thickness);
+        node.disabled = faceDisabled(disabled, e.face);
+        node.frozen = faceFrozen(frozen, e.face);
+    }
+    QG_BVH_ALWAYS_INLINE void inner(std::int64_t i) const {
+        Node& node = nodes[i];
+        const Node& l = nodes[2 * i + 1];
+        const Node& r = nodes[2 * i + 2];
+        node.box = l.box;
+        unionInto(node.box, r.box);
+        node.disabled = l.disabled && r.disabled;
+        node.frozen = l.frozen && r.frozen;
+    }
+    // Nodes [first, last) of one level.
+    void range(std::int64_t first, std::int64_t last) const {
+        const std::int64_t split = std::min(std::max(first, firstLeaf), last);
+        for (std::int64_t i = first; i < split; ++i) inner(i);
+        constexpr std::int64_t kAhead = 8;  // vertices are fetched that many leaves ahead
+        for (std::int64_t i = split; i < last; ++i) {
+            if (i + kAhead < last) {
+                const LeafFace& e = leaves[i + kAhead - firstLeaf];
+                for (int k = 0; k < 3; ++k) {
+                    __builtin_prefetch(vertices + e.vertices[k]);
+                    if (N == 1) __builtin_prefetch(positions + e.vertices[k]);
+                }
+            }
+            leaf(i);
         }
     }
-};
-
-// Refit of the subtree rooted at level-7 node 127 + j, deepest level first.
-template <int N>
-struct RefitSubtreeBody {
-    RefitNode<N> refit;
-    int depth;
-    int numberNodes;
-
-    void operator()(int j) const {
-        QG_BVH_ACQUIRE(&kHandOff);
-        const std::int64_t r = kPowersOfTwo[kParallelLevel] - 1 + j;
-        for (int l = depth; l >= kParallelLevel; --l) {
-            const std::int64_t span = kPowersOfTwo[l - kParallelLevel];
+    // The subtree of node r on level `level`, deepest level first.
+    void subtree(std::int64_t r, int level, int depth) const {
+        for (int l = depth; l >= level; --l) {
+            const std::int64_t span = kPowersOfTwo[l - level];
             const std::int64_t first = span * (r + 1) - 1;
-            const std::int64_t last = std::min<std::int64_t>(first + span, numberNodes);
-            for (std::int64_t i = first; i < last; ++i) refit(static_cast<int>(i));
+            range(first, std::min(first + span, numberNodes));
         }
-        QG_BVH_RELEASE(&kHandOff);
+    }
+    // Levels from..to (from >= to) whole, deepest first.
+    void levels(int from, int to) const {
+        for (int l = from; l >= to; --l) range(kPowersOfTwo[l] - 1, std::min(kPowersOfTwo[l + 1] - 1, numberNodes));
     }
 };
+
+// Refit of a whole tree of the given depth: the blocks below one level, in heap order (on the
+// calling thread, or spread over the arena's workers), then the levels above them.
+template <int N>
+void refitTree(const RefitKernel<N>& kernel, int depth, bool parallel) {
+    const int blockLevel = std::max(0, std::min(depth - 1, depth - kRefitBlockLevels));
+    const int blockLevelParallel = std::max(blockLevel, std::min(depth - 1, kParallelLevel));
+    if (!parallel || depth < 1) {
+        for (std::int64_t r = kPowersOfTwo[blockLevel] - 1; r < kPowersOfTwo[blockLevel + 1] - 1; ++r)
+            kernel.subtree(r, blockLevel, depth);
+        if (blockLevel > 0) kernel.levels(blockLevel - 1, 0);
+        return;
+    }
+    const int level = blockLevelParallel;
+    const int first = static_cast<int>(kPowersOfTwo[level] - 1);
+    GmParallel::parallelForRanges(0, static_cast<int>(kPowersOfTwo[level]), [&](int begin, int end) {
+        for (int j = begin; j < end; ++j) kernel.subtree(first + j, level, depth);
+    });
+    if (level > 0) kernel.levels(level - 1, 0);
+}
 
 }  // namespace
 
@@ -856,30 +908,24 @@ template <int N>
 void GmBoundingVolumeHierarchy::_refit(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
     _queryCache.reset();
+    _rayCache.get().reset(true);
     _disabledData = disabled;
     _frozenData = frozen;
     if (_nodes.empty() || _mesh == nullptr) return;
-    const RefitNode<N> refitNode{_nodes.data(), &_mesh->getVertices(), positions, thickness, disabled, frozen};
-    const int numberNodes = getNumberNodes();
-    auto levels = [&](int from, int to) {
-        for (int l = from; l >= to; --l) {
-            int first, last;
-            getRange(l, first, last);
-            for (int i = first; i < last; ++i) refitNode(i);
-        }
-    };
-    if (_depth < kParallelLevel) {
-        levels(_depth, 0);
+    const RefitKernel<N> kernel{_nodes.data(),
+                                _leafFaces.data(),
+                                _mesh->getVertices().data(),
+                                N == 1 ? positions->data() : nullptr,
+                                thickness,
+                                GmDisabledData::isActive(disabled) ? disabled : nullptr,
+                                GmFrozenData::isActive(frozen) ? frozen : nullptr,
+                                getNumberInternalNodes(),
+                                getNumberNodes()};
+    if (_numberFaces < kParallelRefitFaces) {
+        refitTree(kernel, _depth, false);
         return;
     }
-    GmParallel::dispatch([&] { levels(_depth, 0); },
-                         [&] {
-                             const RefitSubtreeBody<N> body{refitNode, _depth, numberNodes};
-                             QG_BVH_RELEASE(&kHandOff);
-                             GmParallel::parallelFor(0, 1 << kParallelLevel, body);
-                             QG_BVH_ACQUIRE(&kHandOff);
-                             levels(kParallelLevel - 1, 0);
-                         });
+    GmParallel::dispatch([&] { refitTree(kernel, _depth, false); }, [&] { refitTree(kernel, _depth, true); });
 }
 
 // ---- Root box queries -------------------------------------------------------------------
