@@ -9,6 +9,7 @@
 #include <vector>
 
 #if defined(__SSE2__)
+#include <emmintrin.h>
 #include <xmmintrin.h>
 #endif
 
@@ -95,14 +96,67 @@ inline float roundFloatUp(double v) {
     return out;
 }
 
-// Leaf box of the face with vertex indices idx in mode N (0 plain, 1 swept, 2 thickened).
+#if defined(__SSE2__)
+// roundFloatDown of four doubles at once (a's two, then b's two), bit for bit.
+inline __m128 roundFloatDown4(__m128d a, __m128d b) {
+    const __m128 f = _mm_movelh_ps(_mm_cvtpd_ps(a), _mm_cvtpd_ps(b));
+    const __m128d fa = _mm_cvtps_pd(f), fb = _mm_cvtps_pd(_mm_movehl_ps(f, f));
+    // Lanes where the nearest float lies above the value.
+    const __m128 above = _mm_shuffle_ps(_mm_castpd_ps(_mm_cmpgt_pd(fa, a)), _mm_castpd_ps(_mm_cmpgt_pd(fb, b)),
+                                        _MM_SHUFFLE(2, 0, 2, 0));
+    const __m128i bits = _mm_castps_si128(f);
+    const __m128i sign = _mm_set1_epi32(static_cast<int>(0x80000000u));
+    const __m128i z = _mm_or_si128(bits, _mm_and_si128(_mm_cmpeq_epi32(bits, _mm_setzero_si128()), sign));
+    const __m128i negative = _mm_srai_epi32(z, 31);
+    // One float towards -inf: +1 on the bits of a negative value, -1 on those of a positive one.
+    const __m128i delta = _mm_or_si128(_mm_sub_epi32(_mm_setzero_si128(), negative),
+                                       _mm_andnot_si128(negative, _mm_set1_epi32(-1)));
+    const __m128 step = _mm_castsi128_ps(_mm_add_epi32(z, delta));
+    return _mm_or_ps(_mm_andnot_ps(above, f), _mm_and_ps(above, step));
+}
+#endif
+
+// Leaf box of the face with vertex indices idx in mode N (0 plain, 1 swept, 2 thickened),
+// written to box.
 template <int N>
-__attribute__((always_inline)) inline GmAxisAlignedBox leafBoxAt(const GmTVector<double>* v, const int* idx,
-                                                                 const GmTVector<double>* positions,
-                                                                 double thickness) {
+__attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v, const int* idx,
+                                                     const GmTVector<double>* positions, double thickness,
+                                                     GmAxisAlignedBox& box) {
     const GmTVector<double>& a = v[idx[0]];
     const GmTVector<double>& b = v[idx[1]];
     const GmTVector<double>& c = v[idx[2]];
+    const double pad = N == 2 ? thickness + kPad : kPad;
+#if defined(__SSE2__)
+    // The scalar rule below, two axes per register; the minima and maxima keep std::min's and
+    // std::max's operand order, and the upper bounds are rounded down negated.
+    const auto xy = [](const GmTVector<double>& p) { return _mm_loadu_pd(&p.x); };
+    const auto zz = [](const GmTVector<double>& p) { return _mm_set1_pd(p.z); };
+    __m128d mnXY = _mm_min_pd(_mm_min_pd(xy(c), xy(b)), xy(a));
+    __m128d mxXY = _mm_max_pd(_mm_max_pd(xy(c), xy(b)), xy(a));
+    __m128d mnZ = _mm_min_pd(_mm_min_pd(zz(c), zz(b)), zz(a));
+    __m128d mxZ = _mm_max_pd(_mm_max_pd(zz(c), zz(b)), zz(a));
+    if (N == 1) {
+        const GmTVector<double>& d = positions[idx[0]];
+        const GmTVector<double>& e = positions[idx[1]];
+        const GmTVector<double>& g = positions[idx[2]];
+        mnXY = _mm_min_pd(_mm_min_pd(_mm_min_pd(xy(g), xy(e)), xy(d)), mnXY);
+        mxXY = _mm_max_pd(_mm_max_pd(_mm_max_pd(xy(g), xy(e)), xy(d)), mxXY);
+        mnZ = _mm_min_pd(_mm_min_pd(_mm_min_pd(zz(g), zz(e)), zz(d)), mnZ);
+        mxZ = _mm_max_pd(_mm_max_pd(_mm_max_pd(zz(g), zz(e)), zz(d)), mxZ);
+    }
+    const __m128d p = _mm_set1_pd(pad), zero = _mm_setzero_pd();
+    const __m128d loXY = _mm_sub_pd(mnXY, p), loZ = _mm_sub_pd(mnZ, p);
+    const __m128d negHiXY = _mm_sub_pd(_mm_sub_pd(zero, mxXY), p), negHiZ = _mm_sub_pd(_mm_sub_pd(zero, mxZ), p);
+    // (min x, min y, min z, -max x), (-max y, -max z, ., .)
+    const __m128 r0 = roundFloatDown4(loXY, _mm_unpacklo_pd(loZ, negHiXY));
+    const __m128 r1 = roundFloatDown4(_mm_unpackhi_pd(negHiXY, negHiZ), negHiZ);
+    const __m128 flip0 = _mm_castsi128_ps(_mm_set_epi32(static_cast<int>(0x80000000u), 0, 0, 0));
+    const __m128 flip1 = _mm_castsi128_ps(_mm_set_epi32(0, 0, static_cast<int>(0x80000000u), static_cast<int>(0x80000000u)));
+    float out[8];
+    _mm_storeu_ps(out, _mm_xor_ps(r0, flip0));
+    _mm_storeu_ps(out + 4, _mm_xor_ps(r1, flip1));
+    box = GmAxisAlignedBox(out[0], out[1], out[2], out[3], out[4], out[5]);
+#else
     double mn[3], mx[3];
     for (int k = 0; k < 3; ++k) {
         mn[k] = std::min(a[k], std::min(b[k], c[k]));
@@ -118,9 +172,9 @@ __attribute__((always_inline)) inline GmAxisAlignedBox leafBoxAt(const GmTVector
         }
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
-    const double pad = N == 2 ? thickness + kPad : kPad;
-    return GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
-                            roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+    box = GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
+                           roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+#endif
 }
 
 template <int N>
@@ -128,7 +182,9 @@ __attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector
                                                                const GmTriangleFace& f,
                                                                const std::vector<GmTVector<double>>* positions,
                                                                double thickness) {
-    return leafBoxAt<N>(v.data(), f.vertices, N == 1 ? positions->data() : nullptr, thickness);
+    GmAxisAlignedBox box;
+    leafBoxAt<N>(v.data(), f.vertices, N == 1 ? positions->data() : nullptr, thickness, box);
+    return box;
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -826,7 +882,7 @@ struct RefitKernel {
     QG_BVH_ALWAYS_INLINE void leaf(std::int64_t i) const {
         const LeafFace& e = leaves[i - firstLeaf];
         Node& node = nodes[i];
-        node.box = leafBoxAt<N>(vertices, e.vertices, positions, thickness);
+        leafBoxAt<N>(vertices, e.vertices, positions, thickness, node.box);
         node.disabled = faceDisabled(disabled, e.face);
         node.frozen = faceFrozen(frozen, e.face);
     }
