@@ -229,7 +229,8 @@ struct WideRay {
         const GmTVector<double>& o = ray.getOrigin();
         const GmTVector<double>& d = ray.getDirection();
         const double m = std::max(std::fabs(d.x), std::max(std::fabs(d.y), std::fabs(d.z)));
-        if (!(m > 0.0) || !std::isfinite(m)) return;
+        // The rays the binary walk accepts (and no others): finite, longer than DBL_EPSILON.
+        if (!finite(d) || !(d.length() > DBL_EPSILON)) return;
         scale = m;
         for (int a = 0; a < 3; ++a) {
             if (!(std::fabs(o[a]) <= 0x1p60)) return;
@@ -301,7 +302,8 @@ struct LeafTriangle {
     const GmTVector<double>* vertices;
     const GmRay& ray;
 
-    QG_BVH_ALWAYS_INLINE void fetch(int k) const { __builtin_prefetch(leaves + k); }
+    // Start loading the face's vertices (reads the entry).
+    QG_BVH_ALWAYS_INLINE void fetch(int k) const { prefetchFaceVertices(vertices, leaves[k]); }
     template <class Hit>
     QG_BVH_ALWAYS_INLINE void operator()(int k, Hit&& hit) const {
         const GmBoundingVolumeHierarchy::LeafFace& e = leaves[k];
@@ -341,7 +343,6 @@ void walkWideAll(const RayTree& tree, const WideRay& ray, const LeafTriangle& le
                     stack[top++] = c;
                 }
                 current = node.child[first];
-                if (current >= 0) fetchWide(nodes, current);
                 continue;
             }
         } else {
@@ -429,8 +430,7 @@ template <class Ray>
 bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
                                              bool includeDisabled) const {
     if (!append) hits.clear();
-    const RayTests<Ray> tests(ray);
-    if (_mesh == nullptr || _nodes.empty() || !tests.valid()) return !hits.empty();
+    if (_mesh == nullptr || _nodes.empty()) return !hits.empty();
     const auto record = [&](int face, const GmTVector<double>& point, const GmTVector<double>& weights) {
         GmPointIntersectionInfo info;
         info.objectIndex = -1;
@@ -442,7 +442,7 @@ bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPoint
     if constexpr (std::is_same<Ray, GmRay>::value) {
         const RayTree* wide = _rayTree();
         const WideRay wray(ray);
-        if (wide != nullptr && wray.usable) {
+        if (wide != nullptr && wray.usable) {  // finite origin and direction, not zero
             if (!includeDisabled && _nodes[0].disabled) return !hits.empty();
             const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), ray};
             walkWideAll(*wide, wray, leaf, includeDisabled,
@@ -452,7 +452,8 @@ bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPoint
             return !hits.empty();
         }
     }
-    walkRay(_nodes, *_mesh, tests, includeDisabled, record);
+    const RayTests<Ray> tests(ray);
+    if (tests.valid()) walkRay(_nodes, *_mesh, tests, includeDisabled, record);
     return !hits.empty();
 }
 
@@ -460,8 +461,7 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
                                                bool includeDisabled) const {
     hit = GmPointIntersectionInfo();
     t = DBL_MAX;
-    const RayTests<GmRay> tests(ray);
-    if (_mesh == nullptr || _nodes.empty() || !tests.valid()) return false;
+    if (_mesh == nullptr || _nodes.empty()) return false;
     if (!includeDisabled && _nodes[0].disabled) return false;
     bool found = false;
     const auto keep = [&](int face, const GmTVector<double>& point, double tt, const GmTVector<double>& weights) {
@@ -487,6 +487,8 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
     }
     // The binary walk reports every hit; the nearest is kept. Its parameter comes from the
     // same triangle test.
+    const RayTests<GmRay> tests(ray);
+    if (!tests.valid()) return false;
     const GmTVector<double>* const vertices = _mesh->getVertices().data();
     walkRay(_nodes, *_mesh, tests, includeDisabled,
             [&](int face, const GmTVector<double>&, const GmTVector<double>&) {
