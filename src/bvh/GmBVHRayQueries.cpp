@@ -219,6 +219,7 @@ struct WideRay {
     bool usable = false;
     double scale = 1.0;  // m
     int nearIsHi[3] = {0, 0, 0};
+    std::size_t nearOffset[3] = {0, 0, 0}, farOffset[3] = {0, 0, 0};  // bytes into a RayNode
 #if defined(__SSE2__)
     __m128 near[3], far[3], inv[3];
 #else
@@ -244,6 +245,10 @@ struct WideRay {
             }
             const bool negative = dn < 0.0;
             nearIsHi[a] = negative ? 1 : 0;
+            const std::size_t lo = offsetof(RayNode, lo) + 16 * static_cast<std::size_t>(a);
+            const std::size_t hi = offsetof(RayNode, hi) + 16 * static_cast<std::size_t>(a);
+            nearOffset[a] = negative ? hi : lo;
+            farOffset[a] = negative ? lo : hi;
             const float up = floatUp(o[a]), down = floatDown(o[a]);
             const float n = negative ? down : up, f = negative ? up : down;
 #if defined(__SSE2__)
@@ -268,8 +273,9 @@ struct WideRay {
 #if defined(__SSE2__)
         __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(tMax);
         for (int a = 0; a < 3; ++a) {
-            const __m128 lo = _mm_load_ps(node.lo[a]), hi = _mm_load_ps(node.hi[a]);
-            const __m128 nb = nearIsHi[a] ? hi : lo, fb = nearIsHi[a] ? lo : hi;
+            const char* const base = reinterpret_cast<const char*>(&node);
+            const __m128 nb = _mm_load_ps(reinterpret_cast<const float*>(base + nearOffset[a]));
+            const __m128 fb = _mm_load_ps(reinterpret_cast<const float*>(base + farOffset[a]));
             // max/min return their second operand when either is NaN: a NaN parameter is dropped.
             tNear = _mm_max_ps(_mm_mul_ps(_mm_sub_ps(nb, near[a]), inv[a]), tNear);
             tFar = _mm_min_ps(_mm_mul_ps(_mm_sub_ps(fb, far[a]), inv[a]), tFar);
