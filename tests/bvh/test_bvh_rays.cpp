@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
 
 #include "bvh_test_util.h"
 
@@ -337,6 +338,28 @@ TEST(BvhRays, WideCopyAndFirstHitMatchBinaryWalkAndBruteForce) {
             EXPECT_GT(hitRays, 50) << name;
         }
     }
+}
+
+// Threads querying one tree while its wide copy is made on demand get the records of a tree
+// that never makes one.
+TEST(BvhRays, ConcurrentQueriesWhileTheCopyIsMade) {
+    GmTriangleMesh mesh = qgtools::makeTorus(40, 16);
+    const GmBoundingVolumeHierarchy tree(&mesh);
+    const std::vector<std::pair<V3, V3>> rays = grazingRays(mesh, 77, 400);
+    std::vector<std::vector<GmPointIntersectionInfo>> expected(rays.size());
+    for (size_t i = 0; i < rays.size(); ++i)
+        GmBoundingVolumeHierarchy(tree).intersect(GmRay(rays[i].first, rays[i].second), expected[i], false, true);
+    std::vector<std::vector<GmPointIntersectionInfo>> got[2];
+    std::vector<std::thread> threads;
+    for (int k = 0; k < 2; ++k)
+        threads.emplace_back([&, k] {
+            got[k].resize(rays.size());
+            for (size_t i = 0; i < rays.size(); ++i)
+                tree.intersect(GmRay(rays[i].first, rays[i].second), got[k][i], false, true);
+        });
+    for (std::thread& t : threads) t.join();
+    for (int k = 0; k < 2; ++k)
+        for (size_t i = 0; i < rays.size(); ++i) expectSameRecords(got[k][i], expected[i], "thread");
 }
 
 TEST(BvhRays, FirstHitTiesAndMisses) {
