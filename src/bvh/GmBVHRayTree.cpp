@@ -12,10 +12,12 @@ namespace GmBVHDetail {
 
 namespace {
 
-// Making the copy costs about as much as a few hundred ray queries on the binary tree per
-// 100K faces: it pays after about one query per 256 faces.
+// Making the copy costs about 20 ns per face (6 ns after a refit, when only the boxes are
+// copied) and saves about 0.5 to 1 us per ray against the binary walk on large trees: it pays
+// after one query per 30 to 100 faces. Counting from one per 64 keeps the cost of a copy that
+// does not pay within about twice the queries' own.
 constexpr long long kMinQueries = 16;
-constexpr long long kFacesPerQuery = 256;
+constexpr long long kFacesPerQuery = 64;
 
 // Coordinates beyond this make the ray's float slab parameters overflow-prone: such trees keep
 // to the binary walk.
