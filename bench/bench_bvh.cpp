@@ -1,15 +1,17 @@
-// Face hierarchy: build, refit, closest point, inside and all-hits ray queries, side by side
-// with CGAL's AABB_tree, FCL's BVHModel<AABB> and Embree 3 where they are available.
+// Face hierarchy: build, refit, closest point, inside, all-hits and first-hit ray queries, side
+// by side with CGAL's AABB_tree, FCL's BVHModel<AABB> and Embree 3 where they are available, and
+// a plain memory copy of the bytes a refit touches.
 //
 // Meshes (first argument): 0 = cloth grid of 1,002,528 faces, 1 = icosphere of 327,680 faces,
-// 2 = Stanford bunny (69,451 faces), 3 = spot (5,856 faces, closed; inside tests only). The second argument of our build and refit cases is the
-// multithreading switch (0 serial, 1 parallel with the KORV_THREAD_COUNT workers); Embree cases
+// 2 = Stanford bunny (69,451 faces), 3 = spot (5,856 faces, closed; inside, ray and refit
+// cases). The second argument of our build and refit cases is the multithreading switch (0 serial, 1 parallel with the KORV_THREAD_COUNT workers); Embree cases
 // take their thread count from it the same way (1 or 2 threads). CGAL and FCL are serial.
 
 #include <benchmark/benchmark.h>
 
 #include <cfloat>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -251,19 +253,95 @@ void BM_Ours_InsideFirstRound(benchmark::State& state) {
     label(state, static_cast<int>(state.range(0)), h->insideQueriesPrepared(true) ? "checked" : "not checked");
 }
 
+// Second argument 1: the rays' wide copy made before the timed loop (its cost is
+// BM_Ours_RayPrepare), as Embree's scene is committed before its loop; 0: a fresh hierarchy, the
+// copy made once it pays, inside the timed loop. The counter "hits" is the number of records of
+// one pass over the rays, to be compared with the peers'.
 void BM_Ours_RayAllHits(benchmark::State& state) {
     Scene& s = scene(static_cast<int>(state.range(0)));
-    GmBoundingVolumeHierarchy h(&s.mesh);
+    std::unique_ptr<GmBoundingVolumeHierarchy> h(new GmBoundingVolumeHierarchy(&s.mesh));
+    const bool prepared = state.range(1) != 0;
+    if (prepared) h->prepareRayQueries();
     std::vector<GmPointIntersectionInfo> hits;
+    size_t total = 0;
     for (auto _ : state) {
-        size_t total = 0;
+        if (!prepared) {
+            state.PauseTiming();
+            h.reset(new GmBoundingVolumeHierarchy(&s.mesh));
+            state.ResumeTiming();
+        }
+        total = 0;
         for (const auto& r : s.rays) {
-            h.intersect(GmRay(r.first, r.second), hits, false, true);
+            h->intersect(GmRay(r.first, r.second), hits, false, true);
             total += hits.size();
         }
         benchmark::DoNotOptimize(total);
     }
+    state.counters["hits"] = static_cast<double>(total);
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.rays.size()));
+    label(state, static_cast<int>(state.range(0)), prepared ? "prepared" : "on demand");
+}
+
+// Nearest hit per ray (the wide copy made before the loop). Counter "hits": rays that hit.
+void BM_Ours_RayFirstHit(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    GmBoundingVolumeHierarchy h(&s.mesh);
+    h.prepareRayQueries();
+    size_t found = 0;
+    for (auto _ : state) {
+        found = 0;
+        double sum = 0.0;
+        for (const auto& r : s.rays) {
+            GmPointIntersectionInfo hit;
+            double t;
+            if (h.intersectFirst(GmRay(r.first, r.second), hit, t, true)) {
+                ++found;
+                sum += t;
+            }
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    state.counters["hits"] = static_cast<double>(found);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.rays.size()));
+    label(state, static_cast<int>(state.range(0)), "");
+}
+
+// Making the rays' wide copy: on a fresh hierarchy (second argument 0) or after a refit (1: the
+// shape is kept and only the boxes are copied). Build and refit are not timed.
+void BM_Ours_RayPrepare(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    std::unique_ptr<GmBoundingVolumeHierarchy> h(new GmBoundingVolumeHierarchy(&s.mesh));
+    h->prepareRayQueries();
+    const bool afterRefit = state.range(1) != 0;
+    bool prepared = false;
+    for (auto _ : state) {
+        state.PauseTiming();
+        if (afterRefit)
+            h->refit();
+        else
+            h.reset(new GmBoundingVolumeHierarchy(&s.mesh));
+        state.ResumeTiming();
+        prepared = h->prepareRayQueries();
+    }
+    label(state, static_cast<int>(state.range(0)),
+          (std::string(afterRefit ? "after refit" : "fresh") + (prepared ? "" : " refused")).c_str());
+}
+
+// A plain copy of as many bytes as a plain refit reads and writes at the least: the vertex
+// positions and the leaf table read, the node array read and written.
+void BM_Memcpy_RefitBytes(benchmark::State& state) {
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    const size_t faces = static_cast<size_t>(s.mesh.getNumberFaces());
+    const size_t bytes = s.mesh.getVertices().size() * sizeof(V3) +
+                         faces * sizeof(GmBoundingVolumeHierarchy::LeafFace) +
+                         (2 * faces - 1) * sizeof(GmBoundingVolumeHierarchy::Node);
+    std::vector<char> from(bytes, 1), to(bytes, 2);
+    for (auto _ : state) {
+        std::memcpy(to.data(), from.data(), bytes);
+        benchmark::ClobberMemory();
+    }
+    state.counters["MB"] = static_cast<double>(bytes) / 1e6;
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
     label(state, static_cast<int>(state.range(0)), "");
 }
 
@@ -436,7 +514,8 @@ struct EmbreeScene {
         return d;
     }
 
-    EmbreeScene(const GmTriangleMesh& mesh, int threads, RTCBuildQuality quality) {
+    EmbreeScene(const GmTriangleMesh& mesh, int threads, RTCBuildQuality quality,
+                RTCFilterFunctionN filter = nullptr) {
         device = deviceFor(threads);
         scene = rtcNewScene(device);
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
@@ -450,6 +529,7 @@ struct EmbreeScene {
         for (const GmTriangleFace& f : mesh.getFaces())
             for (int k = 0; k < 3; ++k) *idx++ = static_cast<unsigned>(f.vertices[k]);
         rtcSetGeometryBuildQuality(geometry, quality);
+        if (filter != nullptr) rtcSetGeometryIntersectFilterFunction(geometry, filter);
         rtcCommitGeometry(geometry);
         rtcAttachGeometry(scene, geometry);
     }
@@ -492,6 +572,95 @@ void BM_Embree_Refit(benchmark::State& state) {
         flip = !flip;
     }
     label(state, which, state.range(1) ? "2 threads" : "1 thread");
+}
+
+// Every hit of a ray through a filter callback that records the hit and rejects it, so that
+// the traversal goes on; the first hit by a plain rtcIntersect1.
+struct EmbreeHit {
+    unsigned face;
+    float t, u, v;
+};
+struct RecordingContext {
+    RTCIntersectContext context;  // first member: the callback casts back
+    std::vector<EmbreeHit>* hits;
+};
+
+void recordEveryHit(const RTCFilterFunctionNArguments* args) {
+    const RecordingContext* c = reinterpret_cast<const RecordingContext*>(args->context);
+    c->hits->push_back(EmbreeHit{RTCHitN_primID(args->hit, args->N, 0), RTCRayN_tfar(args->ray, args->N, 0),
+                                 RTCHitN_u(args->hit, args->N, 0), RTCHitN_v(args->hit, args->N, 0)});
+    args->valid[0] = 0;
+}
+
+RTCRayHit embreeRay(const std::pair<V3, V3>& r) {
+    RTCRayHit rh;
+    rh.ray.org_x = static_cast<float>(r.first.x);
+    rh.ray.org_y = static_cast<float>(r.first.y);
+    rh.ray.org_z = static_cast<float>(r.first.z);
+    rh.ray.dir_x = static_cast<float>(r.second.x);
+    rh.ray.dir_y = static_cast<float>(r.second.y);
+    rh.ray.dir_z = static_cast<float>(r.second.z);
+    rh.ray.tnear = 0.0f;
+    rh.ray.tfar = std::numeric_limits<float>::infinity();
+    rh.ray.time = 0.0f;
+    rh.ray.mask = 0xffffffffu;
+    rh.ray.id = 0;
+    rh.ray.flags = 0;
+    rh.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+    rh.hit.primID = RTC_INVALID_GEOMETRY_ID;
+    rh.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+    return rh;
+}
+
+void BM_Embree_RayAllHits(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const Scene& s = scene(which);
+    EmbreeScene e(s.mesh, 1, RTC_BUILD_QUALITY_MEDIUM, &recordEveryHit);
+    rtcCommitScene(e.scene);
+    std::vector<EmbreeHit> hits;
+    size_t total = 0;
+    for (auto _ : state) {
+        total = 0;
+        for (const auto& r : s.rays) {
+            hits.clear();
+            RecordingContext c;
+            rtcInitIntersectContext(&c.context);
+            c.hits = &hits;
+            RTCRayHit rh = embreeRay(r);
+            rtcIntersect1(e.scene, &c.context, &rh);
+            total += hits.size();
+        }
+        benchmark::DoNotOptimize(total);
+    }
+    state.counters["hits"] = static_cast<double>(total);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.rays.size()));
+    label(state, which, "");
+}
+
+void BM_Embree_RayFirstHit(benchmark::State& state) {
+    const int which = static_cast<int>(state.range(0));
+    const Scene& s = scene(which);
+    EmbreeScene e(s.mesh, 1, RTC_BUILD_QUALITY_MEDIUM);
+    rtcCommitScene(e.scene);
+    size_t found = 0;
+    for (auto _ : state) {
+        found = 0;
+        double sum = 0.0;
+        for (const auto& r : s.rays) {
+            RTCIntersectContext c;
+            rtcInitIntersectContext(&c);
+            RTCRayHit rh = embreeRay(r);
+            rtcIntersect1(e.scene, &c, &rh);
+            if (rh.hit.geomID != RTC_INVALID_GEOMETRY_ID) {
+                ++found;
+                sum += rh.ray.tfar;
+            }
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    state.counters["hits"] = static_cast<double>(found);
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(s.rays.size()));
+    label(state, which, "");
 }
 
 struct PointQueryData {
@@ -555,13 +724,18 @@ void serialBuildArgs(benchmark::internal::Benchmark* b) {
     b->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 }
 void refitArgs(benchmark::internal::Benchmark* b) {
-    for (int m = 0; m < 3; ++m)
+    for (int m = 0; m < 4; ++m)
         for (int par = 0; par < 2; ++par) b->Args({m, par});
     b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
 }
 void queryArgs(benchmark::internal::Benchmark* b) {
     for (int m = 0; m < 3; ++m) b->Args({m});
     b->Unit(benchmark::kMillisecond)->MinTime(0.3);
+}
+// Ray cases: all four meshes (spot included), one thread, wall-clock.
+void rayArgs(benchmark::internal::Benchmark* b) {
+    for (int m = 0; m < 4; ++m) b->Args({m});
+    b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
 }
 void closedArgs(benchmark::internal::Benchmark* b) {
     b->Args({1});  // the closed meshes: icosphere and spot
@@ -591,7 +765,21 @@ BENCHMARK(BM_Ours_InsidePrepare)->Apply([](benchmark::internal::Benchmark* b) {
     b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
 });
 BENCHMARK(BM_Ours_InsideFirstRound)->Apply(closedArgs);
-BENCHMARK(BM_Ours_RayAllHits)->Apply(queryArgs);
+BENCHMARK(BM_Ours_RayAllHits)->Apply([](benchmark::internal::Benchmark* b) {
+    for (int m = 0; m < 4; ++m)
+        for (int prepared = 1; prepared >= 0; --prepared) b->Args({m, prepared});
+    b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
+});
+BENCHMARK(BM_Ours_RayFirstHit)->Apply(rayArgs);
+BENCHMARK(BM_Ours_RayPrepare)->Apply([](benchmark::internal::Benchmark* b) {
+    for (int m = 0; m < 4; ++m)
+        for (int afterRefit = 0; afterRefit < 2; ++afterRefit) b->Args({m, afterRefit});
+    b->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
+});
+BENCHMARK(BM_Memcpy_RefitBytes)->Apply([](benchmark::internal::Benchmark* b) {
+    for (int m = 0; m < 4; ++m) b->Args({m});
+    b->Unit(benchmark::kMillisecond)->MinTime(0.3)->UseRealTime();
+});
 #ifdef QG_HAVE_CGAL
 BENCHMARK(BM_CGAL_Build)->Apply(serialBuildArgs);
 BENCHMARK(BM_CGAL_ClosestPoint)->Apply(queryArgs);
@@ -609,6 +797,8 @@ BENCHMARK(BM_FCL_Refit)->Apply([](benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_Embree_Build)->Apply(buildArgs);
 BENCHMARK(BM_Embree_Refit)->Apply(refitArgs);
 BENCHMARK(BM_Embree_ClosestPoint)->Apply(queryArgs);
+BENCHMARK(BM_Embree_RayAllHits)->Apply(rayArgs);
+BENCHMARK(BM_Embree_RayFirstHit)->Apply(rayArgs);
 #endif
 
 BENCHMARK_MAIN();

@@ -41,29 +41,6 @@ void forEach(const GmBoundingVolumeHierarchy& tree, std::size_t n, bool fillMesh
     });
 }
 
-double rayParameter(const GmRay& ray, const V3& point) {
-    const V3& d = ray.getDirection();
-    return (point - ray.getOrigin()).dot(d) / d.dot(d);
-}
-
-// The nearest hit of one ray, ties to the smallest face index, taken from the full walk; hits
-// is scratch storage. Returns false for a miss. The one place to switch to a single-ray nearest-hit
-// walk of the hierarchy (same contract) once it has one.
-bool nearestHit(const GmBoundingVolumeHierarchy& tree, const GmRay& ray, bool includeDisabled,
-                std::vector<GmPointIntersectionInfo>& hits, GmPointIntersectionInfo& best, double& bestT) {
-    if (!tree.intersect(ray, hits, false, includeDisabled)) return false;
-    const GmPointIntersectionInfo* pick = nullptr;
-    for (const GmPointIntersectionInfo& h : hits) {
-        const double t = rayParameter(ray, h.point);
-        if (pick == nullptr || t < bestT || (t == bestT && h.triangleIndex < pick->triangleIndex)) {
-            pick = &h;
-            bestT = t;
-        }
-    }
-    best = *pick;
-    return true;
-}
-
 }  // namespace
 
 void findClosestPoints(const GmBoundingVolumeHierarchy& tree, const V3* points, std::size_t n,
@@ -115,10 +92,9 @@ void intersectFirst(const GmBoundingVolumeHierarchy& tree, const V3* origins, co
                     const FirstHitOutputs& out, bool includeDisabled, bool fillMeshCaches) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     forEach(tree, n, fillMeshCaches, [&](std::size_t i) {
-        thread_local std::vector<GmPointIntersectionInfo> scratch;
         GmPointIntersectionInfo hit;
         double t = std::numeric_limits<double>::infinity();
-        const bool found = nearestHit(tree, GmRay(origins[i], directions[i]), includeDisabled, scratch, hit, t);
+        const bool found = tree.intersectFirst(GmRay(origins[i], directions[i]), hit, t, includeDisabled);
         if (out.face) out.face[i] = found ? hit.triangleIndex : -1;
         if (out.t) out.t[i] = found ? t : std::numeric_limits<double>::infinity();
         if (out.point) out.point[i] = found ? hit.point : V3(nan, nan, nan);

@@ -232,3 +232,11 @@ bool GmBoundingTree::intersect(const GmRayAxis<0, 0, -1>& ray, std::vector<GmPoi
                                bool append, bool includeDisabled) const {
     return _hierarchy->intersect(ray, hits, append, includeDisabled);
 }
+bool GmBoundingTree::intersectFirst(const GmRay& ray, GmPointIntersectionInfo& hit, double& t,
+                                    bool includeDisabled) const {
+    return _hierarchy->intersectFirst(ray, hit, t, includeDisabled);
+}
+bool GmBoundingTree::intersectFirst(const GmRay& ray, GmPointIntersectionInfo& hit, bool includeDisabled) const {
+    return _hierarchy->intersectFirst(ray, hit, includeDisabled);
+}
+bool GmBoundingTree::prepareRayQueries() const { return _hierarchy->prepareRayQueries(); }

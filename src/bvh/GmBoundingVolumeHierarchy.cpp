@@ -9,6 +9,7 @@
 #include <vector>
 
 #if defined(__SSE2__)
+#include <emmintrin.h>
 #include <xmmintrin.h>
 #endif
 
@@ -21,6 +22,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "GmBVHInternal.h"
+#include "GmBVHRayTree.h"
 #include "../core/GmHugePages.h"
 
 using namespace GmBVHDetail;
@@ -94,32 +96,95 @@ inline float roundFloatUp(double v) {
     return out;
 }
 
-// Leaf box of one face in mode N (0 plain, 1 swept, 2 thickened).
+#if defined(__SSE2__)
+// roundFloatDown of four doubles at once (a's two, then b's two), bit for bit.
+inline __m128 roundFloatDown4(__m128d a, __m128d b) {
+    const __m128 f = _mm_movelh_ps(_mm_cvtpd_ps(a), _mm_cvtpd_ps(b));
+    const __m128d fa = _mm_cvtps_pd(f), fb = _mm_cvtps_pd(_mm_movehl_ps(f, f));
+    // Lanes where the nearest float lies above the value.
+    const __m128 above = _mm_shuffle_ps(_mm_castpd_ps(_mm_cmpgt_pd(fa, a)), _mm_castpd_ps(_mm_cmpgt_pd(fb, b)),
+                                        _MM_SHUFFLE(2, 0, 2, 0));
+    const __m128i bits = _mm_castps_si128(f);
+    const __m128i sign = _mm_set1_epi32(static_cast<int>(0x80000000u));
+    const __m128i z = _mm_or_si128(bits, _mm_and_si128(_mm_cmpeq_epi32(bits, _mm_setzero_si128()), sign));
+    const __m128i negative = _mm_srai_epi32(z, 31);
+    // One float towards -inf: +1 on the bits of a negative value, -1 on those of a positive one.
+    const __m128i delta = _mm_or_si128(_mm_sub_epi32(_mm_setzero_si128(), negative),
+                                       _mm_andnot_si128(negative, _mm_set1_epi32(-1)));
+    const __m128 step = _mm_castsi128_ps(_mm_add_epi32(z, delta));
+    return _mm_or_ps(_mm_andnot_ps(above, f), _mm_and_ps(above, step));
+}
+#endif
+
+// Leaf box of the face with vertex indices idx in mode N (0 plain, 1 swept, 2 thickened),
+// written to box.
 template <int N>
-__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v, const GmTriangleFace& f,
-                                const std::vector<GmTVector<double>>* positions, double thickness) {
-    const GmTVector<double>& a = v[static_cast<size_t>(f.vertices[0])];
-    const GmTVector<double>& b = v[static_cast<size_t>(f.vertices[1])];
-    const GmTVector<double>& c = v[static_cast<size_t>(f.vertices[2])];
+__attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v, const int* idx,
+                                                     const GmTVector<double>* positions, double thickness,
+                                                     GmAxisAlignedBox& box) {
+    const GmTVector<double>& a = v[idx[0]];
+    const GmTVector<double>& b = v[idx[1]];
+    const GmTVector<double>& c = v[idx[2]];
+    const double pad = N == 2 ? thickness + kPad : kPad;
+#if defined(__SSE2__)
+    // The scalar rule below, two axes per register; the minima and maxima keep std::min's and
+    // std::max's operand order, and the upper bounds are rounded down negated.
+    const auto xy = [](const GmTVector<double>& p) { return _mm_loadu_pd(&p.x); };
+    const auto zz = [](const GmTVector<double>& p) { return _mm_set1_pd(p.z); };
+    __m128d mnXY = _mm_min_pd(_mm_min_pd(xy(c), xy(b)), xy(a));
+    __m128d mxXY = _mm_max_pd(_mm_max_pd(xy(c), xy(b)), xy(a));
+    __m128d mnZ = _mm_min_pd(_mm_min_pd(zz(c), zz(b)), zz(a));
+    __m128d mxZ = _mm_max_pd(_mm_max_pd(zz(c), zz(b)), zz(a));
+    if (N == 1) {
+        const GmTVector<double>& d = positions[idx[0]];
+        const GmTVector<double>& e = positions[idx[1]];
+        const GmTVector<double>& g = positions[idx[2]];
+        mnXY = _mm_min_pd(_mm_min_pd(_mm_min_pd(xy(g), xy(e)), xy(d)), mnXY);
+        mxXY = _mm_max_pd(_mm_max_pd(_mm_max_pd(xy(g), xy(e)), xy(d)), mxXY);
+        mnZ = _mm_min_pd(_mm_min_pd(_mm_min_pd(zz(g), zz(e)), zz(d)), mnZ);
+        mxZ = _mm_max_pd(_mm_max_pd(_mm_max_pd(zz(g), zz(e)), zz(d)), mxZ);
+    }
+    const __m128d p = _mm_set1_pd(pad), zero = _mm_setzero_pd();
+    const __m128d loXY = _mm_sub_pd(mnXY, p), loZ = _mm_sub_pd(mnZ, p);
+    const __m128d negHiXY = _mm_sub_pd(_mm_sub_pd(zero, mxXY), p), negHiZ = _mm_sub_pd(_mm_sub_pd(zero, mxZ), p);
+    // (min x, min y, min z, -max x), (-max y, -max z, ., .)
+    const __m128 r0 = roundFloatDown4(loXY, _mm_unpacklo_pd(loZ, negHiXY));
+    const __m128 r1 = roundFloatDown4(_mm_unpackhi_pd(negHiXY, negHiZ), negHiZ);
+    const __m128 flip0 = _mm_castsi128_ps(_mm_set_epi32(static_cast<int>(0x80000000u), 0, 0, 0));
+    const __m128 flip1 = _mm_castsi128_ps(_mm_set_epi32(0, 0, static_cast<int>(0x80000000u), static_cast<int>(0x80000000u)));
+    float out[8];
+    _mm_storeu_ps(out, _mm_xor_ps(r0, flip0));
+    _mm_storeu_ps(out + 4, _mm_xor_ps(r1, flip1));
+    box = GmAxisAlignedBox(out[0], out[1], out[2], out[3], out[4], out[5]);
+#else
     double mn[3], mx[3];
     for (int k = 0; k < 3; ++k) {
         mn[k] = std::min(a[k], std::min(b[k], c[k]));
         mx[k] = std::max(a[k], std::max(b[k], c[k]));
     }
     if (N == 1) {
-        const std::vector<GmTVector<double>>& p = *positions;
-        const GmTVector<double>& d = p[static_cast<size_t>(f.vertices[0])];
-        const GmTVector<double>& e = p[static_cast<size_t>(f.vertices[1])];
-        const GmTVector<double>& g = p[static_cast<size_t>(f.vertices[2])];
+        const GmTVector<double>& d = positions[idx[0]];
+        const GmTVector<double>& e = positions[idx[1]];
+        const GmTVector<double>& g = positions[idx[2]];
         for (int k = 0; k < 3; ++k) {
             mn[k] = std::min(mn[k], std::min(d[k], std::min(e[k], g[k])));
             mx[k] = std::max(mx[k], std::max(d[k], std::max(e[k], g[k])));
         }
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
-    const double pad = N == 2 ? thickness + kPad : kPad;
-    return GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
-                            roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+    box = GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
+                           roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+#endif
+}
+
+template <int N>
+__attribute__((always_inline)) inline GmAxisAlignedBox leafBox(const std::vector<GmTVector<double>>& v,
+                                                               const GmTriangleFace& f,
+                                                               const std::vector<GmTVector<double>>* positions,
+                                                               double thickness) {
+    GmAxisAlignedBox box;
+    leafBoxAt<N>(v.data(), f.vertices, N == 1 ? positions->data() : nullptr, thickness, box);
+    return box;
 }
 
 inline void unionInto(GmAxisAlignedBox& box, const GmAxisAlignedBox& b) {
@@ -641,6 +706,7 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     GmHugePages::copy(_leafFaces, other._leafFaces);
     _numberFaces = other._numberFaces;
     _queryCache.reset();
+    _rayCache.get().reset(false);
     return *this;
 }
 
@@ -675,6 +741,7 @@ void GmBoundingVolumeHierarchy::setMeshTests(const GmIntersection::MeshTests& te
 
 void GmBoundingVolumeHierarchy::setDisabledData(const GmDisabledData* disabled) {
     _queryCache.reset();
+    _rayCache.get().reset(true);
     _disabledData = disabled;
     _refreshFlags(true);
 }
@@ -732,6 +799,7 @@ template <int N>
 void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
     _queryCache.reset();
+    _rayCache.get().reset(false);
     _disabledData = disabled;
     _frozenData = frozen;
     const int n = _mesh != nullptr ? std::min(_mesh->getNumberFaces(), _numberFaces) : 0;
@@ -790,52 +858,92 @@ void GmBoundingVolumeHierarchy::_build(const std::vector<GmTVector<double>>* pos
 
 namespace {
 
+// Below this many faces the refit stays on the calling thread even when multithreading is on:
+// starting the arena's workers costs more than the second core saves.
+constexpr int kParallelRefitFaces = 1 << 16;
+// Levels of the blocks that the refit finishes before moving on (2^12 leaves: their nodes,
+// about 320 KB, are still in the core's cache when their parents read them).
+constexpr int kRefitBlockLevels = 12;
+
+// Refit of nodes in heap order. Leaves take their vertices from the leaf table (read in
+// order); inner nodes the union of their children's boxes and the AND of their flags.
 template <int N>
-struct RefitNode {
+struct RefitKernel {
     Node* nodes;
-    const std::vector<GmTVector<double>>* vertices;
-    const std::vector<GmTVector<double>>* positions;
+    const LeafFace* leaves;
+    const GmTVector<double>* vertices;
+    const GmTVector<double>* positions;
     double thickness;
     const GmDisabledData* disabled;
     const GmFrozenData* frozen;
+    std::int64_t firstLeaf;
+    std::int64_t numberNodes;
 
-    void operator()(int i) const {
+    QG_BVH_ALWAYS_INLINE void leaf(std::int64_t i) const {
+        const LeafFace& e = leaves[i - firstLeaf];
         Node& node = nodes[i];
-        if (node.isLeaf()) {
-            node.box = leafBox<N>(*vertices, *node.primitive, positions, thickness);
-            const int f = node.primitive->index;
-            node.disabled = faceDisabled(disabled, f);
-            node.frozen = faceFrozen(frozen, f);
-        } else {
-            const Node& l = nodes[2 * i + 1];
-            const Node& r = nodes[2 * i + 2];
-            node.box = l.box;
-            unionInto(node.box, r.box);
-            node.disabled = l.disabled && r.disabled;
-            node.frozen = l.frozen && r.frozen;
+        leafBoxAt<N>(vertices, e.vertices, positions, thickness, node.box);
+        node.disabled = faceDisabled(disabled, e.face);
+        node.frozen = faceFrozen(frozen, e.face);
+    }
+    QG_BVH_ALWAYS_INLINE void inner(std::int64_t i) const {
+        Node& node = nodes[i];
+        const Node& l = nodes[2 * i + 1];
+        const Node& r = nodes[2 * i + 2];
+        node.box = l.box;
+        unionInto(node.box, r.box);
+        node.disabled = l.disabled && r.disabled;
+        node.frozen = l.frozen && r.frozen;
+    }
+    // Nodes [first, last) of one level.
+    void range(std::int64_t first, std::int64_t last) const {
+        const std::int64_t split = std::min(std::max(first, firstLeaf), last);
+        for (std::int64_t i = first; i < split; ++i) inner(i);
+        constexpr std::int64_t kAhead = 8;  // vertices are fetched that many leaves ahead
+        for (std::int64_t i = split; i < last; ++i) {
+            if (i + kAhead < last) {
+                const LeafFace& e = leaves[i + kAhead - firstLeaf];
+                for (int k = 0; k < 3; ++k) {
+                    __builtin_prefetch(vertices + e.vertices[k]);
+                    if (N == 1) __builtin_prefetch(positions + e.vertices[k]);
+                }
+            }
+            leaf(i);
         }
     }
-};
-
-// Refit of the subtree rooted at level-7 node 127 + j, deepest level first.
-template <int N>
-struct RefitSubtreeBody {
-    RefitNode<N> refit;
-    int depth;
-    int numberNodes;
-
-    void operator()(int j) const {
-        QG_BVH_ACQUIRE(&kHandOff);
-        const std::int64_t r = kPowersOfTwo[kParallelLevel] - 1 + j;
-        for (int l = depth; l >= kParallelLevel; --l) {
-            const std::int64_t span = kPowersOfTwo[l - kParallelLevel];
+    // The subtree of node r on level `level`, deepest level first.
+    void subtree(std::int64_t r, int level, int depth) const {
+        for (int l = depth; l >= level; --l) {
+            const std::int64_t span = kPowersOfTwo[l - level];
             const std::int64_t first = span * (r + 1) - 1;
-            const std::int64_t last = std::min<std::int64_t>(first + span, numberNodes);
-            for (std::int64_t i = first; i < last; ++i) refit(static_cast<int>(i));
+            range(first, std::min(first + span, numberNodes));
         }
-        QG_BVH_RELEASE(&kHandOff);
+    }
+    // Levels from..to (from >= to) whole, deepest first.
+    void levels(int from, int to) const {
+        for (int l = from; l >= to; --l) range(kPowersOfTwo[l] - 1, std::min(kPowersOfTwo[l + 1] - 1, numberNodes));
     }
 };
+
+// Refit of a whole tree of the given depth: the blocks below one level, in heap order (on the
+// calling thread, or spread over the arena's workers), then the levels above them.
+template <int N>
+void refitTree(const RefitKernel<N>& kernel, int depth, bool parallel) {
+    const int blockLevel = std::max(0, std::min(depth - 1, depth - kRefitBlockLevels));
+    const int blockLevelParallel = std::max(blockLevel, std::min(depth - 1, kParallelLevel));
+    if (!parallel || depth < 1) {
+        for (std::int64_t r = kPowersOfTwo[blockLevel] - 1; r < kPowersOfTwo[blockLevel + 1] - 1; ++r)
+            kernel.subtree(r, blockLevel, depth);
+        if (blockLevel > 0) kernel.levels(blockLevel - 1, 0);
+        return;
+    }
+    const int level = blockLevelParallel;
+    const int first = static_cast<int>(kPowersOfTwo[level] - 1);
+    GmParallel::parallelForRanges(0, static_cast<int>(kPowersOfTwo[level]), [&](int begin, int end) {
+        for (int j = begin; j < end; ++j) kernel.subtree(first + j, level, depth);
+    });
+    if (level > 0) kernel.levels(level - 1, 0);
+}
 
 }  // namespace
 
@@ -856,30 +964,24 @@ template <int N>
 void GmBoundingVolumeHierarchy::_refit(const std::vector<GmTVector<double>>* positions, double thickness,
                                        const GmDisabledData* disabled, const GmFrozenData* frozen) {
     _queryCache.reset();
+    _rayCache.get().reset(true);
     _disabledData = disabled;
     _frozenData = frozen;
     if (_nodes.empty() || _mesh == nullptr) return;
-    const RefitNode<N> refitNode{_nodes.data(), &_mesh->getVertices(), positions, thickness, disabled, frozen};
-    const int numberNodes = getNumberNodes();
-    auto levels = [&](int from, int to) {
-        for (int l = from; l >= to; --l) {
-            int first, last;
-            getRange(l, first, last);
-            for (int i = first; i < last; ++i) refitNode(i);
-        }
-    };
-    if (_depth < kParallelLevel) {
-        levels(_depth, 0);
+    const RefitKernel<N> kernel{_nodes.data(),
+                                _leafFaces.data(),
+                                _mesh->getVertices().data(),
+                                N == 1 ? positions->data() : nullptr,
+                                thickness,
+                                GmDisabledData::isActive(disabled) ? disabled : nullptr,
+                                GmFrozenData::isActive(frozen) ? frozen : nullptr,
+                                getNumberInternalNodes(),
+                                getNumberNodes()};
+    if (_numberFaces < kParallelRefitFaces) {
+        refitTree(kernel, _depth, false);
         return;
     }
-    GmParallel::dispatch([&] { levels(_depth, 0); },
-                         [&] {
-                             const RefitSubtreeBody<N> body{refitNode, _depth, numberNodes};
-                             QG_BVH_RELEASE(&kHandOff);
-                             GmParallel::parallelFor(0, 1 << kParallelLevel, body);
-                             QG_BVH_ACQUIRE(&kHandOff);
-                             levels(kParallelLevel - 1, 0);
-                         });
+    GmParallel::dispatch([&] { refitTree(kernel, _depth, false); }, [&] { refitTree(kernel, _depth, true); });
 }
 
 // ---- Root box queries -------------------------------------------------------------------

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <sstream>
 
 #include "bvh_test_util.h"
@@ -370,8 +371,44 @@ TEST(BvhRefit, EnclosesFacesInEveryMode) {
     }
 }
 
+// A refit's boxes are those a fresh build gives the same faces: leaf for leaf by face, in every
+// mode, serial and parallel (the grid is large enough for the parallel path).
+TEST(BvhRefit, LeafBoxesEqualAFreshBuilds) {
+    GmTriangleMesh mesh = qgtools::makeClothGrid(190, 190, 3.0, 2.0);
+    const std::vector<V3> original = mesh.getVertices();
+    const std::vector<V3> moved = jitteredPositions(mesh, 0.05, 8);
+    for (int mode = 0; mode < 3; ++mode) {
+        for (bool parallel : {false, true}) {
+            ScopedThreading t(parallel);
+            GmBoundingVolumeHierarchy h(&mesh);
+            std::unique_ptr<GmBoundingVolumeHierarchy> fresh;
+            if (mode == 0) {  // the mesh itself moved
+                mesh.setVertices(moved);
+                h.refit();
+                fresh.reset(new GmBoundingVolumeHierarchy(&mesh));
+            } else if (mode == 1) {
+                h.refit(moved);
+                fresh.reset(new GmBoundingVolumeHierarchy(&mesh, moved));
+            } else {
+                h.refit(0.375);
+                fresh.reset(new GmBoundingVolumeHierarchy(&mesh, 0.375));
+            }
+            std::vector<GmAxisAlignedBox> byFace(static_cast<size_t>(mesh.getNumberFaces()));
+            for (const auto& n : fresh->getNodes())
+                if (n.isLeaf()) byFace[static_cast<size_t>(n.primitive->index)] = n.box;
+            int bad = 0;
+            for (const auto& n : h.getNodes())
+                if (n.isLeaf() && !sameBox(n.box, byFace[static_cast<size_t>(n.primitive->index)])) ++bad;
+            EXPECT_EQ(bad, 0) << "mode " << mode << (parallel ? " parallel" : " serial");
+            EXPECT_TRUE(sameBox(h.getRootBoundingVolume(), fresh->getRootBoundingVolume()));
+            if (mode == 0) expectEncloses(h, mesh, nullptr, 1e-8, "refit after a move");
+            mesh.setVertices(original);
+        }
+    }
+}
+
 TEST(BvhRefit, ParallelEqualsSerialAndKeepsShape) {
-    GmTriangleMesh mesh = qgtools::makeClothGrid(80, 60);
+    GmTriangleMesh mesh = qgtools::makeClothGrid(190, 180);  // above the parallel refit's size threshold
     GmBoundingVolumeHierarchy a(&mesh), b(&mesh);
     ASSERT_GE(a.getDepth(), 7);
     std::vector<const GmTriangleFace*> shape;

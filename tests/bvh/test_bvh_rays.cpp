@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
 
 #include "bvh_test_util.h"
 
@@ -221,6 +222,161 @@ TEST(BvhRays, DegenerateRays) {
     EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), V3(0, 0, 0)), hits, false, true));
     EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), V3(1e-300, 0, 0)), hits, false, true));
     EXPECT_TRUE(hits.empty());
+}
+
+// ---- Wide copy and first hit ----------------------------------------------------------------
+
+// Rays of four kinds against a mesh: random, through a vertex, along an edge's line, and in
+// the plane of a face (parallel to it).
+std::vector<std::pair<V3, V3>> grazingRays(const GmTriangleMesh& mesh, unsigned seed, int count) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> g;
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    std::vector<std::pair<V3, V3>> rays;
+    const auto anyFace = [&] { return static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces())); };
+    for (int i = 0; i < count; ++i) {
+        const int f = anyFace();
+        const V3 a = mesh.getFaceVertex1(f), b = mesh.getFaceVertex2(f), c = mesh.getFaceVertex3(f);
+        const V3 o = randomPointAround(mesh, rng, 0.2);
+        switch (i % 4) {
+            case 0: rays.emplace_back(o, V3(g(rng), g(rng), g(rng))); break;
+            case 1: rays.emplace_back(o, a - o); break;
+            case 2: rays.emplace_back(a - (b - a) * (0.5 + u(rng)), b - a); break;
+            default: rays.emplace_back(a + (b - a) * (u(rng) - 0.5) + (c - a) * (u(rng) - 0.5) - (c - b), c - b); break;
+        }
+    }
+    return rays;
+}
+
+// Nearest brute-force hit: smallest (t, face), with the triangle test's own outputs.
+bool bruteFirst(const GmTriangleMesh& mesh, const V3& o, const V3& d, GmPointIntersectionInfo& best, double& bestT) {
+    bool found = false;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (!GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
+                                         point, t, u, v) ||
+            (found && !(t < bestT)))
+            continue;
+        found = true;
+        bestT = t;
+        best.triangleIndex = f;
+        best.point = point;
+        best.barycentric = V3(1 - u - v, u, v);
+    }
+    return found;
+}
+
+void expectSameRecords(const std::vector<GmPointIntersectionInfo>& a, const std::vector<GmPointIntersectionInfo>& b,
+                       const std::string& what) {
+    ASSERT_EQ(a.size(), b.size()) << what;
+    for (size_t i = 0; i < a.size(); ++i) {
+        EXPECT_EQ(a[i].triangleIndex, b[i].triangleIndex) << what << " record " << i;
+        EXPECT_EQ(a[i].objectIndex, b[i].objectIndex) << what;
+        EXPECT_EQ(a[i].point, b[i].point) << what;
+        EXPECT_EQ(a[i].barycentric, b[i].barycentric) << what;
+    }
+}
+
+// The wide copy gives the binary walk's records in the same order, every face that brute force
+// finds, and the nearest of them as first hit; after a refit and under a mask as well. The
+// binary walk is read from fresh copies of the tree, which have not run enough queries to make
+// their own wide copy.
+TEST(BvhRays, WideCopyAndFirstHitMatchBinaryWalkAndBruteForce) {
+    std::vector<std::pair<std::string, GmTriangleMesh>> meshes;
+    meshes.emplace_back("grid", qgtools::makeClothGrid(24, 24));  // exact coordinates, flat
+    meshes.emplace_back("torus", qgtools::makeTorus(30, 12));
+    meshes.emplace_back("soup", randomSoup(400, 7));
+    meshes.emplace_back("spot", loadData("spot.obj"));
+    // Far from the unit scale, off the origin (up to where the 1e-8 box padding still covers the
+    // triangle test's tolerance along the edges).
+    for (double scale : {0x1p-12, 0x1p20}) {
+        GmTriangleMesh m = qgtools::makeIcosphere(3);
+        std::vector<V3> p = m.getVertices();
+        for (V3& v : p) v = (v + V3(3, -1, 0.5)) * scale;
+        m.setVertices(p);
+        meshes.emplace_back("icosphere x " + std::to_string(scale), std::move(m));
+    }
+    for (auto& [name, mesh] : meshes) {
+        GmDisabledData disabled(&mesh);
+        for (int f = 0; f < mesh.getNumberFaces(); f += 3) disabled.setFaceDisabled(f);
+        GmBoundingVolumeHierarchy wide(&mesh);
+        for (int round = 0; round < 2; ++round) {
+            if (round == 1) wide.refit(jitteredPositions(mesh, 1e-3 * (meshBounds(mesh).getExtent().length()), 3),
+                                       &disabled, nullptr);  // swept boxes, a mask
+            ASSERT_TRUE(wide.prepareRayQueries()) << name;
+            int hitRays = 0;
+            for (const auto& [o, d] : grazingRays(mesh, 40 + round, 240)) {
+                const GmRay ray(o, d);
+                const std::string what = name + " round " + std::to_string(round);
+                for (bool include : {true, false}) {
+                    if (!include && round == 0) continue;
+                    std::vector<GmPointIntersectionInfo> a, b;
+                    wide.intersect(ray, a, false, include);
+                    GmBoundingVolumeHierarchy binary(wide);
+                    binary.intersect(ray, b, false, include);
+                    expectSameRecords(a, b, what);
+                    if (include) {
+                        EXPECT_EQ(faceSet(a), bruteRay(mesh, o, d)) << what << " from " << o << " along " << d;
+                    }
+                    hitRays += !a.empty();
+                }
+                GmPointIntersectionInfo first, expected;
+                double t = -1, expectedT = -1;
+                const bool any = wide.intersectFirst(ray, first, t, true);
+                ASSERT_EQ(any, bruteFirst(mesh, o, d, expected, expectedT)) << name;
+                GmPointIntersectionInfo slow;
+                double slowT = -1;
+                EXPECT_EQ(GmBoundingVolumeHierarchy(wide).intersectFirst(ray, slow, slowT, true), any);
+                if (!any) continue;
+                EXPECT_EQ(first.triangleIndex, expected.triangleIndex) << name;
+                EXPECT_EQ(t, expectedT);
+                EXPECT_EQ(first.point, expected.point);
+                EXPECT_EQ(first.barycentric, expected.barycentric);
+                EXPECT_EQ(slow.triangleIndex, expected.triangleIndex);
+            }
+            EXPECT_GT(hitRays, 50) << name;
+        }
+    }
+}
+
+// Threads querying one tree while its wide copy is made on demand get the records of a tree
+// that never makes one.
+TEST(BvhRays, ConcurrentQueriesWhileTheCopyIsMade) {
+    GmTriangleMesh mesh = qgtools::makeTorus(40, 16);
+    const GmBoundingVolumeHierarchy tree(&mesh);
+    const std::vector<std::pair<V3, V3>> rays = grazingRays(mesh, 77, 400);
+    std::vector<std::vector<GmPointIntersectionInfo>> expected(rays.size());
+    for (size_t i = 0; i < rays.size(); ++i)
+        GmBoundingVolumeHierarchy(tree).intersect(GmRay(rays[i].first, rays[i].second), expected[i], false, true);
+    std::vector<std::vector<GmPointIntersectionInfo>> got[2];
+    std::vector<std::thread> threads;
+    for (int k = 0; k < 2; ++k)
+        threads.emplace_back([&, k] {
+            got[k].resize(rays.size());
+            for (size_t i = 0; i < rays.size(); ++i)
+                tree.intersect(GmRay(rays[i].first, rays[i].second), got[k][i], false, true);
+        });
+    for (std::thread& t : threads) t.join();
+    for (int k = 0; k < 2; ++k)
+        for (size_t i = 0; i < rays.size(); ++i) expectSameRecords(got[k][i], expected[i], "thread");
+}
+
+TEST(BvhRays, FirstHitTiesAndMisses) {
+    GmTriangleMesh grid = qgtools::makeClothGrid(8, 8);  // exact coordinates k / 8
+    GmBoundingTree tree(&grid);
+    ASSERT_TRUE(tree.prepareRayQueries());
+    GmPointIntersectionInfo hit;
+    double t = 0;
+    // Through the diagonal shared by faces 52 and 53, both at t = 1: the smaller index.
+    EXPECT_TRUE(tree.intersectFirst(GmRay(V3(0.3125, 0.4375, 1.0), V3(0, 0, -1)), hit, t, true));
+    EXPECT_EQ(hit.triangleIndex, 52);
+    EXPECT_EQ(t, 1.0);
+    EXPECT_EQ(hit.objectIndex, -1);
+    EXPECT_FALSE(tree.intersectFirst(GmRay(V3(0.3, 0.4, 1.0), V3(0, 0, 1)), hit, t, true));  // facing away
+    EXPECT_EQ(hit.triangleIndex, -1);
+    EXPECT_EQ(t, DBL_MAX);
+    EXPECT_FALSE(tree.intersectFirst(GmRay(V3(0.3, 0.4, 1.0), V3(0, 0, 0)), hit, true));  // no direction
 }
 
 TEST(BvhBox, RootOverlapOnly) {

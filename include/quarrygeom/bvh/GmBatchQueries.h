@@ -75,9 +75,9 @@ struct FirstHitOutputs {
     GmTVector<double>* barycentric = nullptr;  // weights of the face's vertices 1, 2, 3; NaN for a miss
 };
 
-// Nearest hit of each ray (origins[i], directions[i]), as GmRay: of the records that
-// tree.intersect(ray, hits, false, includeDisabled) gives, the one with the smallest ray
-// parameter, ties going to the smallest face index.
+// Nearest hit of each ray (origins[i], directions[i]), as GmRay: tree.intersectFirst for each
+// ray (of the records that tree.intersect gives, the one with the smallest ray parameter, ties
+// going to the smallest face index).
 QUARRYGEOM_API void intersectFirst(const GmBoundingVolumeHierarchy& tree, const GmTVector<double>* origins,
                                    const GmTVector<double>* directions, std::size_t n, const FirstHitOutputs& out,
                                    bool includeDisabled, bool fillMeshCaches = true);

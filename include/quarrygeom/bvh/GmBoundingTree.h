@@ -109,6 +109,14 @@ public:
                    bool includeDisabled) const;
     bool intersect(const GmRayAxis<0, 0, -1>& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
                    bool includeDisabled) const;
+    // Nearest face the ray meets, its parameter t, ties to the smallest face index (an addition
+    // to the every-hit queries; see GmBoundingVolumeHierarchy::intersectFirst).
+    bool intersectFirst(const GmRay& ray, GmPointIntersectionInfo& hit, double& t,
+                        bool includeDisabled = false) const;
+    bool intersectFirst(const GmRay& ray, GmPointIntersectionInfo& hit, bool includeDisabled = false) const;
+    // Brings the general rays' wide copy up to date now (see
+    // GmBoundingVolumeHierarchy::prepareRayQueries).
+    bool prepareRayQueries() const;
 
     // Collision traversals (implemented in GmBVHCollision.cpp)
     // Each operation twice: with explicit component tests, and with a bool choosing them
