@@ -71,7 +71,9 @@ def test_batched_queries_equal_the_cpp_single_queries(tmp_path, shared_mesh):
             assert first.face[i] == -1 and np.isinf(first.t[i]) and np.isnan(first.point[i]).all()
             continue
         best = np.lexsort((allh.hits["face"][s], t[s]))[0]
-        assert (first.face[i], first.t[i]) == (allh.hits["face"][s][best], t[s][best])
+        # t comes from the triangle test itself, so it may differ from the point's in the last bit.
+        assert first.face[i] == allh.hits["face"][s][best]
+        assert first.t[i] == pytest.approx(t[s][best], rel=1e-12, abs=0)
         np.testing.assert_array_equal(first.point[i], allh.hits["point"][s][best])
 
 
