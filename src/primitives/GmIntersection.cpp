@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <iostream>
 #include <stdexcept>
 
 #include <quarrygeom/core/GmPolynomial.h>
+#include <quarrygeom/primitives/GmGeometry.h>
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
@@ -31,6 +33,28 @@ constexpr double kUnitRound = 1.1102230246251565e-16;
 inline bool crossAboveNoise(double crossLength, double uLength, double vLength, double m) {
     const double floor = 8.0 * kUnitRound * (m * (uLength + vLength) + uLength * vLength);
     return crossLength > floor && crossLength > 0.0 && std::isfinite(crossLength);
+}
+
+// Largest coordinate magnitude of a few points (the scale of their rounding noise).
+inline double featureMagnitude(std::initializer_list<const Vec*> pts) {
+    double m = 0.0;
+    for (const Vec* p : pts) m = std::max(m, std::max(std::fabs(p->x), std::max(std::fabs(p->y), std::fabs(p->z))));
+    return m;
+}
+
+// The fallback normal of a contact whose own normal degenerates: the first of the candidate
+// directions that stands above the rounding noise of positions of magnitude m. False when
+// neither does (the features coincide throughout the step).
+inline bool fallbackDirection(const Vec& first, const Vec& second, double m, Vec& n) {
+    const double noise = std::max(64.0 * kUnitRound * m, 0x1p-1000);
+    for (const Vec* v : {&first, &second}) {
+        const double len = v->length();
+        if (len > noise && std::isfinite(len)) {
+            n = *v / len;
+            return true;
+        }
+    }
+    return false;
 }
 
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
@@ -397,19 +421,28 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const Vec a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
     const Vec ab = b - a, ac = c - a;
     Vec n = ab.cross(ac);
-    const double len = n.length();
+    double len = n.length();
     const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length()});
-    if (!crossAboveNoise(len, ab.length(), ac.length(), m)) {
-        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
-        return false;
+    if (crossAboveNoise(len, ab.length(), ac.length(), m)) {
+        n /= len;
+        // Towards the side of the face on which the vertex started (or against its motion when
+        // it started in the plane).
+        double side = n.dot(p0 - (a0 * bary.x + b0 * bary.y + c0 * bary.z));
+        if (side == 0.0) side = -n.dot(p1 - (a1 * bary.x + b1 * bary.y + c1 * bary.z));
+        if (side < 0.0) n = -n;
+    } else {
+        // The face has no area at the contact: the direction from the face to the vertex at the
+        // start of the step, else against the vertex's motion relative to the face.
+        double s0, t0;
+        GmGeometry::closestParametricPointOnTriangle(p0, a0, b0, c0, s0, t0);
+        const Vec q0 = a0 + (b0 - a0) * s0 + (c0 - a0) * t0;
+        const Vec motion = (p1 - p0) - ((a1 - a0) * bary.x + (b1 - b0) * bary.y + (c1 - c0) * bary.z);
+        if (!fallbackDirection(p0 - q0, -motion, featureMagnitude({&p0, &a0, &b0, &c0, &p1, &a1, &b1, &c1}), n)) {
+            std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
+                      << "Unable to compute collision normal." << std::endl;
+            return false;
+        }
     }
-    n /= len;
-    // Towards the side of the face on which the vertex started (or against its motion when it
-    // started in the plane).
-    double side = n.dot(p0 - (a0 * bary.x + b0 * bary.y + c0 * bary.z));
-    if (side == 0.0) side = -n.dot(p1 - (a1 * bary.x + b1 * bary.y + c1 * bary.z));
-    if (side < 0.0) n = -n;
 
     time = t;
     barycentric = bary;
@@ -476,17 +509,26 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
             found = crossAboveNoise(len, da.length(), dc.length(), m);
         }
     }
-    if (!found) {
-        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
-        return false;
+    if (found) {
+        n /= len;
+        // From edge c-d towards edge a-b as they stood at the start (against the motion when they
+        // started in contact).
+        double side = n.dot((a0 + (b0 - a0) * ss) - (c0 + (d0 - c0) * tt));
+        if (side == 0.0) side = -n.dot((a1 + (b1 - a1) * ss) - (c1 + (d1 - c1) * tt));
+        if (side < 0.0) n = -n;
+    } else {
+        // Parallel edges in contact: the direction between the edges at the start of the step,
+        // else against the motion of a-b relative to c-d.
+        double s0, t0;
+        GmSegmentDistance::segmentSegmentDistanceSquared(a0, b0, c0, d0, s0, t0);
+        const Vec start = (a0 + (b0 - a0) * s0) - (c0 + (d0 - c0) * t0);
+        const Vec motion = ((a1 - a0) * (1.0 - ss) + (b1 - b0) * ss) - ((c1 - c0) * (1.0 - tt) + (d1 - d0) * tt);
+        if (!fallbackDirection(start, -motion, featureMagnitude({&a0, &b0, &c0, &d0, &a1, &b1, &c1, &d1}), n)) {
+            std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
+                      << "Unable to compute collision normal." << std::endl;
+            return false;
+        }
     }
-    n /= len;
-    // From edge c-d towards edge a-b as they stood at the start (against the motion when they
-    // started in contact).
-    double side = n.dot((a0 + (b0 - a0) * ss) - (c0 + (d0 - c0) * tt));
-    if (side == 0.0) side = -n.dot((a1 + (b1 - a1) * ss) - (c1 + (d1 - c1) * tt));
-    if (side < 0.0) n = -n;
 
     time = tm;
     s = ss;
