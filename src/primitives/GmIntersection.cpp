@@ -128,9 +128,6 @@ CubicStatus buildCubic(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1
 // below 2 in magnitude, computed from correctly rounded differences).
 constexpr double kScaledNoise = 1024.0 * kUnitRound;
 
-// Rounding noise of the vertex-edge quadratics, in units of their magnitude bounds.
-constexpr double kCoefficientNoise = 16.0 * kUnitRound;
-
 // A small sorted set of candidate contact times.
 struct Candidates {
     double t[80];
@@ -170,15 +167,21 @@ void addVertexEdgeEvents(const Vec& p0, const Vec& a0, const Vec& b0, const Vec&
     const Vec e = b0 - a0, q = p0 - a0;
     const Vec ve = (b1 - a1) - e, vq = (p1 - a1) - q;
     const Vec c0 = e.cross(q), c1 = e.cross(vq) + ve.cross(q), c2 = ve.cross(vq);
-    const Vec me = absv(b0) + absv(a0), mq = absv(p0) + absv(a0);
-    const Vec mve = absv(b1) + absv(a1) + me, mvq = absv(p1) + absv(a1) + mq;
-    const Vec m0 = crossAbs(me, mq), m1 = crossAbs(me, mvq) + crossAbs(mve, mq), m2 = crossAbs(mve, mvq);
+    // Natural size of each component (products of the differences' sizes) and its rounding
+    // noise: the differences are off by a few units in the last place of the positions (of
+    // magnitude up to m, which may be far larger than the features), the products by a few
+    // units of their own size.
+    const Vec ae = absv(e), aq = absv(q), ave = absv(ve), avq = absv(vq);
+    const Vec size = crossAbs(ae, aq) + crossAbs(ae, avq) + crossAbs(ave, aq) + crossAbs(ave, avq);
+    const double m = featureMagnitude({&p0, &a0, &b0, &p1, &a1, &b1});
+    const Vec se = ae + ave, sq = aq + avq;
+    const double spread = (se.x + se.y + se.z) + (sq.x + sq.y + sq.z);
     bool nearLine = true;
     for (int k = 0; k < 3; ++k) {
-        const double mag = m0[k] + m1[k] + m2[k];
+        const double noise = 16.0 * kUnitRound * (m * spread + size[k]);
         const double big = std::max({std::fabs(c0[k]), std::fabs(c1[k]), std::fabs(c2[k])});
-        if (big > 1e-10 * mag) nearLine = false;
-        if (big > kCoefficientNoise * mag) addQuadraticEvents(c0[k], c1[k], c2[k], out);
+        if (big > 1e-10 * size[k] + noise) nearLine = false;
+        if (big > noise) addQuadraticEvents(c0[k], c1[k], c2[k], out);
     }
     if (!nearLine) return;
     // (Nearly) collinear throughout: p meets an end point when a coordinate of p - a (or p - b)
@@ -223,7 +226,8 @@ bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test, Sign
     // lose a crossing of the plane: the exact orientation signs at the two ends of the step
     // decide, and a sign change is located by bisection on the exact signs.
     const double* c = q.c;
-    if (std::fabs(c[0] + c[1] + c[2] + c[3]) > kResidual && detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3]))
+    if (std::fabs(c[0] + c[1] + c[2] + c[3]) > kResidual && std::fabs(c[0]) > kScaledNoise &&
+        detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3]))
         return false;
     const int s0 = exactSign(0.0), s1 = exactSign(1.0);
     double t;
@@ -323,8 +327,11 @@ bool cubicRootPreCheckRejects(double c0, double c1, double c2, double c3) {
 
 int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]) {
     const double c[4] = {c0, c1, c2, c3};
+    // The pre-check looks for roots after the start: a cubic vanishing at t = 0 (the features
+    // touch as the step begins) has one there whatever it says.
     const double p1 = c0 + c1 + c2 + c3;
-    if (std::fabs(p1) > kResidual && cubicRootPreCheckRejects(c0, c1, c2, c3)) return 0;
+    if (std::fabs(p1) > kResidual && std::fabs(c0) > kScaledNoise && cubicRootPreCheckRejects(c0, c1, c2, c3))
+        return 0;
 
     double roots[3];
     const int n = GmPolynomial::getRealCubicRoots(c0, c1, c2, c3, roots);
