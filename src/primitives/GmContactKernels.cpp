@@ -372,7 +372,7 @@ public:
         _py = std::fabs(bzx) + std::fabs(bxz);
         _pz = std::fabs(bxy) + std::fabs(byx);
     }
-    int operator()(const Vec& p) const {
+    [[gnu::always_inline]] inline int operator()(const Vec& p) const {
         const double ax = p.x - _b0.x, ay = p.y - _b0.y, az = p.z - _b0.z;
         const double det = ax * _nx + ay * _ny + az * _nz;
         const double permanent = std::fabs(ax) * _px + std::fabs(ay) * _py + std::fabs(az) * _pz;
@@ -467,12 +467,13 @@ int projectionAxis(const Vec* t) {
     return -1;
 }
 
-// Segment p-q against the non-degenerate triangle t (projection axis drop); sp, sq are the
-// exact sides of p and q against t's plane.
-void segmentAgainstTriangle(const Vec& p, const Vec& q, int sp, int sq, const Vec* t, int drop,
+// Segment p-q against the non-degenerate triangle t; sp, sq are the exact sides of p and q
+// against t's plane. drop is t's projection axis, found on first use when negative.
+void segmentAgainstTriangle(const Vec& p, const Vec& q, int sp, int sq, const Vec* t, int& drop,
                             std::vector<Vec>& pts) {
     if (sp * sq > 0) return;
     if (sp == 0 && sq == 0) {
+        if (drop < 0) drop = projectionAxis(t);
         clipSegment2(p, q, t, drop, pts);
         return;
     }
@@ -545,7 +546,6 @@ GmGeometry::PointOnTriType classifyBarycentric(const Vec& w) {
 bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, const Vec& b0, const Vec& b1,
                                   const Vec& b2, std::vector<Vec>& points) {
     points.clear();
-    if (!(finite3(a0) && finite3(a1) && finite3(a2) && finite3(b0) && finite3(b1) && finite3(b2))) return false;
     int da[3], db[3];
     const PlaneSide sideOfB(b0, b1, b2);
     da[0] = sideOfB(a0);
@@ -557,36 +557,38 @@ bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, c
     db[1] = sideOfA(b1);
     db[2] = sideOfA(b2);
     if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
+    // A coordinate that is not finite makes some side 0 (the exact predicate gives NaN).
+    if (da[0] * da[1] * da[2] * db[0] * db[1] * db[2] == 0 &&
+        !(finite3(a0) && finite3(a1) && finite3(a2) && finite3(b0) && finite3(b1) && finite3(b2)))
+        return false;
     const Vec a[3] = {a0, a1, a2};
     const Vec b[3] = {b0, b1, b2};
-    const int ka = projectionAxis(a), kb = projectionAxis(b);
-    if (ka >= 0 && kb >= 0) {
-        if (da[0] == 0 && da[1] == 0 && da[2] == 0) {
-            // Coplanar: the overlap polygon's corners.
-            for (int k = 0; k < 3; ++k)
-                if (inTriangle2(a[k], b, ka)) addPoint(points, a[k]);
-            for (int k = 0; k < 3; ++k)
-                if (inTriangle2(b[k], a, ka)) addPoint(points, b[k]);
-            for (int i = 0; i < 3; ++i)
-                for (int j = 0; j < 3; ++j) segmentCrossing2(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], ka, points);
-            return !points.empty();
-        }
-        // Each triangle's edges against the other, each clipped in its own projection.
+    // A point strictly off a triangle's plane proves that the triangle has area.
+    const bool bSpans = (da[0] | da[1] | da[2]) != 0, aSpans = (db[0] | db[1] | db[2]) != 0;
+    if (aSpans && bSpans) {
+        // Each triangle's edges against the other, an edge in the other's plane clipped in that
+        // triangle's own projection.
+        int ka = -1, kb = -1;
         for (int k = 0; k < 3; ++k) segmentAgainstTriangle(a[k], a[(k + 1) % 3], da[k], da[(k + 1) % 3], b, kb, points);
         for (int k = 0; k < 3; ++k) segmentAgainstTriangle(b[k], b[(k + 1) % 3], db[k], db[(k + 1) % 3], a, ka, points);
         return !points.empty();
     }
+    int ka = projectionAxis(a), kb = projectionAxis(b);
+    if (ka >= 0 && kb >= 0) {
+        // Coplanar: the overlap polygon's corners.
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(a[k], b, ka)) addPoint(points, a[k]);
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(b[k], a, ka)) addPoint(points, b[k]);
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) segmentCrossing2(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], ka, points);
+        return !points.empty();
+    }
     // A zero-area triangle is the union of its edges.
     if (ka >= 0) {
-        for (int k = 0; k < 3; ++k) {
-            const int s0 = orient3(a0, a1, a2, b[k]), s1 = orient3(a0, a1, a2, b[(k + 1) % 3]);
-            segmentAgainstTriangle(b[k], b[(k + 1) % 3], s0, s1, a, ka, points);
-        }
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(b[k], b[(k + 1) % 3], db[k], db[(k + 1) % 3], a, ka, points);
     } else if (kb >= 0) {
-        for (int k = 0; k < 3; ++k) {
-            const int s0 = orient3(b0, b1, b2, a[k]), s1 = orient3(b0, b1, b2, a[(k + 1) % 3]);
-            segmentAgainstTriangle(a[k], a[(k + 1) % 3], s0, s1, b, kb, points);
-        }
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(a[k], a[(k + 1) % 3], da[k], da[(k + 1) % 3], b, kb, points);
     } else {
         for (int i = 0; i < 3; ++i)
             for (int j = 0; j < 3; ++j) segmentAgainstSegment(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], points);

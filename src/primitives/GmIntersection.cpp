@@ -57,6 +57,19 @@ inline bool fallbackDirection(const Vec& first, const Vec& second, double m, Vec
     return false;
 }
 
+// Whether the box of p, q is farther from the box of a, b, c on some axis than the in-plane
+// tolerance (1e-6 of the longest edge, at most 2e-6 of the largest box extent) could bridge.
+inline bool clearlyApart(const Vec& p, const Vec& q, const Vec& a, const Vec& b, const Vec& c) {
+    double gap = 0.0, extent = 0.0;
+    for (int k = 0; k < 3; ++k) {
+        const double plo = std::min(p[k], q[k]), phi = std::max(p[k], q[k]);
+        const double flo = std::min({a[k], b[k], c[k]}), fhi = std::max({a[k], b[k], c[k]});
+        gap = std::max(gap, std::max(plo - fhi, flo - phi));
+        extent = std::max(extent, std::max(phi - plo, fhi - flo));
+    }
+    return gap > 2e-6 * extent;
+}
+
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
 
 // Position at time t of a point moving from a to b (exactly b at the end of the step).
@@ -226,8 +239,7 @@ bool walkRoots(const Cubic& q, double timeBound, double& time, Test&& test, Sign
     // lose a crossing of the plane: the exact orientation signs at the two ends of the step
     // decide, and a sign change is located by bisection on the exact signs.
     const double* c = q.c;
-    if (std::fabs(c[0] + c[1] + c[2] + c[3]) > kResidual && std::fabs(c[0]) > kScaledNoise &&
-        detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3]))
+    if (std::fabs(c[0] + c[1] + c[2] + c[3]) > kResidual && detail::cubicRootPreCheckRejects(c[0], c[1], c[2], c[3]))
         return false;
     const int s0 = exactSign(0.0), s1 = exactSign(1.0);
     double t;
@@ -327,11 +339,14 @@ bool cubicRootPreCheckRejects(double c0, double c1, double c2, double c3) {
 
 int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]) {
     const double c[4] = {c0, c1, c2, c3};
-    // The pre-check looks for roots after the start: a cubic vanishing at t = 0 (the features
-    // touch as the step begins) has one there whatever it says.
+    // A cubic the pre-check rejects has no root after the start; one that vanishes at t = 0
+    // (the features coplanar as the step begins) still has that root.
     const double p1 = c0 + c1 + c2 + c3;
-    if (std::fabs(p1) > kResidual && std::fabs(c0) > kScaledNoise && cubicRootPreCheckRejects(c0, c1, c2, c3))
-        return 0;
+    if (std::fabs(p1) > kResidual && cubicRootPreCheckRejects(c0, c1, c2, c3)) {
+        if (!(std::fabs(c0) <= kScaledNoise)) return 0;
+        times[0] = 0.0;
+        return 1;
+    }
 
     double roots[3];
     const int n = GmPolynomial::getRealCubicRoots(c0, c1, c2, c3, roots);
@@ -398,6 +413,7 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     Vec bary;
     auto inFace = [&](double t) {
         const Vec p = lerp(p0, p1, t), a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
+        if (clearlyApart(p, p, a, b, c)) return false;
         const double d2 = GmSegmentDistance::pointTriangleDistanceSquared(p, a, b, c, bary);
         const double scale2 =
             std::max((b - a).lengthSquared(), std::max((c - a).lengthSquared(), (c - b).lengthSquared()));
@@ -469,6 +485,7 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     double ss = 0.0, tt = 0.0;
     auto cross = [&](double tm) {
         const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);
+        if (clearlyApart(a, b, c, d, d)) return false;
         const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, ss, tt);
         const double scale2 = std::max((b - a).lengthSquared(), (d - c).lengthSquared());
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
