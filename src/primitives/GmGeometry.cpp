@@ -71,8 +71,10 @@ double closestParametricPointOnTriangle(const Vec& p, const Vec& v0, const Vec& 
     const Vec e1 = v2 - v0;
     const Vec diff = v0 - p;
     const double a = e0.dot(e0), c = e1.dot(e1), f = diff.dot(diff);
+    // Positions relative to v0 throughout, so that a power-of-two scaling changes nothing.
+    const Vec origin(0.0, 0.0, 0.0);
     if (std::max(a, std::max(c, f)) <= kSquareHigh && std::max(a, c) >= kSquareLow)
-        return closestRegion(e0, e1, diff, p, v0, v1, v2, s, t);
+        return closestRegion(e0, e1, diff, origin - diff, origin, e0, e1, s, t);
     // Far from unit scale: the same computation on coordinates relative to v0, scaled by a power
     // of two (exact), so that the answer does not depend on the scale.
     const double m = std::max(maxAbs(e0), std::max(maxAbs(e1), maxAbs(diff)));
@@ -80,7 +82,7 @@ double closestParametricPointOnTriangle(const Vec& p, const Vec& v0, const Vec& 
     if (!(m > 0.0)) return m == 0.0 ? 0.0 : m;  // one point, or NaN
     if (!std::isfinite(m)) return std::numeric_limits<double>::quiet_NaN();
     const double sc = inversePowerOfTwoAbove(m);
-    const Vec origin(0.0, 0.0, 0.0), se0 = e0 * sc, se1 = e1 * sc, sdiff = diff * sc;
+    const Vec se0 = e0 * sc, se1 = e1 * sc, sdiff = diff * sc;
     const double d2 = closestRegion(se0, se1, sdiff, origin - sdiff, origin, se0, se1, s, t);
     return d2 / sc / sc;
 }

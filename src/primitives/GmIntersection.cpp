@@ -89,7 +89,11 @@ inline Vec crossAbs(const Vec& a, const Vec& b) {
 }
 inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
 
-enum class CubicStatus { Ok, AllCoincide, NotFinite };
+enum class CubicStatus { Ok, AllCoincide, NotFinite, OutOfRange };
+
+// Differences of positions (feature sizes, gaps, motions) beyond which the squared lengths of
+// the in-plane tests would overflow; well outside the supported range.
+constexpr double kLargestDifference = 0x1p500;
 
 // 2^-e for the e with m * 2^-e in [0.5, 1) (m positive and finite), read from m's exponent bits;
 // e is kept within [-1020, 1022] so that the factor is a finite normal number.
@@ -122,6 +126,7 @@ CubicStatus buildCubic(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1
     const double m = std::max(std::max(std::max(maxAbs(x1), maxAbs(x2)), std::max(maxAbs(y), maxAbs(e1))),
                               std::max(maxAbs(e2), maxAbs(f)));
     if (!std::isfinite(m)) return CubicStatus::NotFinite;
+    if (m > kLargestDifference) return CubicStatus::OutOfRange;
     if (!(m > 0.0)) return CubicStatus::AllCoincide;
     const double sc = inversePowerOfTwoAbove(m);
     q.scale = sc;
@@ -409,6 +414,11 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const Vec x1 = b0 - a0, x2 = c0 - a0, y = p0 - a0, e1 = b1 - a1, e2 = c1 - a1, f = p1 - a1;
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
+    if (status == CubicStatus::OutOfRange) {
+        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
 
     Vec bary;
     auto inFace = [&](double t) {
@@ -481,6 +491,11 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     const Vec x1 = b0 - a0, x2 = d0 - c0, y = c0 - a0, e1 = b1 - a1, e2 = d1 - c1, f = c1 - a1;
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
+    if (status == CubicStatus::OutOfRange) {
+        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
 
     double ss = 0.0, tt = 0.0;
     auto cross = [&](double tm) {

@@ -12,6 +12,8 @@ namespace GmProximityCheck {
 
 namespace {
 constexpr double kUnitRound = 1.1102230246251565e-16;
+// Coordinates beyond which squared distances would overflow; well outside the supported range.
+constexpr double kLargestCoordinate = 0x1p500;
 inline double clamp01(double v) { return v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v); }
 
 inline double maxAbs(const GmTVector<double>& v) {
@@ -33,6 +35,7 @@ inline bool distanceAboveNoise(double dist, double m) { return dist > std::max(6
 bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, const GmTVector<double>& b,
                         const GmTVector<double>& c, double& distance, GmTVector<double>& normal,
                         GmTVector<double>& closestPoint, double& wa, double& wb, double& wc) {
+    if (!(distance >= 0.0)) return false;
     const double bound2 = distance * distance;
     double s, t;
     if (!(GmGeometry::closestParametricPointOnTriangle(p, a, b, c, s, t) <= bound2)) return false;
@@ -43,6 +46,12 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
     if (!(d2 <= bound2)) return false;
     const double dist = std::sqrt(d2);
     const double m = std::max(std::max(maxAbs(p), maxAbs(a)), std::max(maxAbs(b), maxAbs(c)));
+    if (!std::isfinite(m)) return false;
+    if (m > kLargestCoordinate) {
+        std::cerr << "Error in GmProximityCheck::pointFaceProximity() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
     const GmTVector<double> ab = b - a, ac = c - a;
     GmTVector<double> fn = ab.cross(ac);
     const double fl = fn.length();
@@ -75,6 +84,7 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
 bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, const GmTVector<double>& c,
                        const GmTVector<double>& d, double& distance, GmTVector<double>& normal, double& s,
                        double& t) {
+    if (!(distance >= 0.0)) return false;
     double ss, tt;
     const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, ss, tt);
     if (!(d2 <= distance * distance)) return false;
@@ -83,6 +93,12 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
     const double dist = std::sqrt(d2);
     const double len = v.length();
     const double m = std::max(std::max(maxAbs(a), maxAbs(b)), std::max(maxAbs(c), maxAbs(d)));
+    if (!std::isfinite(m)) return false;
+    if (m > kLargestCoordinate) {
+        std::cerr << "Error in GmProximityCheck::edgeEdgeProximity() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
     GmTVector<double> cr = e1.cross(e2);
     const double cl = cr.length();
     const bool spans = crossAboveNoise(cl, e1.length(), e2.length(), m);

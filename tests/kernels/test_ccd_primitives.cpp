@@ -394,6 +394,22 @@ TEST(CcdDegenerate, FeaturesCoincidingThroughoutPrintTheMessage) {
     }
 }
 
+TEST(CcdDegenerate, CoordinatesOutsideTheRangeAreRefusedWithAMessage) {
+    const double big = 0x1p520;
+    const Vec e[8] = {Vec(-1, 0, 0) * big, Vec(1, 0, 0) * big, Vec(0, -1, 1) * big, Vec(0, 1, 1) * big,
+                      Vec(-1, 0, 0) * big, Vec(1, 0, 0) * big, Vec(0, -1, -1) * big, Vec(0, 1, -1) * big};
+    const Vec f[8] = {Vec(0.2, 0.2, 1) * big, Vec(0, 0, 0), Vec(1, 0, 0) * big, Vec(0, 1, 0) * big,
+                      Vec(0.2, 0.2, -1) * big, Vec(0, 0, 0), Vec(1, 0, 0) * big, Vec(0, 1, 0) * big};
+    double time, s, t;
+    Vec n, point, bary;
+    CerrCapture cap;
+    EXPECT_FALSE(edgeEdge(e, time, s, t, n));
+    EXPECT_FALSE(vertexFace(f, time, point, bary, n));
+    EXPECT_EQ(cap.text(),
+              "Error in GmIntersection::edgeEdgeIntersection() ... Coordinates outside the supported range.\n"
+              "Error in GmIntersection::pointFaceIntersection() ... Coordinates outside the supported range.\n");
+}
+
 // Small or slender but genuine features have a normal: the degeneracy tests are relative to
 // the rounding noise of the geometry, not to a fixed length.
 TEST(CcdDegenerate, SmallFeaturesAtAnyScaleHaveANormal) {
