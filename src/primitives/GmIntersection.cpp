@@ -58,15 +58,16 @@ inline bool fallbackDirection(const Vec& first, const Vec& second, double m, Vec
 }
 
 // Whether the box of p, q is farther from the box of a, b, c on some axis than the in-plane
-// tolerance (1e-6 of the longest edge, at most 2e-6 of the largest box extent) could bridge.
+// tolerance (1e-6 of the longest edge, at most 2e-6 of the largest box extent) could bridge:
+// a cheap rejection before the distance test.
 inline bool clearlyApart(const Vec& p, const Vec& q, const Vec& a, const Vec& b, const Vec& c) {
-    double gap = 0.0, extent = 0.0;
-    for (int k = 0; k < 3; ++k) {
-        const double plo = std::min(p[k], q[k]), phi = std::max(p[k], q[k]);
-        const double flo = std::min({a[k], b[k], c[k]}), fhi = std::max({a[k], b[k], c[k]});
-        gap = std::max(gap, std::max(plo - fhi, flo - phi));
-        extent = std::max(extent, std::max(phi - plo, fhi - flo));
-    }
+    const Vec plo(std::min(p.x, q.x), std::min(p.y, q.y), std::min(p.z, q.z));
+    const Vec phi(std::max(p.x, q.x), std::max(p.y, q.y), std::max(p.z, q.z));
+    const Vec flo(std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z}));
+    const Vec fhi(std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z}));
+    const Vec gap1 = plo - fhi, gap2 = flo - phi, e1 = phi - plo, e2 = fhi - flo;
+    const double gap = std::max({gap1.x, gap1.y, gap1.z, gap2.x, gap2.y, gap2.z});
+    const double extent = std::max({e1.x, e1.y, e1.z, e2.x, e2.y, e2.z});
     return gap > 2e-6 * extent;
 }
 

@@ -12,6 +12,9 @@ namespace GmProximityCheck {
 
 namespace {
 constexpr double kUnitRound = 1.1102230246251565e-16;
+// Distances above this fraction of the coordinates' magnitude give a direction accurate to
+// about 1e-8 by themselves; below it the face or the edges' plane decide.
+constexpr double kClear = 1e-8;
 // Coordinates beyond which squared distances would overflow; well outside the supported range.
 constexpr double kLargestCoordinate = 0x1p500;
 inline double clamp01(double v) { return v < 0.0 ? 0.0 : (v > 1.0 ? 1.0 : v); }
@@ -52,11 +55,22 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
                   << "Coordinates outside the supported range." << std::endl;
         return false;
     }
+    GmTVector<double> n;
+    if (dist > kClear * m) {
+        // Far above the rounding of the coordinates: the closest-point direction is accurate.
+        n = d / dist;
+        distance = dist;
+        normal = n;
+        closestPoint = q;
+        wa = w1;
+        wb = w2;
+        wc = w3;
+        return true;
+    }
     const GmTVector<double> ab = b - a, ac = c - a;
     GmTVector<double> fn = ab.cross(ac);
     const double fl = fn.length();
     const bool face = crossAboveNoise(fl, ab.length(), ac.length(), m);
-    GmTVector<double> n;
     if (face && w1 > 0.0 && w2 > 0.0 && w3 > 0.0) {
         // Closest point inside the face: the face's normal, turned towards p by the exact side
         // (kept as it is when p lies in the plane).
@@ -99,10 +113,18 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
                   << "Coordinates outside the supported range." << std::endl;
         return false;
     }
+    GmTVector<double> n;
+    if (len > kClear * m) {
+        // Far above the rounding of the coordinates: the closest-point direction is accurate.
+        distance = dist;
+        normal = v / len;
+        s = ss;
+        t = tt;
+        return true;
+    }
     GmTVector<double> cr = e1.cross(e2);
     const double cl = cr.length();
     const bool spans = crossAboveNoise(cl, e1.length(), e2.length(), m);
-    GmTVector<double> n;
     if (spans && ss > 0.0 && ss < 1.0 && tt > 0.0 && tt < 1.0) {
         // Closest points inside both segments: the normal of the plane they span, from c-d towards
         // a-b by the exact side ((a - c) . (e1 x e2) = -orient3d(a, b, c, d)).
