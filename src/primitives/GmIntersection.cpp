@@ -73,8 +73,8 @@ inline bool clearlyApart(const Vec& p, const Vec& q, const Vec& a, const Vec& b,
 
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
 
-// Position at time t of a point moving from a to b (exactly b at the end of the step).
-inline Vec lerp(const Vec& a, const Vec& b, double t) { return t == 1.0 ? b : a + (b - a) * t; }
+// Position at time t of a point moving from a to b (exactly a and b at the ends of the step).
+inline Vec lerp(const Vec& a, const Vec& b, double t) { return t == 0.0 ? a : (t == 1.0 ? b : a + (b - a) * t); }
 
 // The coplanarity cubic det(x1 + t v1, x2 + t v2, y + t w), lowest degree first. The vectors are
 // first scaled by a power of two (exactly) so that their largest component lies in [0.5, 1): the
