@@ -10,7 +10,8 @@
 #include <random>
 #include <vector>
 
-#include <quarrygeom/primitives/GmContactKernels.h>
+#include <qgtools/shapes.h>
+#include <quarrygeom/quarrygeom.h>
 
 #ifdef QG_HAVE_GMP
 #include "exact_reference.h"
@@ -89,6 +90,20 @@ TEST(TrianglePairExact, RandomAndNearlyTouchingPairs) {
         const Vec offset(u(rng) * 1e3, u(rng) * 1e3, u(rng) * 1e3);
         for (Vec& v : p) v += offset;
         ASSERT_EQ(libraryTrianglesMeet(&p[0], &p[3]), exactTrianglesMeet(&p[0], &p[3])) << n;
+    }
+}
+
+TEST(TrianglePairExact, CleanSphereHasNoSelfIntersectionAtAnyScale) {
+    for (const int k : {-500, -160, -40, 0, 40, 160, 500}) {
+        GmTriangleMesh sphere = qgtools::makeIcosphere(2, 1.0);
+        std::vector<Vec> v = sphere.getVertices();
+        for (Vec& x : v) x *= std::ldexp(1.0, k);
+        sphere.setVertices(v);
+        GmBoundingTree tree(&sphere);
+        std::vector<GmIntersectionInfo> found;
+        GmBVHMetrics m;
+        EXPECT_FALSE(tree.selfIntersect(found, false, false, false, m)) << "2^" << k;
+        EXPECT_EQ(found.size(), 0u) << "2^" << k;
     }
 }
 
