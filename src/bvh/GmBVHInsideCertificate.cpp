@@ -366,107 +366,6 @@ bool partsNested(const GmBoundingVolumeHierarchy& tree, const std::vector<int>& 
 
 }  // namespace
 
-// ---- Thin faces -----------------------------------------------------------------------------
-
-void ThinFaces::build(const GmTriangleMesh& mesh, int axis) {
-    _axis = axis;
-    _items.clear();
-    _nodes.clear();
-    const int B = (axis + 1) % 3, C = (axis + 2) % 3;
-    const std::vector<V3>& V = mesh.getVertices();
-    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        const GmTriangleFace& face = mesh.getFace(f);
-        const V3& v1 = V[static_cast<size_t>(face.vertices[0])];
-        const V3& v2 = V[static_cast<size_t>(face.vertices[1])];
-        const V3& v3 = V[static_cast<size_t>(face.vertices[2])];
-        // The seeding test's determinant, as it computes it; skipped at 1e-8. Its barycentric
-        // coordinates carry a rounding error of a few ulps times the squared projected edge
-        // length over the determinant, which must stay well below their tolerance of 1e-8.
-        const double det = (v3[C] - v1[C]) * (v2[B] - v1[B]) - (v3[B] - v1[B]) * (v2[C] - v1[C]);
-        double edge2 = 0.0;
-        const V3* p[3] = {&v1, &v2, &v3};
-        for (int k = 0; k < 3; ++k) {
-            const double db = (*p[(k + 1) % 3])[B] - (*p[k])[B], dc = (*p[(k + 1) % 3])[C] - (*p[k])[C];
-            edge2 = std::max(edge2, db * db + dc * dc);
-        }
-        if (std::fabs(det) > 1e-8 + 1e-7 * edge2) continue;
-        // A face seen exactly edge-on is never crossed transversally.
-        if (orient2Dropped(v1, v2, v3, axis) == 0) continue;
-        Item item;
-        item.face = f;
-        item.lo[0] = std::min({v1[B], v2[B], v3[B]});
-        item.hi[0] = std::max({v1[B], v2[B], v3[B]});
-        item.lo[1] = std::min({v1[C], v2[C], v3[C]});
-        item.hi[1] = std::max({v1[C], v2[C], v3[C]});
-        _items.push_back(item);
-    }
-    if (_items.empty()) return;
-    _nodes.emplace_back();
-    buildNode(0, 0, static_cast<int>(_items.size()));
-}
-
-void ThinFaces::buildNode(int node, int first, int count) {
-    Node n;
-    n.lo[0] = n.lo[1] = DBL_MAX;
-    n.hi[0] = n.hi[1] = -DBL_MAX;
-    for (int i = first; i < first + count; ++i)
-        for (int k = 0; k < 2; ++k) {
-            n.lo[k] = std::min(n.lo[k], _items[static_cast<size_t>(i)].lo[k]);
-            n.hi[k] = std::max(n.hi[k], _items[static_cast<size_t>(i)].hi[k]);
-        }
-    n.children = -1;
-    n.first = first;
-    n.count = count;
-    if (count > 4) {
-        // Halves by the box centres along the longer side.
-        const int k = n.hi[0] - n.lo[0] >= n.hi[1] - n.lo[1] ? 0 : 1;
-        const auto begin = _items.begin() + first;
-        std::nth_element(begin, begin + count / 2, begin + count, [k](const Item& a, const Item& b) {
-            return a.lo[k] + a.hi[k] < b.lo[k] + b.hi[k];
-        });
-        n.children = static_cast<int>(_nodes.size());
-        _nodes.emplace_back();
-        _nodes.emplace_back();
-        buildNode(n.children, first, count / 2);
-        buildNode(n.children + 1, first + count / 2, count - count / 2);
-    }
-    _nodes[static_cast<size_t>(node)] = n;
-}
-
-bool ThinFaces::covers(const GmTriangleMesh& mesh, const V3& p) const {
-    if (_nodes.empty()) return false;
-    const int B = (_axis + 1) % 3, C = (_axis + 2) % 3;
-    const double q[2] = {p[B], p[C]};
-    const std::vector<V3>& V = mesh.getVertices();
-    int stack[64];
-    int top = 0;
-    int i = 0;
-    for (;;) {
-        const Node& n = _nodes[static_cast<size_t>(i)];
-        if (n.lo[0] <= q[0] && q[0] <= n.hi[0] && n.lo[1] <= q[1] && q[1] <= n.hi[1]) {
-            if (n.children >= 0) {
-                stack[top++] = n.children + 1;
-                i = n.children;
-                continue;
-            }
-            for (int j = n.first; j < n.first + n.count; ++j) {
-                const Item& item = _items[static_cast<size_t>(j)];
-                if (item.lo[0] > q[0] || q[0] > item.hi[0] || item.lo[1] > q[1] || q[1] > item.hi[1]) continue;
-                const GmTriangleFace& face = mesh.getFace(item.face);
-                const V3& a = V[static_cast<size_t>(face.vertices[0])];
-                const V3& b = V[static_cast<size_t>(face.vertices[1])];
-                const V3& c = V[static_cast<size_t>(face.vertices[2])];
-                const double pa[2] = {a[B], a[C]}, pb[2] = {b[B], b[C]}, pc[2] = {c[B], c[C]};
-                const int o1 = orient2(pa, pb, q), o2 = orient2(pb, pc, q), o3 = orient2(pc, pa, q);
-                if (o1 * o2 >= 0 && o2 * o3 >= 0 && o1 * o3 >= 0) return true;
-            }
-        }
-        if (top == 0) break;
-        i = stack[--top];
-    }
-    return false;
-}
-
 bool certifyRayParity(const GmBoundingVolumeHierarchy& tree, Certificate& out) {
     const GmTriangleMesh* mesh = tree.getTriangleMesh();
     if (mesh == nullptr || tree.empty() || !mesh->isClosed()) return false;
@@ -491,8 +390,14 @@ bool certifyRayParity(const GmBoundingVolumeHierarchy& tree, Certificate& out) {
     if (!partsOutward(*mesh, part, parts)) return false;
     if (partsNested(tree, part, parts)) return false;
 
-    const GmAxisAlignedBox& root = tree.getRootBoundingVolume();
-    const double lo[3] = {root.minX, root.minY, root.minZ}, hi[3] = {root.maxX, root.maxY, root.maxZ};
+    // The band around the surface is relative to the mesh's own extent (the tree's boxes carry
+    // an absolute padding that would dominate on a small mesh).
+    double lo[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, hi[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
+    for (const V3& x : V)
+        for (int k = 0; k < 3; ++k) {
+            lo[k] = std::min(lo[k], x[k]);
+            hi[k] = std::max(hi[k], x[k]);
+        }
     double diagonal2 = 0.0, largest = 0.0;
     for (int k = 0; k < 3; ++k) {
         diagonal2 += (hi[k] - lo[k]) * (hi[k] - lo[k]);
@@ -501,7 +406,6 @@ bool certifyRayParity(const GmBoundingVolumeHierarchy& tree, Certificate& out) {
     out.delta = 1e-7 * (std::sqrt(diagonal2) + largest);
     out.anyNodeDisabled = false;
     for (const Node& node : nodes) out.anyNodeDisabled = out.anyNodeDisabled || node.disabled;
-    for (int axis = 0; axis < 3; ++axis) out.thin[axis].build(*mesh, axis);
     return std::isfinite(out.delta);
 }
 

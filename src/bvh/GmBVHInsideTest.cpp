@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <mutex>
 
@@ -121,15 +122,27 @@ int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, boo
             d, _nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p, certificate.delta, [](int) { return false; }, [&odd](int) { odd = !odd; });
         if (r == kRayNearSurface) return -1;
         if (r != kRayDecided) continue;
-        if (!odd) return 0;
-        // Inside, unless a seeding ray of the search could miss every face it crosses: then the
-        // search says outside, and that is the answer to give.
-        for (const ThinFaces& thin : certificate.thin)
-            if (thin.covers(*_mesh, p)) return -1;
-        return 1;
+        return odd ? 1 : 0;
     }
     return -1;  // every axis ray met an edge or a vertex
 }
+
+namespace {
+
+// True when one of the six axis rays from p meets no face of the closed mesh at all (exactly,
+// a touch counting as a meeting): then p is outside.
+bool exactRayMissesAll(const GmBoundingVolumeHierarchy::Node* nodes, int numberNodes, const GmTriangleMesh& mesh,
+                       const GmTVector<double>& p) {
+    for (int d = 0; d < 6; ++d) {
+        bool met = false;
+        const RayOutcome r = castAxisRay(
+            d, nodes, numberNodes, mesh, p, 0.0, [](int) { return false; }, [&met](int) { met = true; });
+        if (r == kRayDecided && !met) return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 double GmBoundingVolumeHierarchy::_closestPointInside(const GmTVector<double>& p, ClosestPointInfo& info,
                                                       bool includeDisabled) const {
@@ -143,6 +156,16 @@ double GmBoundingVolumeHierarchy::_closestPointInside(const GmTVector<double>& p
 
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     const double d = _closestPointSigned(p, info, true, includeDisabled, -1);
+    if (d > 0.0 && !exactRayMissesAll(_nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p)) {
+        // The search's axis-ray seeding passes over faces that are small in absolute terms, and
+        // on a closed mesh a ray without a hit reads as "outside". Every exact axis ray meets the
+        // surface here: settle the answer by the crossing count, checking the mesh now.
+        state.check(*this, true);
+        if (insideByRayParity(p, includeDisabled) == 1) {
+            const double inside = _closestPointSigned(p, info, false, includeDisabled, -1);
+            return info.face >= 0 ? -std::fabs(inside) : -0.0;
+        }
+    }
     std::int64_t budget = state.checkCost.load(std::memory_order_relaxed);
     if (budget < 0) budget = kEstimatedCheckNanosPerFace * _numberFaces;
     // One search counts for at most an eighth of the check (a thread descheduled in the middle

@@ -3,6 +3,7 @@
 // Inside test by ray parity: exact crossing test of an axis ray with a triangle, the ray walk
 // through the hierarchy, and the check that a mesh allows it (not installed).
 
+#include <cmath>
 #include <vector>
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
@@ -27,23 +28,19 @@ constexpr double kCcwBoundA = (3.0 + 16.0 * kEpsilon) * kEpsilon;
 
 inline int sign(double v) { return v > 0.0 ? 1 : (v < 0.0 ? -1 : 0); }
 
-// Sign of orient2d on (x, y) pairs.
+// Sign of orient2d on (x, y) pairs. The inline stage decides only while the products are
+// finite and far from underflow; the library predicate (exact for every finite input) decides
+// the rest.
 inline int orient2(const double* pa, const double* pb, const double* pc) {
     const double detleft = (pa[0] - pc[0]) * (pb[1] - pc[1]);
     const double detright = (pa[1] - pc[1]) * (pb[0] - pc[0]);
     const double det = detleft - detright;
-    double detsum;
-    if (detleft > 0.0) {
-        if (detright <= 0.0) return sign(det);
-        detsum = detleft + detright;
-    } else if (detleft < 0.0) {
-        if (detright >= 0.0) return sign(det);
-        detsum = -detleft - detright;
-    } else {
-        return sign(det);
+    const double detsum = std::fabs(detleft) + std::fabs(detright);
+    if (detsum >= 0x1p-900 && detsum <= 1.7976931348623157e308) {
+        if ((detleft > 0.0 && detright <= 0.0) || (detleft < 0.0 && detright >= 0.0)) return sign(det);
+        const double bound = kCcwBoundA * detsum;
+        if (det >= bound || -det >= bound) return sign(det);
     }
-    const double bound = kCcwBoundA * detsum;
-    if (det >= bound || -det >= bound) return sign(det);
     return sign(GmPredicates::orient2d(pa, pb, pc));
 }
 
@@ -202,47 +199,12 @@ RayOutcome castAxisRay(int d, const Node* nodes, int numberNodes, const GmTriang
     }
 }
 
-// ---- Faces the seeding rays may pass over ----------------------------------------------------
-
-// The closest-point search starts from the hits of six axis rays, and on a closed mesh a ray
-// without a hit means "outside". Its triangle test skips a face whose doubled projected area
-// is at most 1e-8 (absolute), and its barycentric tolerance of 1e-8 is exceeded by rounding
-// on very thin projections; such a face may be crossed and still not be hit. For one axis,
-// the faces that might be passed over this way, with a small tree on their projected boxes:
-// a point whose projection is covered by one of them is left to the search.
-class ThinFaces {
-public:
-    // The faces of the mesh that are thin in the projection along axis.
-    void build(const GmTriangleMesh& mesh, int axis);
-    bool empty() const { return _nodes.empty(); }
-    int size() const { return static_cast<int>(_items.size()); }
-    // p's projection lies in the closed projection of one of the faces.
-    bool covers(const GmTriangleMesh& mesh, const V3& p) const;
-
-private:
-    struct Item {
-        double lo[2], hi[2];
-        int face;
-    };
-    struct Node {
-        double lo[2], hi[2];
-        int children;      // index of the first of two children; -1 for a leaf
-        int first, count;  // items of a leaf
-    };
-    void buildNode(int node, int first, int count);
-
-    int _axis = 0;
-    std::vector<Item> _items;
-    std::vector<Node> _nodes;
-};
-
 // ---- Certificate --------------------------------------------------------------------------
 
 // What the check found on a mesh that allows the ray-parity test.
 struct Certificate {
     double delta = 0.0;            // points nearer than this to a face keep the search path
     bool anyNodeDisabled = false;  // a node carried the disabled flag when the check ran
-    ThinFaces thin[3];             // per axis; points they cover keep the search path when inside
 };
 
 // Runs the check on the tree's mesh at its current positions (the tree must be current):

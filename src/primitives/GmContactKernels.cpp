@@ -374,7 +374,7 @@ public:
         _py = std::fabs(bzx) + std::fabs(bxz);
         _pz = std::fabs(bxy) + std::fabs(byx);
     }
-    int operator()(const Vec& p) const {
+    [[gnu::always_inline]] inline int operator()(const Vec& p) const {
         const double ax = p.x - _b0.x, ay = p.y - _b0.y, az = p.z - _b0.z;
         const double det = ax * _nx + ay * _ny + az * _nz;
         const double permanent = std::fabs(ax) * _px + std::fabs(ay) * _py + std::fabs(az) * _pz;
@@ -402,94 +402,116 @@ void addPoint(std::vector<Vec>& pts, const Vec& p) {
     pts.push_back(p);
 }
 
-// Point p inside or on the (projected) triangle t.
+// Point p inside or on the triangle t, projected along `drop` (t not degenerate there).
 bool inTriangle2(const Vec& p, const Vec* t, int drop) {
     const int o0 = orient2(t[0], t[1], p, drop), o1 = orient2(t[1], t[2], p, drop), o2 = orient2(t[2], t[0], p, drop);
     const bool hasPos = o0 > 0 || o1 > 0 || o2 > 0, hasNeg = o0 < 0 || o1 < 0 || o2 < 0;
-    if (hasPos && hasNeg) return false;
-    if (hasPos || hasNeg) return true;
-    // Degenerate triangle: p collinear with all its edges; inside when within its box.
-    for (int k = 0; k < 3; ++k) {
-        const double lo = std::min({t[0][k], t[1][k], t[2][k]}), hi = std::max({t[0][k], t[1][k], t[2][k]});
-        if (p[k] < lo || p[k] > hi) return false;
-    }
+    return !(hasPos && hasNeg);
+}
+
+// x within the box of a and b (decides for collinear points).
+inline bool withinBox(const Vec& x, const Vec& a, const Vec& b) {
+    for (int k = 0; k < 3; ++k)
+        if (x[k] < std::min(a[k], b[k]) || x[k] > std::max(a[k], b[k])) return false;
     return true;
 }
 
-// Crossing point of segments p-q and r-s in the plane (exact decision, interpolated point).
+// The overlap of collinear segments p-q and r-s: its end points are end points of the two.
+void collinearOverlap(const Vec& p, const Vec& q, const Vec& r, const Vec& s, std::vector<Vec>& pts) {
+    if (withinBox(r, p, q)) addPoint(pts, r);
+    if (withinBox(s, p, q)) addPoint(pts, s);
+    if (withinBox(p, r, s)) addPoint(pts, p);
+    if (withinBox(q, r, s)) addPoint(pts, q);
+}
+
+// Common points of coplanar segments p-q and r-s, projected along `drop`, which must keep
+// their plane's geometry (exact decision, interpolated crossing point).
 void segmentCrossing2(const Vec& p, const Vec& q, const Vec& r, const Vec& s, int drop, std::vector<Vec>& pts) {
     const int o1 = orient2(p, q, r, drop), o2 = orient2(p, q, s, drop);
+    if (o1 * o2 > 0) return;
     const int o3 = orient2(r, s, p, drop), o4 = orient2(r, s, q, drop);
-    if (o1 * o2 > 0 || o3 * o4 > 0) return;
-    if (o1 == 0 && o2 == 0) {
-        // Collinear: the overlap's end points are end points of the two segments.
-        const Vec d = q - p;
-        const int k = std::fabs(d.x) >= std::fabs(d.y) ? (std::fabs(d.x) >= std::fabs(d.z) ? 0 : 2)
-                                                       : (std::fabs(d.y) >= std::fabs(d.z) ? 1 : 2);
-        auto within = [k](const Vec& x, const Vec& a, const Vec& b) {
-            return std::min(a[k], b[k]) <= x[k] && x[k] <= std::max(a[k], b[k]);
-        };
-        if (within(r, p, q)) addPoint(pts, r);
-        if (within(s, p, q)) addPoint(pts, s);
-        if (within(p, r, s)) addPoint(pts, p);
-        if (within(q, r, s)) addPoint(pts, q);
+    if (o3 * o4 > 0) return;
+    if ((o1 == 0 && o2 == 0) || (o3 == 0 && o4 == 0)) {
+        // All four on one line (a segment reduced to a point off the other's line has been
+        // rejected above: its two signs are equal and non-zero).
+        if (o1 == 0 && o2 == 0 && o3 == 0 && o4 == 0) collinearOverlap(p, q, r, s, pts);
         return;
     }
     if (o1 == 0) { addPoint(pts, r); return; }
     if (o2 == 0) { addPoint(pts, s); return; }
     if (o3 == 0) { addPoint(pts, p); return; }
     if (o4 == 0) { addPoint(pts, q); return; }
-    // Proper crossing: parameter along p-q from the 2D areas.
+    // Proper crossing: parameter along r-s from the 2D areas.
     const int i = drop == 0 ? 1 : 0, j = drop == 2 ? 1 : 2;
     const double a1 = (q[i] - p[i]) * (r[j] - p[j]) - (q[j] - p[j]) * (r[i] - p[i]);
     const double a2 = (q[i] - p[i]) * (s[j] - p[j]) - (q[j] - p[j]) * (s[i] - p[i]);
     const double u = a1 / (a1 - a2);
-    addPoint(pts, r + (s - r) * std::min(std::max(u, 0.0), 1.0));
+    addPoint(pts, r + (s - r) * (u >= 0.0 ? std::min(u, 1.0) : 0.0));
 }
 
-// The part of segment p-q (lying in the triangle's plane) that is inside triangle t.
+// The part of segment p-q (lying in the plane of triangle t) that is inside t, projected along
+// t's own axis `drop`.
 void clipSegment2(const Vec& p, const Vec& q, const Vec* t, int drop, std::vector<Vec>& pts) {
     if (inTriangle2(p, t, drop)) addPoint(pts, p);
     if (inTriangle2(q, t, drop)) addPoint(pts, q);
     for (int k = 0; k < 3; ++k) segmentCrossing2(p, q, t[k], t[(k + 1) % 3], drop, pts);
 }
 
-int dropAxis(const Vec* a, const Vec* b) {
-    Vec n = (a[1] - a[0]).cross(a[2] - a[0]);
-    const Vec m = (b[1] - b[0]).cross(b[2] - b[0]);
-    if (m.lengthSquared() > n.lengthSquared()) n = m;
+// An axis along which the projection of triangle t keeps its area (exactly), or -1 when its
+// corners are collinear. The dominant component of the normal is tried first.
+int projectionAxis(const Vec* t) {
+    const Vec n = (t[1] - t[0]).cross(t[2] - t[0]);
     const double ax = std::fabs(n.x), ay = std::fabs(n.y), az = std::fabs(n.z);
-    return ax >= ay ? (ax >= az ? 0 : 2) : (ay >= az ? 1 : 2);
+    const int first = ax >= ay ? (ax >= az ? 0 : 2) : (ay >= az ? 1 : 2);
+    if (orient2(t[0], t[1], t[2], first) != 0) return first;
+    for (int k = 0; k < 3; ++k)
+        if (k != first && orient2(t[0], t[1], t[2], k) != 0) return k;
+    return -1;
 }
 
-// Points where the edges of triangle a meet triangle b (a not coplanar with b).
-void edgesAgainstTriangle(const Vec* a, const int* da, const Vec* b, int drop, std::vector<Vec>& pts) {
-    for (int k = 0; k < 3; ++k) {
-        const int k1 = (k + 1) % 3;
-        const Vec& p = a[k];
-        const Vec& q = a[k1];
-        if (da[k] * da[k1] > 0) continue;
-        if (da[k] == 0 && da[k1] == 0) {
-            clipSegment2(p, q, b, drop, pts);
-            continue;
-        }
-        // The line p-q meets b's plane at one point; it is inside b when the line passes on the
-        // same side of b's three edges.
-        const int s0 = orient3(p, q, b[0], b[1]), s1 = orient3(p, q, b[1], b[2]), s2 = orient3(p, q, b[2], b[0]);
-        const bool hasPos = s0 > 0 || s1 > 0 || s2 > 0, hasNeg = s0 < 0 || s1 < 0 || s2 < 0;
-        if (hasPos && hasNeg) continue;
-        if (da[k] == 0) {
-            addPoint(pts, p);
-        } else if (da[k1] == 0) {
-            addPoint(pts, q);
-        } else {
-            const double hp = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &p.x);
-            const double hq = GmPredicates::orient3d(&b[0].x, &b[1].x, &b[2].x, &q.x);
-            const double u = hp / (hp - hq);
-            addPoint(pts, p + (q - p) * std::min(std::max(u, 0.0), 1.0));
-        }
+// Segment p-q against the non-degenerate triangle t; sp, sq are the exact sides of p and q
+// against t's plane. drop is t's projection axis, found on first use when negative.
+void segmentAgainstTriangle(const Vec& p, const Vec& q, int sp, int sq, const Vec* t, int& drop,
+                            std::vector<Vec>& pts) {
+    if (sp * sq > 0) return;
+    if (sp == 0 && sq == 0) {
+        if (drop < 0) drop = projectionAxis(t);
+        clipSegment2(p, q, t, drop, pts);
+        return;
+    }
+    // The line p-q meets t's plane at one point; it is inside t when the line passes on the same
+    // side of t's three edges.
+    const int s0 = orient3(p, q, t[0], t[1]), s1 = orient3(p, q, t[1], t[2]), s2 = orient3(p, q, t[2], t[0]);
+    const bool hasPos = s0 > 0 || s1 > 0 || s2 > 0, hasNeg = s0 < 0 || s1 < 0 || s2 < 0;
+    if (hasPos && hasNeg) return;
+    if (sp == 0) {
+        addPoint(pts, p);
+    } else if (sq == 0) {
+        addPoint(pts, q);
+    } else {
+        const double hp = GmPredicates::orient3d(&t[0].x, &t[1].x, &t[2].x, &p.x);
+        const double hq = GmPredicates::orient3d(&t[0].x, &t[1].x, &t[2].x, &q.x);
+        const double u = hp / (hp - hq);
+        addPoint(pts, p + (q - p) * (u >= 0.0 ? std::min(u, 1.0) : 0.0));
     }
 }
+
+// Segments p-q and r-s in space (either may be a point).
+void segmentAgainstSegment(const Vec& p, const Vec& q, const Vec& r, const Vec& s, std::vector<Vec>& pts) {
+    if (orient3(p, q, r, s) != 0) return;
+    // Coplanar: project along an axis that keeps a non-degenerate triple of the four points.
+    const Vec tri[4][3] = {{p, q, r}, {p, q, s}, {r, s, p}, {r, s, q}};
+    for (const auto& t : tri) {
+        const int k = projectionAxis(t);
+        if (k >= 0) {
+            segmentCrossing2(p, q, r, s, k, pts);
+            return;
+        }
+    }
+    collinearOverlap(p, q, r, s, pts);
+}
+
+inline bool finite3(const Vec& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
 bool staticPair(const GmTriangleMesh& mesh1, const GmTriangleMesh& mesh2, int face1, int face2,
                 std::vector<GmIntersectionInfo>& out) {
@@ -537,21 +559,42 @@ bool triangleTriangleIntersection(const Vec& a0, const Vec& a1, const Vec& a2, c
     db[1] = sideOfA(b1);
     db[2] = sideOfA(b2);
     if (db[0] == db[1] && db[1] == db[2] && db[0] != 0) return false;
+    // A coordinate that is not finite makes some side 0 (the exact predicate gives NaN).
+    if (da[0] * da[1] * da[2] * db[0] * db[1] * db[2] == 0 &&
+        !(finite3(a0) && finite3(a1) && finite3(a2) && finite3(b0) && finite3(b1) && finite3(b2)))
+        return false;
     const Vec a[3] = {a0, a1, a2};
     const Vec b[3] = {b0, b1, b2};
-    const int drop = dropAxis(a, b);
-    if (da[0] == 0 && da[1] == 0 && da[2] == 0) {
-        // Coplanar (or a degenerate b): the overlap polygon's corners.
-        for (int k = 0; k < 3; ++k)
-            if (inTriangle2(a[k], b, drop)) addPoint(points, a[k]);
-        for (int k = 0; k < 3; ++k)
-            if (inTriangle2(b[k], a, drop)) addPoint(points, b[k]);
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j) segmentCrossing2(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], drop, points);
+    // A point strictly off a triangle's plane proves that the triangle has area.
+    const bool bSpans = (da[0] | da[1] | da[2]) != 0, aSpans = (db[0] | db[1] | db[2]) != 0;
+    if (aSpans && bSpans) {
+        // Each triangle's edges against the other, an edge in the other's plane clipped in that
+        // triangle's own projection.
+        int ka = -1, kb = -1;
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(a[k], a[(k + 1) % 3], da[k], da[(k + 1) % 3], b, kb, points);
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(b[k], b[(k + 1) % 3], db[k], db[(k + 1) % 3], a, ka, points);
         return !points.empty();
     }
-    edgesAgainstTriangle(a, da, b, drop, points);
-    edgesAgainstTriangle(b, db, a, drop, points);
+    int ka = projectionAxis(a), kb = projectionAxis(b);
+    if (ka >= 0 && kb >= 0) {
+        // Coplanar: the overlap polygon's corners.
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(a[k], b, ka)) addPoint(points, a[k]);
+        for (int k = 0; k < 3; ++k)
+            if (inTriangle2(b[k], a, ka)) addPoint(points, b[k]);
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) segmentCrossing2(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], ka, points);
+        return !points.empty();
+    }
+    // A zero-area triangle is the union of its edges.
+    if (ka >= 0) {
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(b[k], b[(k + 1) % 3], db[k], db[(k + 1) % 3], a, ka, points);
+    } else if (kb >= 0) {
+        for (int k = 0; k < 3; ++k) segmentAgainstTriangle(a[k], a[(k + 1) % 3], da[k], da[(k + 1) % 3], b, kb, points);
+    } else {
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) segmentAgainstSegment(a[i], a[(i + 1) % 3], b[j], b[(j + 1) % 3], points);
+    }
     return !points.empty();
 }
 

@@ -1,6 +1,8 @@
 #include <quarrygeom/primitives/GmGeometry.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 namespace GmGeometry {
 
@@ -44,6 +46,23 @@ double closestOnEdges(const Vec& p, const Vec& v0, const Vec& v1, const Vec& v2,
     return best;
 }
 
+// 2^-e for the e with m 2^-e in [0.5, 1) (m positive and finite), kept a finite normal number.
+double inversePowerOfTwoAbove(double m) {
+    int e;
+    std::frexp(m, &e);
+    return std::ldexp(1.0, -std::min(std::max(e, -1020), 1020));
+}
+
+inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
+
+// Squares of lengths beyond these are too close to overflow or underflow for the region method's
+// products (of up to four lengths): the inputs are then scaled by a power of two first.
+constexpr double kSquareHigh = 0x1p400;
+constexpr double kSquareLow = 0x1p-400;
+
+double closestRegion(const Vec& e0, const Vec& e1, const Vec& diff, const Vec& p, const Vec& v0, const Vec& v1,
+                     const Vec& v2, double& s, double& t);
+
 }  // namespace
 
 double closestParametricPointOnTriangle(const Vec& p, const Vec& v0, const Vec& v1, const Vec& v2, double& s,
@@ -51,6 +70,27 @@ double closestParametricPointOnTriangle(const Vec& p, const Vec& v0, const Vec& 
     const Vec e0 = v1 - v0;
     const Vec e1 = v2 - v0;
     const Vec diff = v0 - p;
+    const double a = e0.dot(e0), c = e1.dot(e1), f = diff.dot(diff);
+    // Positions relative to v0 throughout, so that a power-of-two scaling changes nothing.
+    const Vec origin(0.0, 0.0, 0.0);
+    if (std::max(a, std::max(c, f)) <= kSquareHigh && std::max(a, c) >= kSquareLow)
+        return closestRegion(e0, e1, diff, origin - diff, origin, e0, e1, s, t);
+    // Far from unit scale: the same computation on coordinates relative to v0, scaled by a power
+    // of two (exact), so that the answer does not depend on the scale.
+    const double m = std::max(maxAbs(e0), std::max(maxAbs(e1), maxAbs(diff)));
+    s = t = 0.0;
+    if (!(m > 0.0)) return m == 0.0 ? 0.0 : m;  // one point, or NaN
+    if (!std::isfinite(m)) return std::numeric_limits<double>::quiet_NaN();
+    const double sc = inversePowerOfTwoAbove(m);
+    const Vec se0 = e0 * sc, se1 = e1 * sc, sdiff = diff * sc;
+    const double d2 = closestRegion(se0, se1, sdiff, origin - sdiff, origin, se0, se1, s, t);
+    return d2 / sc / sc;
+}
+
+namespace {
+
+double closestRegion(const Vec& e0, const Vec& e1, const Vec& diff, const Vec& p, const Vec& v0, const Vec& v1,
+                     const Vec& v2, double& s, double& t) {
     const double a = e0.dot(e0);
     const double b = e0.dot(e1);
     const double c = e1.dot(e1);
@@ -212,39 +252,76 @@ double closestParametricPointOnTriangle(const Vec& p, const Vec& v0, const Vec& 
             t = et;
             return edgeDist;
         }
+        return regionDist;
     }
     return sqrDist;
 }
 
-bool intersectRayTri(const Vec& origin, const Vec& direction, const Vec& v0, const Vec& v1, const Vec& v2,
-                     Vec& point, double& t, double& u, double& v) {
-    constexpr double kEps = DBL_EPSILON;
+}  // namespace
+
+namespace {
+
+// The ray test on coordinates relative to v0 (tvec = origin - v0), with a unit direction.
+bool rayTriRelative(const Vec& tvec, const Vec& dir, const Vec& edge1, const Vec& edge2, double m, double& uOut,
+                    double& vOut) {
     constexpr double kTol = 100.0 * DBL_EPSILON;
-
-    const double len = direction.length();
-    if (len <= kEps) return false;
-    const Vec dir = direction / len;
-
-    const Vec edge1 = v1 - v0;
-    const Vec edge2 = v2 - v0;
     const Vec pvec = dir.cross(edge2);
     const double det = pvec.dot(edge1);
-    if (std::fabs(det) <= kEps) return false;
+    // Parallel to the plane (relative to the edges' lengths, so at any scale).
+    if (!(std::fabs(det) > DBL_EPSILON * std::sqrt(edge1.lengthSquared() * edge2.lengthSquared()))) return false;
 
-    const Vec tvec = origin - v0;
     const double uu = tvec.dot(pvec) / det;
-    if (uu < -kTol || uu > 1.0 + kTol) return false;
+    if (!(uu >= -kTol && uu <= 1.0 + kTol)) return false;
     const double uc = std::min(1.0, std::max(0.0, uu));
 
     const Vec qvec = tvec.cross(edge1);
     const double vv = dir.dot(qvec) / det;
-    if (vv < -kTol || uc + vv > 1.0 + kTol) return false;
+    if (!(vv >= -kTol && uc + vv <= 1.0 + kTol)) return false;
     const double vc = std::min(1.0 - uc, std::max(0.0, vv));
 
+    // Behind the origin by more than the rounding of positions of magnitude m.
+    const Vec hit = edge1 * uc + edge2 * vc - tvec;
+    if (hit.dot(dir) < -kTol * m) return false;
+    uOut = uc;
+    vOut = vc;
+    return true;
+}
+
+}  // namespace
+
+bool intersectRayTri(const Vec& origin, const Vec& direction, const Vec& v0, const Vec& v1, const Vec& v2,
+                     Vec& point, double& t, double& u, double& v) {
+    const double len = direction.length();
+    if (!(len > 0.0) || !std::isfinite(len)) {
+        // A zero direction never hits; a very short or very long one is rescaled (exactly).
+        const double md = maxAbs(direction);
+        if (!(md > 0.0) || !std::isfinite(md)) return false;
+        const double sc = inversePowerOfTwoAbove(md);
+        if (!intersectRayTri(origin, direction * sc, v0, v1, v2, point, t, u, v)) return false;
+        t *= sc;
+        return true;
+    }
+    const Vec dir = direction / len;
+    Vec edge1 = v1 - v0, edge2 = v2 - v0, tvec = origin - v0;
+    double m = std::max(std::max(maxAbs(origin), maxAbs(v0)), std::max(maxAbs(v1), maxAbs(v2)));
+    if (!std::isfinite(m)) return false;  // also NaN
+    const double e2 = std::max(edge1.lengthSquared(), edge2.lengthSquared());
+    if (!(e2 >= kSquareLow && e2 <= kSquareHigh && m <= 0x1p200)) {
+        // Far from unit scale: relative coordinates scaled by a power of two (exact).
+        const double mr = std::max(maxAbs(edge1), std::max(maxAbs(edge2), maxAbs(tvec)));
+        if (!(mr > 0.0) || !std::isfinite(mr)) return false;
+        const double sc = inversePowerOfTwoAbove(mr);
+        edge1 *= sc;
+        edge2 *= sc;
+        tvec *= sc;
+        m *= sc;
+    }
+    double uc, vc;
+    if (!rayTriRelative(tvec, dir, edge1, edge2, m, uc, vc)) return false;
     const Vec hit = v0 * (1.0 - uc - vc) + v1 * uc + v2 * vc;
     double tt = (hit - origin).dot(dir) / len;
-    if (tt < -kTol) return false;
-    if (tt < 0.0) tt = 0.0;
+    if (!(tt >= 0.0)) tt = 0.0;
+    if (!std::isfinite(tt)) return false;
 
     point = hit;
     t = tt;

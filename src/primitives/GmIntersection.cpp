@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <iostream>
 #include <stdexcept>
 
 #include <quarrygeom/core/GmPolynomial.h>
+#include <quarrygeom/primitives/GmGeometry.h>
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
@@ -33,10 +35,46 @@ inline bool crossAboveNoise(double crossLength, double uLength, double vLength, 
     return crossLength > floor && crossLength > 0.0 && std::isfinite(crossLength);
 }
 
+// Largest coordinate magnitude of a few points (the scale of their rounding noise).
+inline double featureMagnitude(std::initializer_list<const Vec*> pts) {
+    double m = 0.0;
+    for (const Vec* p : pts) m = std::max(m, std::max(std::fabs(p->x), std::max(std::fabs(p->y), std::fabs(p->z))));
+    return m;
+}
+
+// The fallback normal of a contact whose own normal degenerates: the first of the candidate
+// directions that stands above the rounding noise of positions of magnitude m. False when
+// neither does (the features coincide throughout the step).
+inline bool fallbackDirection(const Vec& first, const Vec& second, double m, Vec& n) {
+    const double noise = std::max(64.0 * kUnitRound * m, 0x1p-1000);
+    for (const Vec* v : {&first, &second}) {
+        const double len = v->length();
+        if (len > noise && std::isfinite(len)) {
+            n = *v / len;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether the box of p, q is farther from the box of a, b, c on some axis than the in-plane
+// tolerance (1e-6 of the longest edge, at most 2e-6 of the largest box extent) could bridge:
+// a cheap rejection before the distance test.
+inline bool clearlyApart(const Vec& p, const Vec& q, const Vec& a, const Vec& b, const Vec& c) {
+    const Vec plo(std::min(p.x, q.x), std::min(p.y, q.y), std::min(p.z, q.z));
+    const Vec phi(std::max(p.x, q.x), std::max(p.y, q.y), std::max(p.z, q.z));
+    const Vec flo(std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}), std::min({a.z, b.z, c.z}));
+    const Vec fhi(std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}), std::max({a.z, b.z, c.z}));
+    const Vec gap1 = plo - fhi, gap2 = flo - phi, e1 = phi - plo, e2 = fhi - flo;
+    const double gap = std::max({gap1.x, gap1.y, gap1.z, gap2.x, gap2.y, gap2.z});
+    const double extent = std::max({e1.x, e1.y, e1.z, e2.x, e2.y, e2.z});
+    return gap > 2e-6 * extent;
+}
+
 inline double evalCubic(const double c[4], double t) { return ((c[3] * t + c[2]) * t + c[1]) * t + c[0]; }
 
-// Position at time t of a point moving from a to b (exactly b at the end of the step).
-inline Vec lerp(const Vec& a, const Vec& b, double t) { return t == 1.0 ? b : a + (b - a) * t; }
+// Position at time t of a point moving from a to b (exactly a and b at the ends of the step).
+inline Vec lerp(const Vec& a, const Vec& b, double t) { return t == 0.0 ? a : (t == 1.0 ? b : a + (b - a) * t); }
 
 // The coplanarity cubic det(x1 + t v1, x2 + t v2, y + t w), lowest degree first. The vectors are
 // first scaled by a power of two (exactly) so that their largest component lies in [0.5, 1): the
@@ -52,7 +90,11 @@ inline Vec crossAbs(const Vec& a, const Vec& b) {
 }
 inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
 
-enum class CubicStatus { Ok, AllCoincide, NotFinite };
+enum class CubicStatus { Ok, AllCoincide, NotFinite, OutOfRange };
+
+// Differences of positions (feature sizes, gaps, motions) beyond which the squared lengths of
+// the in-plane tests would overflow; well outside the supported range.
+constexpr double kLargestDifference = 0x1p500;
 
 // 2^-e for the e with m * 2^-e in [0.5, 1) (m positive and finite), read from m's exponent bits;
 // e is kept within [-1020, 1022] so that the factor is a finite normal number.
@@ -85,6 +127,7 @@ CubicStatus buildCubic(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1
     const double m = std::max(std::max(std::max(maxAbs(x1), maxAbs(x2)), std::max(maxAbs(y), maxAbs(e1))),
                               std::max(maxAbs(e2), maxAbs(f)));
     if (!std::isfinite(m)) return CubicStatus::NotFinite;
+    if (m > kLargestDifference) return CubicStatus::OutOfRange;
     if (!(m > 0.0)) return CubicStatus::AllCoincide;
     const double sc = inversePowerOfTwoAbove(m);
     q.scale = sc;
@@ -103,9 +146,6 @@ CubicStatus buildCubic(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1
 // Rounding noise of the scaled coefficients (each is a sum of a few dozen products of numbers
 // below 2 in magnitude, computed from correctly rounded differences).
 constexpr double kScaledNoise = 1024.0 * kUnitRound;
-
-// Rounding noise of the vertex-edge quadratics, in units of their magnitude bounds.
-constexpr double kCoefficientNoise = 16.0 * kUnitRound;
 
 // A small sorted set of candidate contact times.
 struct Candidates {
@@ -146,15 +186,21 @@ void addVertexEdgeEvents(const Vec& p0, const Vec& a0, const Vec& b0, const Vec&
     const Vec e = b0 - a0, q = p0 - a0;
     const Vec ve = (b1 - a1) - e, vq = (p1 - a1) - q;
     const Vec c0 = e.cross(q), c1 = e.cross(vq) + ve.cross(q), c2 = ve.cross(vq);
-    const Vec me = absv(b0) + absv(a0), mq = absv(p0) + absv(a0);
-    const Vec mve = absv(b1) + absv(a1) + me, mvq = absv(p1) + absv(a1) + mq;
-    const Vec m0 = crossAbs(me, mq), m1 = crossAbs(me, mvq) + crossAbs(mve, mq), m2 = crossAbs(mve, mvq);
+    // Natural size of each component (products of the differences' sizes) and its rounding
+    // noise: the differences are off by a few units in the last place of the positions (of
+    // magnitude up to m, which may be far larger than the features), the products by a few
+    // units of their own size.
+    const Vec ae = absv(e), aq = absv(q), ave = absv(ve), avq = absv(vq);
+    const Vec size = crossAbs(ae, aq) + crossAbs(ae, avq) + crossAbs(ave, aq) + crossAbs(ave, avq);
+    const double m = featureMagnitude({&p0, &a0, &b0, &p1, &a1, &b1});
+    const Vec se = ae + ave, sq = aq + avq;
+    const double spread = (se.x + se.y + se.z) + (sq.x + sq.y + sq.z);
     bool nearLine = true;
     for (int k = 0; k < 3; ++k) {
-        const double mag = m0[k] + m1[k] + m2[k];
+        const double noise = 16.0 * kUnitRound * (m * spread + size[k]);
         const double big = std::max({std::fabs(c0[k]), std::fabs(c1[k]), std::fabs(c2[k])});
-        if (big > 1e-10 * mag) nearLine = false;
-        if (big > kCoefficientNoise * mag) addQuadraticEvents(c0[k], c1[k], c2[k], out);
+        if (big > 1e-10 * size[k] + noise) nearLine = false;
+        if (big > noise) addQuadraticEvents(c0[k], c1[k], c2[k], out);
     }
     if (!nearLine) return;
     // (Nearly) collinear throughout: p meets an end point when a coordinate of p - a (or p - b)
@@ -299,8 +345,14 @@ bool cubicRootPreCheckRejects(double c0, double c1, double c2, double c3) {
 
 int rootWalkTimes(double c0, double c1, double c2, double c3, double times[8]) {
     const double c[4] = {c0, c1, c2, c3};
+    // A cubic the pre-check rejects has no root after the start; one that vanishes at t = 0
+    // (the features coplanar as the step begins) still has that root.
     const double p1 = c0 + c1 + c2 + c3;
-    if (std::fabs(p1) > kResidual && cubicRootPreCheckRejects(c0, c1, c2, c3)) return 0;
+    if (std::fabs(p1) > kResidual && cubicRootPreCheckRejects(c0, c1, c2, c3)) {
+        if (!(std::fabs(c0) <= kScaledNoise)) return 0;
+        times[0] = 0.0;
+        return 1;
+    }
 
     double roots[3];
     const int n = GmPolynomial::getRealCubicRoots(c0, c1, c2, c3, roots);
@@ -363,10 +415,16 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const Vec x1 = b0 - a0, x2 = c0 - a0, y = p0 - a0, e1 = b1 - a1, e2 = c1 - a1, f = p1 - a1;
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
+    if (status == CubicStatus::OutOfRange) {
+        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
 
     Vec bary;
     auto inFace = [&](double t) {
         const Vec p = lerp(p0, p1, t), a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
+        if (clearlyApart(p, p, a, b, c)) return false;
         const double d2 = GmSegmentDistance::pointTriangleDistanceSquared(p, a, b, c, bary);
         const double scale2 =
             std::max((b - a).lengthSquared(), std::max((c - a).lengthSquared(), (c - b).lengthSquared()));
@@ -397,19 +455,28 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const Vec a = lerp(a0, a1, t), b = lerp(b0, b1, t), c = lerp(c0, c1, t);
     const Vec ab = b - a, ac = c - a;
     Vec n = ab.cross(ac);
-    const double len = n.length();
+    double len = n.length();
     const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length()});
-    if (!crossAboveNoise(len, ab.length(), ac.length(), m)) {
-        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
-        return false;
+    if (crossAboveNoise(len, ab.length(), ac.length(), m)) {
+        n /= len;
+        // Towards the side of the face on which the vertex started (or against its motion when
+        // it started in the plane).
+        double side = n.dot(p0 - (a0 * bary.x + b0 * bary.y + c0 * bary.z));
+        if (side == 0.0) side = -n.dot(p1 - (a1 * bary.x + b1 * bary.y + c1 * bary.z));
+        if (side < 0.0) n = -n;
+    } else {
+        // The face has no area at the contact: the direction from the face to the vertex at the
+        // start of the step, else against the vertex's motion relative to the face.
+        double s0, t0;
+        GmGeometry::closestParametricPointOnTriangle(p0, a0, b0, c0, s0, t0);
+        const Vec q0 = a0 + (b0 - a0) * s0 + (c0 - a0) * t0;
+        const Vec motion = (p1 - p0) - ((a1 - a0) * bary.x + (b1 - b0) * bary.y + (c1 - c0) * bary.z);
+        if (!fallbackDirection(p0 - q0, -motion, featureMagnitude({&p0, &a0, &b0, &c0, &p1, &a1, &b1, &c1}), n)) {
+            std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
+                      << "Unable to compute collision normal." << std::endl;
+            return false;
+        }
     }
-    n /= len;
-    // Towards the side of the face on which the vertex started (or against its motion when it
-    // started in the plane).
-    double side = n.dot(p0 - (a0 * bary.x + b0 * bary.y + c0 * bary.z));
-    if (side == 0.0) side = -n.dot(p1 - (a1 * bary.x + b1 * bary.y + c1 * bary.z));
-    if (side < 0.0) n = -n;
 
     time = t;
     barycentric = bary;
@@ -425,10 +492,16 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     const Vec x1 = b0 - a0, x2 = d0 - c0, y = c0 - a0, e1 = b1 - a1, e2 = d1 - c1, f = c1 - a1;
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
+    if (status == CubicStatus::OutOfRange) {
+        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
+                  << "Coordinates outside the supported range." << std::endl;
+        return false;
+    }
 
     double ss = 0.0, tt = 0.0;
     auto cross = [&](double tm) {
         const Vec a = lerp(a0, a1, tm), b = lerp(b0, b1, tm), c = lerp(c0, c1, tm), d = lerp(d0, d1, tm);
+        if (clearlyApart(a, b, c, d, d)) return false;
         const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, ss, tt);
         const double scale2 = std::max((b - a).lengthSquared(), (d - c).lengthSquared());
         return d2 <= kInPlaneTol * kInPlaneTol * scale2;
@@ -476,17 +549,26 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
             found = crossAboveNoise(len, da.length(), dc.length(), m);
         }
     }
-    if (!found) {
-        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
-        return false;
+    if (found) {
+        n /= len;
+        // From edge c-d towards edge a-b as they stood at the start (against the motion when they
+        // started in contact).
+        double side = n.dot((a0 + (b0 - a0) * ss) - (c0 + (d0 - c0) * tt));
+        if (side == 0.0) side = -n.dot((a1 + (b1 - a1) * ss) - (c1 + (d1 - c1) * tt));
+        if (side < 0.0) n = -n;
+    } else {
+        // Parallel edges in contact: the direction between the edges at the start of the step,
+        // else against the motion of a-b relative to c-d.
+        double s0, t0;
+        GmSegmentDistance::segmentSegmentDistanceSquared(a0, b0, c0, d0, s0, t0);
+        const Vec start = (a0 + (b0 - a0) * s0) - (c0 + (d0 - c0) * t0);
+        const Vec motion = ((a1 - a0) * (1.0 - ss) + (b1 - b0) * ss) - ((c1 - c0) * (1.0 - tt) + (d1 - d0) * tt);
+        if (!fallbackDirection(start, -motion, featureMagnitude({&a0, &b0, &c0, &d0, &a1, &b1, &c1, &d1}), n)) {
+            std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
+                      << "Unable to compute collision normal." << std::endl;
+            return false;
+        }
     }
-    n /= len;
-    // From edge c-d towards edge a-b as they stood at the start (against the motion when they
-    // started in contact).
-    double side = n.dot((a0 + (b0 - a0) * ss) - (c0 + (d0 - c0) * tt));
-    if (side == 0.0) side = -n.dot((a1 + (b1 - a1) * ss) - (c1 + (d1 - c1) * tt));
-    if (side < 0.0) n = -n;
 
     time = tm;
     s = ss;

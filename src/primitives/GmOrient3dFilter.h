@@ -4,12 +4,16 @@
 
 // The first, floating-point stage of orient3d (the bound of the adaptive predicate's stage A),
 // inline for callers that want the common case without a call. det is the determinant with
-// orient3d's sign; the result says whether its sign is certain. permanent is what the
+// orient3d's sign; the result says whether its sign is certain (never true for non-finite
+// input or when overflow or underflow could have changed the sign). permanent is what the
 // adaptive stages continue from.
 namespace GmOrient3dFilter {
 
 constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
+// Added to the bound so that products lost to underflow (each off by at most 2^-1074) can
+// never make an uncertain sign look certain.
+constexpr double kUnderflowSlack = 0x1p-1000;
 
 inline bool stageA(const double* pa, const double* pb, const double* pc, const double* pd, double& det,
                    double& permanent) {
@@ -25,7 +29,7 @@ inline bool stageA(const double* pa, const double* pb, const double* pc, const d
     permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
                 (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
                 (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    const double bound = kBoundA * permanent;
+    const double bound = kBoundA * permanent + kUnderflowSlack;
     return det > bound || -det > bound;
 }
 

@@ -14,9 +14,11 @@
 
 #include <quarrygeom/primitives/GmPredicates.h>
 
+#include "GmExactProductSum.h"
 #include "GmOrient3dFilter.h"
 
 #include <cmath>
+#include <limits>
 
 namespace GmPredicates {
 
@@ -430,6 +432,9 @@ double orient3dAdaptive(const double* pa, const double* pb, const double* pc, co
 
 }  // namespace
 
+// Products below this are too close to underflow for the floating-point stage's error bound.
+constexpr double kFilterLow = 0x1p-900;
+
 const Constants& constants() { return kConstants; }
 
 void exactinit() {
@@ -437,30 +442,107 @@ void exactinit() {
     // at run time, and calling this any number of times from any thread is harmless.
 }
 
+namespace {
+
+// The expansion arithmetic is exact as long as no product underflows or overflows: with every
+// non-zero coordinate within [2^-200, 2^300] in magnitude, products of three differences (and
+// of their rounding tails) stay far inside the double range. Other finite inputs are evaluated
+// exactly in wide fixed-point arithmetic.
+constexpr double kExpansionLow = 0x1p-200;
+constexpr double kExpansionHigh = 0x1p300;
+
+bool expansionSafe(const double* const* pts, int npts, int dims) {
+    for (int i = 0; i < npts; ++i)
+        for (int k = 0; k < dims; ++k) {
+            const double a = std::fabs(pts[i][k]);
+            if (!(a <= kExpansionHigh) || (a != 0.0 && a < kExpansionLow)) return false;
+        }
+    return true;
+}
+
+bool allFinite(const double* const* pts, int npts, int dims) {
+    for (int i = 0; i < npts; ++i)
+        for (int k = 0; k < dims; ++k)
+            if (!std::isfinite(pts[i][k])) return false;
+    return true;
+}
+
+// px qy - py qx
+void addDet2(GmExactProductSum::Accumulator& acc, int sign, const double* p, const double* q) {
+    acc.add(sign, p[0], q[1]);
+    acc.add(-sign, p[1], q[0]);
+}
+
+// p . (q x r)
+void addDet3(GmExactProductSum::Accumulator& acc, int sign, const double* p, const double* q, const double* r) {
+    acc.add(sign, p[0], q[1], r[2]);
+    acc.add(-sign, p[0], q[2], r[1]);
+    acc.add(sign, p[1], q[2], r[0]);
+    acc.add(-sign, p[1], q[0], r[2]);
+    acc.add(sign, p[2], q[0], r[1]);
+    acc.add(-sign, p[2], q[1], r[0]);
+}
+
+double orient2dWide(const double* pa, const double* pb, const double* pc) {
+    // det(a - c, b - c) = det(a, b) - det(a, c) + det(b, c)
+    GmExactProductSum::Accumulator acc;
+    addDet2(acc, 1, pa, pb);
+    addDet2(acc, -1, pa, pc);
+    addDet2(acc, 1, pb, pc);
+    return acc.approximate();
+}
+
+double orient3dWide(const double* pa, const double* pb, const double* pc, const double* pd) {
+    // det(a - d, b - d, c - d) = det(a, b, c) - det(a, b, d) + det(a, c, d) - det(b, c, d)
+    GmExactProductSum::Accumulator acc;
+    addDet3(acc, 1, pa, pb, pc);
+    addDet3(acc, -1, pa, pb, pd);
+    addDet3(acc, 1, pa, pc, pd);
+    addDet3(acc, -1, pb, pc, pd);
+    return acc.approximate();
+}
+
+double orient2dSlow(const double* pa, const double* pb, const double* pc) {
+    const double* pts[3] = {pa, pb, pc};
+    if (!allFinite(pts, 3, 2)) return std::numeric_limits<double>::quiet_NaN();
+    const double acx = pa[0] - pc[0], bcy = pb[1] - pc[1], acy = pa[1] - pc[1], bcx = pb[0] - pc[0];
+    // A difference of doubles is zero only when they are equal: then the determinant is 0.
+    if ((acx == 0.0 || bcy == 0.0) && (acy == 0.0 || bcx == 0.0)) return 0.0;
+    if (!expansionSafe(pts, 3, 2)) return orient2dWide(pa, pb, pc);
+    const double detsum = std::fabs(acx * bcy) + std::fabs(acy * bcx);
+    return orient2dAdaptive(pa, pb, pc, detsum);
+}
+
+double orient3dSlow(const double* pa, const double* pb, const double* pc, const double* pd) {
+    const double* pts[4] = {pa, pb, pc, pd};
+    if (!allFinite(pts, 4, 3)) return std::numeric_limits<double>::quiet_NaN();
+    if (!expansionSafe(pts, 4, 3)) return orient3dWide(pa, pb, pc, pd);
+    double det, permanent;
+    if (GmOrient3dFilter::stageA(pa, pb, pc, pd, det, permanent)) return det;
+    return orient3dAdaptive(pa, pb, pc, pd, permanent);
+}
+
+}  // namespace
+
 double orient2d(const double* pa, const double* pb, const double* pc) {
     const double detleft = (pa[0] - pc[0]) * (pb[1] - pc[1]);
     const double detright = (pa[1] - pc[1]) * (pb[0] - pc[0]);
     const double det = detleft - detright;
-    double detsum;
-    if (detleft > 0.0) {
-        if (detright <= 0.0) return det;
-        detsum = detleft + detright;
-    } else if (detleft < 0.0) {
-        if (detright >= 0.0) return det;
-        detsum = -detleft - detright;
-    } else {
-        return det;
-    }
+    // The published case split, taken only while the two products are far from underflow and
+    // finite; everything else goes through the range-checked path.
+    const double detsum = std::fabs(detleft) + std::fabs(detright);
+    if (!(detsum >= kFilterLow && detsum <= DBL_MAX)) return orient2dSlow(pa, pb, pc);
+    if ((detleft > 0.0 && detright <= 0.0) || (detleft < 0.0 && detright >= 0.0)) return det;
     const double errbound = kConstants.ccwerrboundA * detsum;
     if (det >= errbound || -det >= errbound) return det;
-    return orient2dAdaptive(pa, pb, pc, detsum);
+    return orient2dSlow(pa, pb, pc);
 }
 
 double orient3d(const double* pa, const double* pb, const double* pc, const double* pd) {
     static_assert(GmOrient3dFilter::kBoundA == kConstants.o3derrboundA, "one stage-A bound");
     double det, permanent;
     if (GmOrient3dFilter::stageA(pa, pb, pc, pd, det, permanent)) return det;
-    return orient3dAdaptive(pa, pb, pc, pd, permanent);
+    return orient3dSlow(pa, pb, pc, pd);
 }
 
 }  // namespace GmPredicates

@@ -208,21 +208,41 @@ TEST(BvhInsideParity, RaysThroughEdgesAndVerticesTryAnotherAxis) {
         }
 }
 
-TEST(BvhInsideParity, SmallMeshesKeepTheSearchWhereItsRaysSkipFaces) {
-    // The search's seeding rays skip faces whose doubled projected area is below 1e-8, so on a
-    // small mesh they miss the surface and call inside points outside; the ray test must not
-    // decide those points differently.
-    for (const double scale : {1e-2, 1e-3}) {
+TEST(BvhInsideParity, AnswersDoNotDependOnScale) {
+    // The same mesh and points scaled by 2^k (exactly) give the same answers, from the first
+    // query on (before the check has run) and after it.
+    GmTriangleMesh unit = loadData("spot.obj");
+    ParityTree reference(&unit);
+    std::mt19937 rng(6);
+    std::vector<V3> points;
+    for (int i = 0; i < 600; ++i) points.push_back(randomPointAround(unit, rng, 0.05));
+    std::vector<char> expected;
+    for (const V3& p : points) expected.push_back(definedInside(reference, p, true));
+    for (const int k : {-40, -12, 12, 40}) {
+        const double sc = std::ldexp(1.0, k);
         GmTriangleMesh mesh = loadData("spot.obj");
-        std::vector<V3> p = mesh.getVertices();
-        for (V3& v : p) v *= scale;
-        mesh.setVertices(p);
+        std::vector<V3> v = mesh.getVertices();
+        for (V3& x : v) x *= sc;
+        mesh.setVertices(v);
         ParityTree h(&mesh);
-        ASSERT_TRUE(h.prepareInsideQueries(true)) << scale;
-        std::mt19937 rng(6);
-        std::vector<V3> points;
-        for (int i = 0; i < 1500; ++i) points.push_back(randomPointAround(mesh, rng, 0.05));
-        EXPECT_GT(expectSameAnswers(h, points, "spot scaled"), 50) << scale;
+        for (int round = 0; round < 2; ++round) {
+            for (std::size_t i = 0; i < points.size(); ++i)
+                ASSERT_EQ(h.isInsideMesh(points[i] * sc, true), expected[i] != 0)
+                    << "2^" << k << " round " << round << " rays " << h.byRays(points[i] * sc, true) << " at " << points[i];
+            ASSERT_TRUE(h.prepareInsideQueries(true));
+        }
+    }
+    // A sphere of radius 3e-4: faces far below any absolute tolerance.
+    const double r = 3e-4;
+    GmTriangleMesh ball = qgtools::makeIcosphere(3, r);
+    GmBoundingVolumeHierarchy tree(&ball);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (int i = 0; i < 200; ++i) {
+        V3 d(u(rng), u(rng), u(rng));
+        if (d.length() < 1e-3) continue;
+        d /= d.length();
+        EXPECT_TRUE(tree.isInsideMesh(d * (0.8 * r * std::fabs(u(rng))), true)) << d;
+        EXPECT_FALSE(tree.isInsideMesh(d * (1.2 * r), true)) << d;
     }
 }
 

@@ -104,15 +104,9 @@ TEST(CollisionSelfContinuous, FoldedSpotMatchesBruteForce) {
     const Positions end = foldZ(spot.getVertices(), 0.5);
     CerrCapture cerr;
     checkContinuousSelf(spot, end, GmIntersection::kAllTests);
-    // Only edges lying on one line where the upper half flattens have no normal (see foldZ):
-    // nothing but the edge-edge message, in its three parts and a line end each.
-    std::string text = cerr.text();
-    const std::size_t messages = takeAll(text, "Unable to compute collision normal.");
-    EXPECT_GT(messages, 0u);
-    EXPECT_EQ(takeAll(text, "GmIntersection::edgeEdgeIntersection() ... "), messages);
-    EXPECT_EQ(takeAll(text, "Error in "), messages);
-    EXPECT_EQ(takeAll(text, "\n"), messages);
-    EXPECT_EQ(text, "");
+    // Edges that come to lie on one line where the upper half flattens (see foldZ) take the
+    // direction between them at the start of the step: no contact goes without a normal.
+    EXPECT_EQ(cerr.text(), "");
 }
 
 TEST(CollisionSelfProximity, NearlyFoldedClothMatchesBruteForce) {

@@ -376,4 +376,61 @@ TEST(PredicatesExact, Orient2dExactlyCollinearLargeCoordinates) {
     EXPECT_GT(perturbed.positive + perturbed.negative, 1000);
 }
 
+TEST(PredicatesExact, EveryFiniteScaleAndMixedMagnitudes) {
+    // Exactly coplanar (collinear) integer points, then one coordinate one ulp off, scaled by
+    // 2^k from the subnormal range to near the largest double; and points whose coordinates
+    // have unrelated exponents, with repeated points nudged by one ulp.
+    std::mt19937_64 rng(17);
+    std::uniform_int_distribution<int> small(-1000, 1000);
+    for (int k = -1070; k <= 990; k += 23) {
+        for (int n = 0; n < 20; ++n) {
+            const long long p = small(rng), q = small(rng), r = small(rng);
+            double pts[4][3];
+            for (auto& x : pts) {
+                const long long xi = small(rng), yi = small(rng);
+                x[0] = std::ldexp(double(xi), k);
+                x[1] = std::ldexp(double(yi), k);
+                x[2] = std::ldexp(double(p * xi + q * yi + r * 1000), k);
+            }
+            ASSERT_EQ(exactOrient3d(pts[0], pts[1], pts[2], pts[3]), 0);
+            ASSERT_EQ(signOf(GmPredicates::orient3d(pts[0], pts[1], pts[2], pts[3])), 0) << "2^" << k;
+            pts[3][n % 3] = nudge(pts[3][n % 3], n % 2 ? 1 : -1);
+            ASSERT_EQ(signOf(GmPredicates::orient3d(pts[0], pts[1], pts[2], pts[3])),
+                      exactOrient3d(pts[0], pts[1], pts[2], pts[3]))
+                << "2^" << k;
+            const double a[2] = {pts[0][0], pts[0][1]};
+            double b[2];
+            // a, 2a and -a are collinear (exact multiples); then one ulp off.
+            b[0] = 2.0 * a[0];
+            b[1] = 2.0 * a[1];
+            double c[2] = {-a[0], -a[1]};
+            ASSERT_EQ(signOf(GmPredicates::orient2d(a, b, c)), 0) << "2^" << k;
+            c[n % 2] = nudge(c[n % 2], 1);
+            ASSERT_EQ(signOf(GmPredicates::orient2d(a, b, c)), exactOrient2d(a, b, c)) << "2^" << k;
+        }
+    }
+    std::uniform_int_distribution<int> exponent(-1074, 1000);
+    std::uniform_real_distribution<double> mant(-1.0, 1.0);
+    for (int n = 0; n < 4000; ++n) {
+        double pts[4][3];
+        for (auto& x : pts)
+            for (double& c : x) c = std::ldexp(mant(rng), exponent(rng));
+        if (n % 2) {
+            for (int j = 0; j < 3; ++j) pts[3][j] = pts[n % 3][j];
+            pts[3][n % 3] = nudge(pts[3][n % 3], (n & 4) ? 1 : -1);
+        }
+        ASSERT_EQ(signOf(GmPredicates::orient3d(pts[0], pts[1], pts[2], pts[3])),
+                  exactOrient3d(pts[0], pts[1], pts[2], pts[3]))
+            << n;
+        ASSERT_EQ(signOf(GmPredicates::orient2d(pts[0], pts[1], pts[3])), exactOrient2d(pts[0], pts[1], pts[3])) << n;
+    }
+    // Not finite: no sign at all.
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const double o[3] = {0, 0, 0}, x[3] = {1, 0, 0}, y[3] = {0, 1, 0}, bad[2][3] = {{nan, 0, 1}, {inf, 0, 1}};
+    for (const auto& z : bad) {
+        EXPECT_TRUE(std::isnan(GmPredicates::orient3d(o, x, y, z)));
+        EXPECT_TRUE(std::isnan(GmPredicates::orient2d(o, x, z)));
+    }
+}
+
 #endif  // QG_TEST_HAVE_GMP

@@ -85,7 +85,10 @@ QUARRYGEOM_API bool proximityMesh(const GmTriangleMesh& mesh1, const GmTriangleM
 // ---- Static triangle-triangle intersection at the mesh's current positions ------------------
 // Appends one GmIntersectionInfo with the intersection points of the two triangles (their
 // intersection segment's end points, or the corners of the overlap polygon of coplanar
-// triangles) when they intersect. Touching counts. Sign decisions use exact predicates.
+// triangles) when they intersect. Touching counts. Every decision is exact (orientation
+// predicates that are exact for all finite input, each triangle clipped in a projection that
+// keeps its own area, zero-area triangles taken as their edges), so the answer does not depend
+// on the scale; the points themselves are interpolated. Input that is not finite never meets.
 // These kernels count nothing into the metrics (they run no vertex-face or edge-edge test).
 QUARRYGEOM_API bool staticSelf(const GmTriangleMesh& mesh, int face1, int face2, GmBVHMetrics& metrics,
                                std::vector<GmIntersectionInfo>& out);

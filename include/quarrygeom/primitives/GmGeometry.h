@@ -16,16 +16,21 @@ namespace GmGeometry {
 // q = v0 + s (v1 - v0) + t (v2 - v0), with s >= 0, t >= 0, s + t <= 1, by the seven-region
 // method. Never negative, never NaN for finite input: for zero-area and sliver triangles, where
 // the interior solution is unreliable, the three edges are searched as well and the closer
-// candidate is returned. The caller derives the PointOnTriType from (s, t).
+// candidate is returned, with the distance measured to the point returned. Scale-free: the
+// computation runs on coordinates relative to v0, rescaled by a power of two when squared
+// lengths would leave [2^-400, 2^400]. The caller derives the PointOnTriType from (s, t).
 QUARRYGEOM_API double closestParametricPointOnTriangle(const GmTVector<double>& p, const GmTVector<double>& v0,
                                                        const GmTVector<double>& v1, const GmTVector<double>& v2,
                                                        double& s, double& t);
 
 // Two-sided ray-triangle test. On a hit: point = origin + t * direction lies on the triangle,
 // u and v are the weights of v1 and v2 (v0 has 1 - u - v). Rays that graze an edge or start on
-// the triangle (within 100 DBL_EPSILON in the barycentric weights and in t) count as hits; the
-// weights are then clamped so that the point lies exactly on the triangle and t >= 0.
-// A zero direction or a ray parallel to the plane never hits.
+// the triangle (within 100 DBL_EPSILON in the barycentric weights, and behind the origin by at
+// most 100 DBL_EPSILON times the largest coordinate) count as hits; the weights are then
+// clamped so that the point lies exactly on the triangle and t >= 0. Every tolerance is
+// relative, so the answer does not depend on the scale or on the direction's length. A zero
+// direction, a ray parallel to the plane (relative to the edges' lengths) or input that is not
+// finite never hits.
 QUARRYGEOM_API bool intersectRayTri(const GmTVector<double>& origin, const GmTVector<double>& direction,
                                     const GmTVector<double>& v0, const GmTVector<double>& v1,
                                     const GmTVector<double>& v2, GmTVector<double>& point, double& t, double& u,

@@ -12,8 +12,10 @@ namespace GmIntersection {
 // (a1, b1, c1) over the step t in [0, 1]. On contact returns true with the first contact time
 // (below timeBound), the contact point, the barycentric weights of a, b, c at the point and the
 // face's unit normal at that time, oriented towards the side the vertex started on.
-// A face with zero area at the contact time gives no normal: a message goes to std::cerr and
-// the result is false.
+// A face with zero area at the contact time takes the direction from the face to the vertex at
+// the start of the step, else the one against the vertex's motion relative to the face; only a
+// vertex that stays on a zero-area face throughout has no normal: a message goes to std::cerr
+// and the result is false. Contacts at t = 0 and t = 1 count.
 QUARRYGEOM_API bool pointFaceIntersection(const GmTVector<double>& p0, const GmTVector<double>& a0,
                                           const GmTVector<double>& b0, const GmTVector<double>& c0,
                                           const GmTVector<double>& p1, const GmTVector<double>& a1,
@@ -25,8 +27,13 @@ QUARRYGEOM_API bool pointFaceIntersection(const GmTVector<double>& p0, const GmT
 // the first contact time (below timeBound), the parameters s along a-b and t along c-d of the
 // contact and a unit normal pointing from edge c-d towards edge a-b as they stood at the start.
 // The normal is the closest-point direction, or the cross product of the edge directions when
-// the edges cross exactly; parallel edges in exact contact give no normal: a message goes to
-// std::cerr and the result is false.
+// the edges cross exactly; parallel edges in contact take the direction between the edges at
+// the start of the step, else the one against the motion of a-b relative to c-d. Only edges
+// that coincide throughout have no normal: a message goes to std::cerr and the result is false.
+// Both primitives: every tolerance is relative to the features' size, so a scene scaled by a
+// power of two gives the same answer; coordinate differences above 2^500 are refused with
+// "Coordinates outside the supported range." on std::cerr; input that is not finite never
+// gives a contact.
 QUARRYGEOM_API bool edgeEdgeIntersection(const GmTVector<double>& a0, const GmTVector<double>& b0,
                                          const GmTVector<double>& c0, const GmTVector<double>& d0,
                                          const GmTVector<double>& a1, const GmTVector<double>& b1,

@@ -4,7 +4,10 @@
 
 // Orientation predicates with exact signs (adaptive-precision expansion arithmetic).
 // Points are pointers to three consecutive doubles (x, y, z); orient2d reads x and y only.
-// The sign of each result is exact; its magnitude approximates the determinant.
+// The sign of each result is exact for every finite input (coordinates that would make the
+// expansion arithmetic overflow or underflow are evaluated in wide fixed-point arithmetic); its
+// magnitude approximates the determinant, kept within the finite doubles so that the sign
+// survives. Input that is not finite gives NaN.
 namespace GmPredicates {
 
 // The machine constants and error bounds of the predicates (eps = 2^-53).
