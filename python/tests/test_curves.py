@@ -95,6 +95,10 @@ def test_self_proximity_matches_brute_force(seed, adjacency, include_adjacent, w
     if include_adjacent:
         assert len(hits) >= n - np.count_nonzero(counts)  # neighbours always touch
     check_records(res, hits, unsure, symmetric=True)
+    # The same records as the curve-curve walk of the tree against itself, on the kept pairs.
+    both = {(int(r["index1"]), int(r["index2"])): r.tobytes() for r in tree.intersections(tree)}
+    assert sum(keep[i, j] for i, j in both if i < j) == len(res)
+    assert all(both[(int(r["index1"]), int(r["index2"]))] == r.tobytes() for r in res)
     if not with_radii:
         assert (2, 9) in {tuple(sorted(k)) for k in res[["index1", "index2"]].tolist()}
 
