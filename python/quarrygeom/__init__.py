@@ -5,14 +5,21 @@
     tree = qg.Tree(mesh)                     # or Tree.swept(mesh, end) / Tree.thickened(mesh, h)
     d = tree.signed_distance(points).distance
 
+    curves = qg.Curves([12, 12, 12])         # three strands of 12 segments (13 vertices each)
+    ctree = qg.CurveTree(curves, positions, radii=r)   # (39, 3) float64, (39,) radii
+    touching = ctree.self_proximity(adjacency=3)        # structured, curve_contact_dtype
+    crossings = ctree.mesh_crossings(tree)   # segments through the mesh's faces
+
 Batched queries run in the library's worker threads with the GIL released. Point and ray arrays
 are read in place when they are C-contiguous float64 of shape (n, 3), and converted otherwise;
 meshes, positions given to set_positions / refit and the end positions of a swept tree are copied
-into the library's own storage; every result is a new array.
+into the library's own storage, as are curve positions and radii; every result is a new array.
 """
 
 from ._quarrygeom import (  # noqa: F401
     ALL_TESTS,
+    CurveTree,
+    Curves,
     EDGE_EDGE_TESTS,
     FACE_VERTEX_TESTS,
     VERTEX_FACE_TESTS,
@@ -22,6 +29,7 @@ from ._quarrygeom import (  # noqa: F401
     Metrics,
     Tree,
     continuous_dtype,
+    curve_contact_dtype,
     intersection_pair_dtype,
     multithreading,
     orient2d,
@@ -35,7 +43,5 @@ from ._quarrygeom import (  # noqa: F401
 VERTEX_FACE = 1
 FACE_VERTEX = 2
 EDGE_EDGE = 3
-
-# Curves (strands, their segment tree and queries) will be exported here alongside the meshes.
 
 __all__ = [name for name in dir() if not name.startswith("_")]

@@ -111,5 +111,5 @@ PYBIND11_MODULE(_quarrygeom, m) {
     qgpy::TreeClass tree = qgpy::registerTrees(m);
     qgpy::registerCollision(m, tree);
     qgpy::registerTiming(m);
-    // Curves and their tree and queries register here once the curves subsystem is in the library.
+    qgpy::registerCurves(m);
 }

@@ -26,5 +26,7 @@ typedef py::class_<Tree, TreePtr> TreeClass;
 TreeClass registerTrees(py::module_& m);
 void registerCollision(py::module_& m, TreeClass& tree);
 void registerTiming(py::module_& m);
+// Curves, their tree and its queries (against itself, another curve tree, a face tree).
+void registerCurves(py::module_& m);
 
 }  // namespace qgpy

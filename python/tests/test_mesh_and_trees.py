@@ -104,11 +104,21 @@ def test_refit_from_python_moves_the_tree(mode):
         np.testing.assert_allclose(tree.root_box, box + shift + [[-0.45] * 3, [0.45] * 3], atol=1e-6)
 
 
-def test_another_python_thread_runs_during_a_long_query(bunny_arrays):
-    verts, faces = bunny_arrays
+def long_query(kind, verts, faces):
     tree = qg.Tree(qg.Mesh(verts, faces))
-    pts = points_around(verts, 50_000, 7)
-    tree.closest_points(pts)  # the first query fills the mesh's caches, with the GIL released anyway
+    if kind == "closest points":
+        pts = points_around(verts, 50_000, 7)
+        return lambda: tree.closest_points(pts)
+    rng = np.random.default_rng(3)  # 2000 strands of 20 segments around the bunny
+    pos = (points_around(verts, 2000, 8)[:, None] + np.cumsum(rng.normal(0, 0.004, (2000, 21, 3)), 1)).reshape(-1, 3)
+    hair = qg.CurveTree(qg.Curves([20] * 2000), pos, radii=np.full(len(pos), 0.001))
+    return lambda: (hair.self_proximity(adjacency=3), hair.mesh_crossings(tree))
+
+
+@pytest.mark.parametrize("kind", ["closest points", "curves"])
+def test_another_python_thread_runs_during_a_long_query(bunny_arrays, kind):
+    query = long_query(kind, *bunny_arrays)
+    query()  # the first query fills the mesh's caches, with the GIL released anyway
     ticks, stop = [0], threading.Event()
 
     def count():
@@ -124,7 +134,7 @@ def test_another_python_thread_runs_during_a_long_query(bunny_arrays):
         during, elapsed = 0, 0.0
         while elapsed < 0.3:
             n0, t0 = ticks[0], time.perf_counter()
-            tree.closest_points(pts)
+            query()
             elapsed += time.perf_counter() - t0
             during += ticks[0] - n0
     finally:
