@@ -8,6 +8,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmProximityCheck.h>
+#include <quarrygeom/primitives/GmSweptSeparation.h>
 
 namespace GmContactKernels {
 
@@ -126,6 +127,8 @@ struct Context {
     Role role;
     int objectIndex1;
     int objectIndex2;
+    const FeatureOwnership* owner = nullptr;  // each feature pair once: which tests the pair runs
+    bool separation = false;                    // swept separation filter before each primitive
 };
 
 void fillCommon(GmTriangleInterferenceInfo& r, const Context& ctx, const Tri& t1, const Tri& t2) {
@@ -162,6 +165,16 @@ struct ContinuousPolicy {
     double timeBound;
     double pad(const Box& a, const Box& b) const { return kFilterPad * std::max(a.extent(), b.extent()); }
 
+    bool vertexFaceApart(const Tri& tv, int k, const Tri& tf) const {
+        return GmSweptSeparation::vertexFaceApart(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], tv.p1[k], tf.p1[0],
+                                                  tf.p1[1], tf.p1[2]);
+    }
+    bool edgeEdgeApart(const Tri& t1, int i, const Tri& t2, int j) const {
+        const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
+        return GmSweptSeparation::edgeEdgeApart(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], t1.p1[i], t1.p1[i1],
+                                                t2.p1[j], t2.p1[j1]);
+    }
+
     // Vertex k of tv against the face tf; normal from the face towards the vertex.
     bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double time;
@@ -197,6 +210,8 @@ struct ProximityPolicy {
     static constexpr bool kSwept = false;
     double bound;
     double pad(const Box&, const Box&) const { return bound; }
+    bool vertexFaceApart(const Tri&, int, const Tri&) const { return false; }
+    bool edgeEdgeApart(const Tri&, int, const Tri&, int) const { return false; }
 
     bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double dist = bound;
@@ -256,6 +271,8 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 if (skipShared && sharesVertex(tf, tv.v[k])) continue;
                 const Box& vbox = vboxes.corner[k];
                 if (boxesApart(vbox, fbox, policy.pad(vbox, fbox))) continue;
+                if (ctx.owner && !ctx.owner->vertexFace(tv.face, k, tf.face, !boxesApart(vbox, fbox, 0.0))) continue;
+                if (ctx.separation && policy.vertexFaceApart(tv, k, tf)) continue;
                 metrics.addVertexFaceTest();
                 Contact c;
                 Vec bary, n;
@@ -302,6 +319,8 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                     continue;
                 const Box& b2 = boxes2.edge[j];
                 if (boxesApart(b1, b2, policy.pad(b1, b2))) continue;
+                if (ctx.owner && !ctx.owner->edgeEdge(t1.face, i, t2.face, j, !boxesApart(b1, b2, 0.0))) continue;
+                if (ctx.separation && policy.edgeEdgeApart(t1, i, t2, j)) continue;
                 metrics.addEdgeEdgeTest();
                 Contact c;
                 double s, t;
@@ -586,6 +605,24 @@ bool continuousOrphan(const GmTriangleMesh& mesh, const Positions& end, int face
                       const SelfIntersectionInfo* /*info*/, int objectIndex,
                       std::vector<GmContinuousTimeIntersectionInfo>& out) {
     const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
+}
+
+bool continuousSelfOwned(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                         const ComponentTests& tests, const FeatureOwnership& owner, GmBVHMetrics& metrics,
+                         double timeBound, const SelfIntersectionInfo* /*info*/, int objectIndex,
+                         std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex, &owner, true};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
+}
+
+bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                              const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                              const SelfIntersectionInfo* /*info*/, int objectIndex,
+                              std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex, nullptr, true};
     return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
                    metrics, out);
 }

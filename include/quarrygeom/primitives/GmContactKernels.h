@@ -66,6 +66,34 @@ QUARRYGEOM_API bool continuousMesh(const GmTriangleMesh& mesh1, const Positions&
                                    int objectIndex1, int objectIndex2,
                                    std::vector<GmContinuousTimeIntersectionInfo>& out);
 
+// ---- Each feature pair once (continuous-time self queries) ----------------------------------
+// A vertex is tested against a face once for every face around the vertex that the walk pairs
+// with that face, and an edge pair once for each of up to four face pairs that hold it. A
+// query that wants each feature pair once hands the walk pairs' kernels an ownership rule: a
+// test whose bit is set runs only when the rule says that this face pair owns it. Both kernels
+// below also run the swept separation filter (GmSweptSeparation.h) before each primitive; it
+// removes no contact. Records, counters and roles are otherwise those of continuousSelf and
+// continuousOrphan (orphan pairs own their tests by construction).
+class QUARRYGEOM_API FeatureOwnership {
+public:
+    virtual ~FeatureOwnership() = default;
+    // Vertex `corner` (0-2) of face `vertexFace` against face `face`. `boxesMeet`: the vertex's
+    // swept box and the face's swept box (unpadded) overlap.
+    virtual bool vertexFace(int vertexFace, int corner, int face, bool boxesMeet) const = 0;
+    // Edge `slot1` (0-2, corners slot1 and slot1 + 1) of face1 against edge `slot2` of face2.
+    // `boxesMeet`: the two edges' swept boxes (unpadded) overlap.
+    virtual bool edgeEdge(int face1, int slot1, int face2, int slot2, bool boxesMeet) const = 0;
+};
+
+QUARRYGEOM_API bool continuousSelfOwned(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                                        const ComponentTests& tests, const FeatureOwnership& owner,
+                                        GmBVHMetrics& metrics, double timeBound, const SelfIntersectionInfo* info,
+                                        int objectIndex, std::vector<GmContinuousTimeIntersectionInfo>& out);
+QUARRYGEOM_API bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                                             const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                                             const SelfIntersectionInfo* info, int objectIndex,
+                                             std::vector<GmContinuousTimeIntersectionInfo>& out);
+
 // ---- Proximity within `distance` at the mesh's current positions ----------------------------
 QUARRYGEOM_API bool proximitySelf(const GmTriangleMesh& mesh, int face1, int face2, double distance,
                                   const ComponentTests& tests, GmBVHMetrics& metrics,
