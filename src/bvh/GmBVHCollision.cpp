@@ -99,8 +99,8 @@ public:
                             const FeatureOwners& owners)
         : _mesh(mesh), _end(end), _tests(tests), _object(objectIndex), _owners(owners) {}
     bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
-        return GmContactKernels::continuousSelfOwned(_mesh, _end, f1, f2, _tests, _owners, m, kNoTimeBound, nullptr,
-                                                     _object, out);
+        return GmContactKernels::continuousSelfFiltered(_mesh, _end, f1, f2, _tests, m, kNoTimeBound, nullptr, _object,
+                                                        out, &_owners);
     }
     bool orphan(int f1, int f2, ComponentTests tests, GmBVHMetrics& m, std::vector<Record>& out) const {
         return GmContactKernels::continuousOrphanFiltered(_mesh, _end, f1, f2, tests, m, kNoTimeBound, nullptr,

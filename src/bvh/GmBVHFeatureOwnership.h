@@ -12,14 +12,17 @@
 // The walk pairs f and g when they share no vertex, neither is pruned by the disabled mask, they
 // are not both frozen (unless frozen faces are kept), their leaf boxes overlap and they pass the
 // mesh tests: exactly the pairs whose narrow phase it runs, so the owner is one of them whatever
-// order the walk takes. Pairs without any such face pair are the orphan set's, which the orphan
-// pass tests once. The rule depends on the tree only, so serial and parallel runs agree.
+// order the walk takes, and the rule depends on the tree only (serial and parallel runs agree).
+// Pairs without any such face pair are the orphan set's, which the orphan pass tests once.
 //
-// In the common case the owner is found after one check: the first face around the vertex (or
-// the first face pair) either is the current pair or is paired by the walk. The leaf boxes need
-// no look-up when the features' own swept boxes overlap: every leaf box holding a feature
-// contains that feature's box.
+// A pair that holds the first face around a vertex (or the first faces of both edges) owns that
+// test whatever else holds (surelyOwned, from one byte per face). The kernel asks about each
+// other test once its feature boxes meet; it usually decides after one check of the first face
+// (pair), against a compact per-face copy of the leaf box, flags and corners, and needs no leaf
+// box when the features' own swept boxes overlap.
 
+#include <cstdint>
+#include <utility>
 #include <vector>
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
@@ -37,14 +40,45 @@ public:
         : _setup(setup),
           _faces(tree.getTriangleMesh()->getFaces().data()),
           _edges(tree.getTriangleMesh()->getEdges().data()),
-          _vertexFaces(tree.getTriangleMesh()->getVertexToFacesLists()),
-          _nodes(tree.getNodes().data()) {
+          _vertexFaces(tree.getTriangleMesh()->getVertexToFacesLists()) {
+        const GmTriangleMesh& mesh = *tree.getTriangleMesh();
+        const std::size_t numFaces = static_cast<std::size_t>(mesh.getNumberFaces());
+        // Per face: its leaf's box and flags with its corners, read together by walkPairs.
+        _records.assign(numFaces, FaceRecord());
         const std::vector<GmBoundingVolumeHierarchy::LeafFace>& leaves = tree.getLeafFaces();
         const int internal = tree.getNumberInternalNodes();
-        _leafOf.assign(static_cast<std::size_t>(tree.getTriangleMesh()->getNumberFaces()), -1);
-        for (std::size_t k = 0; k < leaves.size(); ++k)
-            if (leaves[k].face >= 0 && static_cast<std::size_t>(leaves[k].face) < _leafOf.size())
-                _leafOf[static_cast<std::size_t>(leaves[k].face)] = internal + static_cast<int>(k);
+        for (std::size_t k = 0; k < leaves.size(); ++k) {
+            const int f = leaves[k].face;
+            if (f < 0 || static_cast<std::size_t>(f) >= numFaces) continue;
+            const Node& n = tree.getNode(internal + static_cast<int>(k));
+            FaceRecord& r = _records[static_cast<std::size_t>(f)];
+            r.box = n.box;
+            for (int c = 0; c < 3; ++c) r.vertices[c] = _faces[f].vertices[c];
+            r.disabled = n.disabled;
+            r.frozen = n.frozen;
+            r.inTree = 1;
+        }
+        // Tests a face owns whatever the other face: corner c when the face comes first in the
+        // vertex's list (bit c), edge c when it is the edge's first face (bit 3 + c).
+        _first.assign(numFaces, 0);
+        for (std::size_t f = 0; f < numFaces; ++f) {
+            std::uint8_t bits = 0;
+            for (int c = 0; c < 3; ++c) {
+                const GmIndexList around = _vertexFaces[static_cast<std::size_t>(_faces[f].vertices[c])];
+                if (around.begin() != around.end() && *around.begin() == static_cast<int>(f)) bits |= 1u << c;
+                if (_edges[_faces[f].edges[c]].firstFace == static_cast<int>(f)) bits |= 8u << c;
+            }
+            _first[f] = bits;
+        }
+    }
+
+    std::uint32_t surelyOwned(int face1, int face2) const override {
+        const std::uint32_t a = _first[static_cast<std::size_t>(face1)], b = _first[static_cast<std::size_t>(face2)];
+        std::uint32_t bits = (a & 7u) | ((b & 7u) << 3);
+        const std::uint32_t edges2 = (b >> 3) & 7u;
+        for (int i = 0; i < 3; ++i)
+            if ((a >> (3 + i)) & 1u) bits |= edges2 << (6 + 3 * i);
+        return bits;
     }
 
     bool vertexFace(int vertexFace, int corner, int face, bool boxesMeet) const override {
@@ -78,29 +112,36 @@ public:
     }
 
 private:
+    struct FaceRecord {
+        GmAxisAlignedBox box;
+        int vertices[3] = {-1, -1, -1};
+        std::uint8_t disabled = 0, frozen = 0, inTree = 0;
+    };
+
     // Whether the walk hands the pair (f, g) to the kernel; `boxesMeet` stands for the leaf box
-    // overlap.
+    // overlap (the features' own boxes meet, and every leaf box holding a feature contains them).
     bool walkPairs(int f, int g, bool boxesMeet) const {
-        const GmTriangleFace& ff = _faces[f];
-        const GmTriangleFace& fg = _faces[g];
-        if (_setup.skipAdjacent && sharesVertex(ff, fg)) return false;
-        const int lf = _leafOf[static_cast<std::size_t>(f)], lg = _leafOf[static_cast<std::size_t>(g)];
-        if (lf < 0 || lg < 0) return false;
-        const Node& nf = _nodes[lf];
-        const Node& ng = _nodes[lg];
-        if (_setup.pruneDisabled && (nf.disabled || ng.disabled)) return false;
-        if (_setup.pruneFrozen && nf.frozen && ng.frozen) return false;
-        if (!boxesMeet && !nf.box.overlaps(ng.box)) return false;
-        if (_setup.tests1 != nullptr && !_setup.tests1->vertexRadiusTest(ff.vertices, fg.vertices)) return false;
+        const FaceRecord& rf = _records[static_cast<std::size_t>(f)];
+        const FaceRecord& rg = _records[static_cast<std::size_t>(g)];
+        if (!(rf.inTree & rg.inTree)) return false;
+        if (_setup.skipAdjacent && sharesCorner(rf.vertices, rg.vertices)) return false;
+        if (_setup.pruneDisabled && (rf.disabled | rg.disabled)) return false;
+        if (_setup.pruneFrozen && (rf.frozen & rg.frozen)) return false;
+        if (!boxesMeet && !rf.box.overlaps(rg.box)) return false;
+        if (_setup.tests1 != nullptr && !_setup.tests1->vertexRadiusTest(rf.vertices, rg.vertices)) return false;
         return true;
+    }
+    static bool sharesCorner(const int* f, const int* g) {
+        return ((f[0] == g[0]) | (f[0] == g[1]) | (f[0] == g[2])) | ((f[1] == g[0]) | (f[1] == g[1]) | (f[1] == g[2])) |
+               ((f[2] == g[0]) | (f[2] == g[1]) | (f[2] == g[2]));
     }
 
     const WalkSetup& _setup;
     const GmTriangleFace* _faces;
     const GmTriangleEdge* _edges;
     const GmAdjacencyLists& _vertexFaces;
-    const Node* _nodes;
-    std::vector<int> _leafOf;  // leaf node of each face
+    std::vector<FaceRecord> _records;
+    std::vector<std::uint8_t> _first;
 };
 
 }  // namespace GmBVHCollision

@@ -127,8 +127,9 @@ struct Context {
     Role role;
     int objectIndex1;
     int objectIndex2;
-    const FeatureOwnership* owner = nullptr;  // each feature pair once: which tests the pair runs
-    bool separation = false;                    // swept separation filter before each primitive
+    bool separation = false;                  // swept separation filter before each primitive
+    const FeatureOwnership* owner = nullptr;  // each feature pair once: asked about the tests...
+    std::uint32_t owned = ~0u;                // ...not among these
 };
 
 void fillCommon(GmTriangleInterferenceInfo& r, const Context& ctx, const Tri& t1, const Tri& t2) {
@@ -271,7 +272,9 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 if (skipShared && sharesVertex(tf, tv.v[k])) continue;
                 const Box& vbox = vboxes.corner[k];
                 if (boxesApart(vbox, fbox, policy.pad(vbox, fbox))) continue;
-                if (ctx.owner && !ctx.owner->vertexFace(tv.face, k, tf.face, !boxesApart(vbox, fbox, 0.0))) continue;
+                if (!((ctx.owned >> (3 * side + k)) & 1u) &&
+                    !ctx.owner->vertexFace(tv.face, k, tf.face, !boxesApart(vbox, fbox, 0.0)))
+                    continue;
                 if (ctx.separation && policy.vertexFaceApart(tv, k, tf)) continue;
                 metrics.addVertexFaceTest();
                 Contact c;
@@ -319,7 +322,9 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                     continue;
                 const Box& b2 = boxes2.edge[j];
                 if (boxesApart(b1, b2, policy.pad(b1, b2))) continue;
-                if (ctx.owner && !ctx.owner->edgeEdge(t1.face, i, t2.face, j, !boxesApart(b1, b2, 0.0))) continue;
+                if (!((ctx.owned >> (6 + 3 * i + j)) & 1u) &&
+                    !ctx.owner->edgeEdge(t1.face, i, t2.face, j, !boxesApart(b1, b2, 0.0)))
+                    continue;
                 if (ctx.separation && policy.edgeEdgeApart(t1, i, t2, j)) continue;
                 metrics.addEdgeEdgeTest();
                 Contact c;
@@ -609,11 +614,15 @@ bool continuousOrphan(const GmTriangleMesh& mesh, const Positions& end, int face
                    metrics, out);
 }
 
-bool continuousSelfOwned(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
-                         const ComponentTests& tests, const FeatureOwnership& owner, GmBVHMetrics& metrics,
-                         double timeBound, const SelfIntersectionInfo* /*info*/, int objectIndex,
-                         std::vector<GmContinuousTimeIntersectionInfo>& out) {
-    const Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex, &owner, true};
+bool continuousSelfFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                            const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                            const SelfIntersectionInfo* /*info*/, int objectIndex,
+                            std::vector<GmContinuousTimeIntersectionInfo>& out, const FeatureOwnership* owner) {
+    Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex, true};
+    if (owner != nullptr) {
+        ctx.owner = owner;
+        ctx.owned = owner->surelyOwned(face1, face2);
+    }
     return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
                    metrics, out);
 }
@@ -622,7 +631,7 @@ bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, 
                               const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
                               const SelfIntersectionInfo* /*info*/, int objectIndex,
                               std::vector<GmContinuousTimeIntersectionInfo>& out) {
-    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex, nullptr, true};
+    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex, true};
     return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
                    metrics, out);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include <quarrygeom/core/GmExport.h>
@@ -67,16 +68,19 @@ QUARRYGEOM_API bool continuousMesh(const GmTriangleMesh& mesh1, const Positions&
                                    std::vector<GmContinuousTimeIntersectionInfo>& out);
 
 // ---- Each feature pair once (continuous-time self queries) ----------------------------------
-// A vertex is tested against a face once for every face around the vertex that the walk pairs
-// with that face, and an edge pair once for each of up to four face pairs that hold it. A
-// query that wants each feature pair once hands the walk pairs' kernels an ownership rule: a
-// test whose bit is set runs only when the rule says that this face pair owns it. Both kernels
-// below also run the swept separation filter (GmSweptSeparation.h) before each primitive; it
-// removes no contact. Records, counters and roles are otherwise those of continuousSelf and
-// continuousOrphan (orphan pairs own their tests by construction).
+// As continuousSelf and continuousOrphan, with the swept separation filter
+// (GmSweptSeparation.h) run before each primitive: it skips the cubic of features that never
+// become coplanar during the step and removes no contact.
+//
+// A query that tests each feature pair once (GmSelfContactRecords::EachFeaturePairOnce) also
+// hands the walk pairs' kernel an ownership rule: of the tests in `tests`, those in
+// surelyOwned run as usual; each other one runs only when, after its feature boxes have been
+// found to meet, the rule says that this face pair owns it. Orphan pairs own their tests.
 class QUARRYGEOM_API FeatureOwnership {
 public:
     virtual ~FeatureOwnership() = default;
+    // Bits (as in ComponentTests) of the tests that the pair (face1, face2) owns for certain.
+    virtual std::uint32_t surelyOwned(int face1, int face2) const = 0;
     // Vertex `corner` (0-2) of face `vertexFace` against face `face`. `boxesMeet`: the vertex's
     // swept box and the face's swept box (unpadded) overlap.
     virtual bool vertexFace(int vertexFace, int corner, int face, bool boxesMeet) const = 0;
@@ -85,10 +89,11 @@ public:
     virtual bool edgeEdge(int face1, int slot1, int face2, int slot2, bool boxesMeet) const = 0;
 };
 
-QUARRYGEOM_API bool continuousSelfOwned(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
-                                        const ComponentTests& tests, const FeatureOwnership& owner,
-                                        GmBVHMetrics& metrics, double timeBound, const SelfIntersectionInfo* info,
-                                        int objectIndex, std::vector<GmContinuousTimeIntersectionInfo>& out);
+QUARRYGEOM_API bool continuousSelfFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                                           const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                                           const SelfIntersectionInfo* info, int objectIndex,
+                                           std::vector<GmContinuousTimeIntersectionInfo>& out,
+                                           const FeatureOwnership* owner = nullptr);
 QUARRYGEOM_API bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
                                              const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
                                              const SelfIntersectionInfo* info, int objectIndex,
