@@ -37,14 +37,30 @@ namespace GmBVHCollision {
 class FeatureOwners final : public GmContactKernels::FeatureOwnership {
 public:
     FeatureOwners(const GmBoundingVolumeHierarchy& tree, const WalkSetup& setup)
-        : _setup(setup),
-          _faces(tree.getTriangleMesh()->getFaces().data()),
-          _edges(tree.getTriangleMesh()->getEdges().data()),
-          _vertexFaces(tree.getTriangleMesh()->getVertexToFacesLists()) {
+        : _setup(setup), _vertexFaces(tree.getTriangleMesh()->getVertexToFacesLists()) {
         const GmTriangleMesh& mesh = *tree.getTriangleMesh();
+        const GmTriangleFace* faces = mesh.getFaces().data();
+        const GmTriangleEdge* edges = mesh.getEdges().data();
         const std::size_t numFaces = static_cast<std::size_t>(mesh.getNumberFaces());
-        // Per face: its leaf's box and flags with its corners, read together by walkPairs.
         _records.assign(numFaces, FaceRecord());
+        _first.assign(numFaces, 0);
+        for (std::size_t f = 0; f < numFaces; ++f) {
+            FaceRecord& r = _records[f];
+            std::uint8_t bits = 0;
+            for (int c = 0; c < 3; ++c) {
+                r.vertices[c] = faces[f].vertices[c];
+                const GmIndexList around = _vertexFaces[static_cast<std::size_t>(r.vertices[c])];
+                r.cornerFirst[c] = around.begin() != around.end() ? *around.begin() : -1;
+                const GmTriangleEdge& e = edges[faces[f].edges[c]];
+                r.edge[c] = faces[f].edges[c];
+                r.edgeFaces[c][0] = e.firstFace;
+                r.edgeFaces[c][1] = e.secondFace;
+                if (r.cornerFirst[c] == static_cast<int>(f)) bits |= 1u << c;
+                if (e.firstFace == static_cast<int>(f)) bits |= 8u << c;
+            }
+            _first[f] = bits;
+        }
+        // Leaf boxes and flags.
         const std::vector<GmBoundingVolumeHierarchy::LeafFace>& leaves = tree.getLeafFaces();
         const int internal = tree.getNumberInternalNodes();
         for (std::size_t k = 0; k < leaves.size(); ++k) {
@@ -53,22 +69,9 @@ public:
             const Node& n = tree.getNode(internal + static_cast<int>(k));
             FaceRecord& r = _records[static_cast<std::size_t>(f)];
             r.box = n.box;
-            for (int c = 0; c < 3; ++c) r.vertices[c] = _faces[f].vertices[c];
             r.disabled = n.disabled;
             r.frozen = n.frozen;
             r.inTree = 1;
-        }
-        // Tests a face owns whatever the other face: corner c when the face comes first in the
-        // vertex's list (bit c), edge c when it is the edge's first face (bit 3 + c).
-        _first.assign(numFaces, 0);
-        for (std::size_t f = 0; f < numFaces; ++f) {
-            std::uint8_t bits = 0;
-            for (int c = 0; c < 3; ++c) {
-                const GmIndexList around = _vertexFaces[static_cast<std::size_t>(_faces[f].vertices[c])];
-                if (around.begin() != around.end() && *around.begin() == static_cast<int>(f)) bits |= 1u << c;
-                if (_edges[_faces[f].edges[c]].firstFace == static_cast<int>(f)) bits |= 8u << c;
-            }
-            _first[f] = bits;
         }
     }
 
@@ -82,8 +85,12 @@ public:
     }
 
     bool vertexFace(int vertexFace, int corner, int face, bool boxesMeet) const override {
-        const int v = _faces[vertexFace].vertices[corner];
-        for (const int f : _vertexFaces[static_cast<std::size_t>(v)]) {
+        const FaceRecord& r = _records[static_cast<std::size_t>(vertexFace)];
+        const int first = r.cornerFirst[corner];
+        if (first == vertexFace) return true;
+        if (first >= 0 && walkPairs(first, face, boxesMeet)) return false;
+        for (const int f : _vertexFaces[static_cast<std::size_t>(r.vertices[corner])]) {
+            if (f == first) continue;
             if (f == vertexFace) return true;
             if (walkPairs(f, face, boxesMeet)) return false;
         }
@@ -91,30 +98,33 @@ public:
     }
 
     bool edgeEdge(int face1, int slot1, int face2, int slot2, bool boxesMeet) const override {
-        int e1 = _faces[face1].edges[slot1], e2 = _faces[face2].edges[slot2];
-        int f1 = face1, f2 = face2;
-        if (e2 < e1) {
-            std::swap(e1, e2);
-            std::swap(f1, f2);
-        }
-        const GmTriangleEdge& a = _edges[e1];
-        const GmTriangleEdge& b = _edges[e2];
-        const int fa[2] = {a.firstFace, a.secondFace}, fb[2] = {b.firstFace, b.secondFace};
-        for (const int f : fa) {
-            if (f < 0) continue;
-            for (const int g : fb) {
-                if (g < 0) continue;
-                if (f == f1 && g == f2) return true;
-                if (walkPairs(f, g, boxesMeet)) return false;
+        const FaceRecord& r1 = _records[static_cast<std::size_t>(face1)];
+        const FaceRecord& r2 = _records[static_cast<std::size_t>(face2)];
+        // The lower edge index's faces first.
+        const bool swap = r2.edge[slot2] < r1.edge[slot1];
+        const int* fa = swap ? r2.edgeFaces[slot2] : r1.edgeFaces[slot1];
+        const int* fb = swap ? r1.edgeFaces[slot1] : r2.edgeFaces[slot2];
+        const int f1 = swap ? face2 : face1, f2 = swap ? face1 : face2;
+        for (int p = 0; p < 2; ++p) {
+            if (fa[p] < 0) continue;
+            for (int q = 0; q < 2; ++q) {
+                if (fb[q] < 0) continue;
+                if (fa[p] == f1 && fb[q] == f2) return true;
+                if (walkPairs(fa[p], fb[q], boxesMeet)) return false;
             }
         }
         return true;  // a face beyond the edge's two (non-manifold): test rather than lose it
     }
 
 private:
+    // What the checks read of a face, in one place: its leaf's box and flags, its corners with
+    // the first face around each, its edges with their two faces.
     struct FaceRecord {
         GmAxisAlignedBox box;
         int vertices[3] = {-1, -1, -1};
+        int cornerFirst[3] = {-1, -1, -1};
+        int edge[3] = {-1, -1, -1};
+        int edgeFaces[3][2] = {{-1, -1}, {-1, -1}, {-1, -1}};
         std::uint8_t disabled = 0, frozen = 0, inTree = 0;
     };
 
@@ -137,8 +147,6 @@ private:
     }
 
     const WalkSetup& _setup;
-    const GmTriangleFace* _faces;
-    const GmTriangleEdge* _edges;
     const GmAdjacencyLists& _vertexFaces;
     std::vector<FaceRecord> _records;
     std::vector<std::uint8_t> _first;
