@@ -46,7 +46,9 @@ enum class GmSelfContactRecords {
     // pair's test gives in the other mode. A feature test runs when its bit in the owning pair
     // is among the caller's component tests (all of them: every contact). A swept separation
     // filter (GmSweptSeparation.h) skips the cubic for features that never become coplanar.
-    // Counters count the tests actually run.
+    // Counters count the tests actually run. The tree must be refitted to the query's end
+    // positions (the ownership rule reads the leaf boxes and takes a feature's swept box to lie
+    // in every leaf box holding it).
     EachFeaturePairOnce
 };
 
