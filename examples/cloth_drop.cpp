@@ -345,6 +345,8 @@ int main(int argc, char** argv) {
     Positions end = cloth.getVertices();
     GmBoundingTree clothTree(&cloth, end);
     GmBoundingTree bodyTree(&body, bodyPositions);
+    // Each (vertex, face) and (edge, edge) contact of the self query tested and reported once.
+    clothTree.setSelfContactRecords(GmSelfContactRecords::EachFeaturePairOnce);
 
     std::printf("cloth %d x %d quads (%d faces), body %s (%d faces), %d steps of %.4f s, %d worker threads\n", n, n,
                 cloth.getNumberFaces(), opt.body.c_str(), body.getNumberFaces(), opt.steps, kDt,

@@ -38,6 +38,9 @@ int main() {
     std::vector<GmTVector<double>> end = mesh.getVertices();
     end[4] = GmTVector<double>(0.05, 0.02, -1.5);
     GmBoundingTree swept(&mesh, end);
+    // One record per (vertex, face) and (edge, edge) contact, each feature pair tested once
+    // (the default, EveryTrianglePair, records a contact once per triangle pair holding it).
+    swept.setSelfContactRecords(GmSelfContactRecords::EachFeaturePairOnce);
     std::vector<GmContinuousTimeIntersectionInfo> contacts;
     GmBVHMetrics metrics;
     swept.continuousTimeSelfIntersect(contacts, end, GmIntersection::kAllTests,

@@ -19,6 +19,7 @@
 #include <quarrygeom/primitives/GmIntersection.h>
 
 #include "GmBVHCollisionWalk.h"
+#include "GmBVHFeatureOwnership.h"
 
 namespace GmBVHCollision {
 namespace {
@@ -87,6 +88,32 @@ private:
     const Positions& _end;
     ComponentTests _tests;
     int _object;
+};
+
+// Continuous-time self contact with each feature pair tested once (FeatureOwners).
+class ContSelfOnceIntersector {
+public:
+    using Record = GmContinuousTimeIntersectionInfo;
+    static constexpr bool kOrphanPass = true;
+    ContSelfOnceIntersector(const GmTriangleMesh& mesh, const Positions& end, ComponentTests tests, int objectIndex,
+                            const FeatureOwners& owners)
+        : _mesh(mesh), _end(end), _tests(tests), _object(objectIndex), _owners(owners) {}
+    bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::continuousSelfFiltered(_mesh, _end, f1, f2, _tests, m, kNoTimeBound, nullptr, _object,
+                                                        out, &_owners);
+    }
+    bool orphan(int f1, int f2, ComponentTests tests, GmBVHMetrics& m, std::vector<Record>& out) const {
+        return GmContactKernels::continuousOrphanFiltered(_mesh, _end, f1, f2, tests, m, kNoTimeBound, nullptr,
+                                                          _object, out);
+    }
+    ComponentTests tests() const { return _tests; }
+
+private:
+    const GmTriangleMesh& _mesh;
+    const Positions& _end;
+    ComponentTests _tests;
+    int _object;
+    const FeatureOwners& _owners;
 };
 
 class ContIntersector {
@@ -399,9 +426,15 @@ bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContin
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
     prepareMesh(*_mesh);
-    const ContSelfIntersector narrow(*_mesh, positions, componentTests, objectIndex);
     const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
-    return runSelf(*this, narrow, selfSetup(*this, includeDisabled), orphans, results, metrics);
+    const WalkSetup setup = selfSetup(*this, includeDisabled);
+    if (_selfContactRecords == GmSelfContactRecords::EachFeaturePairOnce) {
+        const FeatureOwners owners(*this, setup);
+        const ContSelfOnceIntersector narrow(*_mesh, positions, componentTests, objectIndex, owners);
+        return runSelf(*this, narrow, setup, orphans, results, metrics);
+    }
+    const ContSelfIntersector narrow(*_mesh, positions, componentTests, objectIndex);
+    return runSelf(*this, narrow, setup, orphans, results, metrics);
 }
 
 bool GmBoundingVolumeHierarchy::continuousTimeIntersect(std::vector<GmContinuousTimeIntersectionInfo>& results,

@@ -126,6 +126,10 @@ void GmBoundingTree::setDisabledData(const GmDisabledData* disabled) { _hierarch
 void GmBoundingTree::setFrozenData(const GmFrozenData* frozen) { _hierarchy->setFrozenData(frozen); }
 bool GmBoundingTree::ignoreFrozen() const { return _hierarchy != nullptr && _hierarchy->ignoreFrozen(); }
 void GmBoundingTree::setIgnoreFrozen(bool ignore) { _hierarchy->setIgnoreFrozen(ignore); }
+GmSelfContactRecords GmBoundingTree::getSelfContactRecords() const {
+    return _hierarchy != nullptr ? _hierarchy->getSelfContactRecords() : GmSelfContactRecords::EveryTrianglePair;
+}
+void GmBoundingTree::setSelfContactRecords(GmSelfContactRecords mode) { _hierarchy->setSelfContactRecords(mode); }
 const GmIntersection::MeshTests& GmBoundingTree::getMeshTests() const {
     return static_cast<const GmBoundingVolumeHierarchy*>(_hierarchy)->getMeshTests();
 }

@@ -692,6 +692,7 @@ GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(const GmBoundingVolumeHiera
       _numberFaces(other._numberFaces) {
     GmHugePages::copy(_nodes, other._nodes);
     GmHugePages::copy(_leafFaces, other._leafFaces);
+    _selfContactRecords = other._selfContactRecords;
 }
 
 GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBoundingVolumeHierarchy& other) {
@@ -699,6 +700,7 @@ GmBoundingVolumeHierarchy& GmBoundingVolumeHierarchy::operator=(const GmBounding
     _mesh = other._mesh;
     _disabledData = other._disabledData;
     _ignoreFrozen = other._ignoreFrozen;
+    _selfContactRecords = other._selfContactRecords;
     _frozenData = other._frozenData;
     *_meshTests = *other._meshTests;
     _depth = other._depth;

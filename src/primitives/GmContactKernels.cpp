@@ -8,6 +8,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmProximityCheck.h>
+#include <quarrygeom/primitives/GmSweptSeparation.h>
 
 #include "../pinch/GmPinchFlags.h"
 
@@ -128,6 +129,9 @@ struct Context {
     Role role;
     int objectIndex1;
     int objectIndex2;
+    bool separation = false;                  // swept separation filter before each primitive
+    const FeatureOwnership* owner = nullptr;  // each feature pair once: asked about the tests...
+    std::uint32_t owned = ~0u;                // ...not among these
 };
 
 void fillCommon(GmTriangleInterferenceInfo& r, const Context& ctx, const Tri& t1, const Tri& t2) {
@@ -164,6 +168,16 @@ struct ContinuousPolicy {
     double timeBound;
     double pad(const Box& a, const Box& b) const { return kFilterPad * std::max(a.extent(), b.extent()); }
 
+    bool vertexFaceApart(const Tri& tv, int k, const Tri& tf) const {
+        return GmSweptSeparation::vertexFaceApart(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], tv.p1[k], tf.p1[0],
+                                                  tf.p1[1], tf.p1[2]);
+    }
+    bool edgeEdgeApart(const Tri& t1, int i, const Tri& t2, int j) const {
+        const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
+        return GmSweptSeparation::edgeEdgeApart(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], t1.p1[i], t1.p1[i1],
+                                                t2.p1[j], t2.p1[j1]);
+    }
+
     // Vertex k of tv against the face tf; normal from the face towards the vertex.
     bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double time;
@@ -199,6 +213,8 @@ struct ProximityPolicy {
     static constexpr bool kSwept = false;
     double bound;
     double pad(const Box&, const Box&) const { return bound; }
+    bool vertexFaceApart(const Tri&, int, const Tri&) const { return false; }
+    bool edgeEdgeApart(const Tri&, int, const Tri&, int) const { return false; }
 
     bool vertexFace(const Tri& tv, int k, const Tri& tf, Contact& c, Vec& bary, Vec& n) const {
         double dist = bound;
@@ -258,6 +274,10 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                 if (skipShared && sharesVertex(tf, tv.v[k])) continue;
                 const Box& vbox = vboxes.corner[k];
                 if (boxesApart(vbox, fbox, policy.pad(vbox, fbox))) continue;
+                if (!((ctx.owned >> (3 * side + k)) & 1u) &&
+                    !ctx.owner->vertexFace(tv.face, k, tf.face, !boxesApart(vbox, fbox, 0.0)))
+                    continue;
+                if (ctx.separation && policy.vertexFaceApart(tv, k, tf)) continue;
                 metrics.addVertexFaceTest();
                 Contact c;
                 Vec bary, n;
@@ -304,6 +324,10 @@ bool runPair(const Policy& policy, const Context& ctx, const Tri& t1, const Tri&
                     continue;
                 const Box& b2 = boxes2.edge[j];
                 if (boxesApart(b1, b2, policy.pad(b1, b2))) continue;
+                if (!((ctx.owned >> (6 + 3 * i + j)) & 1u) &&
+                    !ctx.owner->edgeEdge(t1.face, i, t2.face, j, !boxesApart(b1, b2, 0.0)))
+                    continue;
+                if (ctx.separation && policy.edgeEdgeApart(t1, i, t2, j)) continue;
                 metrics.addEdgeEdgeTest();
                 Contact c;
                 double s, t;
@@ -639,6 +663,28 @@ bool continuousOrphan(const GmTriangleMesh& mesh, const Positions& end, int face
                                loadTri(mesh, &end, face2), tests, metrics, out);
     GmPinchFlags::mark(info, info, mesh, mesh, out, before);
     return found;
+}
+
+bool continuousSelfFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                            const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                            const SelfIntersectionInfo* /*info*/, int objectIndex,
+                            std::vector<GmContinuousTimeIntersectionInfo>& out, const FeatureOwnership* owner) {
+    Context ctx{&mesh, &mesh, Role::Self, objectIndex, objectIndex, true};
+    if (owner != nullptr) {
+        ctx.owner = owner;
+        ctx.owned = owner->surelyOwned(face1, face2);
+    }
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
+}
+
+bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                              const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                              const SelfIntersectionInfo* /*info*/, int objectIndex,
+                              std::vector<GmContinuousTimeIntersectionInfo>& out) {
+    const Context ctx{&mesh, &mesh, Role::Orphan, objectIndex, objectIndex, true};
+    return runPair(ContinuousPolicy{timeBound}, ctx, loadTri(mesh, &end, face1), loadTri(mesh, &end, face2), tests,
+                   metrics, out);
 }
 
 bool continuousMesh(const GmTriangleMesh& mesh1, const Positions& end1, const GmTriangleMesh& mesh2,

@@ -58,6 +58,9 @@ public:
     void setFrozenData(const GmFrozenData* frozen);
     bool ignoreFrozen() const;
     void setIgnoreFrozen(bool ignore);
+    // Records of the continuous-time self query (GmSelfContactRecords in GmBoundingVolumeHierarchy.h).
+    GmSelfContactRecords getSelfContactRecords() const;
+    void setSelfContactRecords(GmSelfContactRecords mode);
     const GmIntersection::MeshTests& getMeshTests() const;
     GmIntersection::MeshTests& getMeshTests();
     void setMeshTests(const GmIntersection::MeshTests& tests);

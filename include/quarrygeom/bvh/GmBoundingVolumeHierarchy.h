@@ -29,6 +29,31 @@ class RayTree;
 class RayTreeCache;
 }  // namespace GmBVHDetail
 
+// Which records a continuous-time self query (continuousTimeSelfIntersect) gives. Both modes
+// report the same distinct contacts, a (vertex, face) or an (edge, edge) pair each, with the
+// same earliest time; they differ in how often each is tested and recorded.
+enum class GmSelfContactRecords {
+    // Every test of every triangle pair that the walk and the orphan pass reach, as the caller's
+    // component tests ask: a vertex-face contact is recorded once for each face around the
+    // vertex that the walk pairs with the face (each with that face as its triangle), an
+    // edge-edge contact once for each face pair holding the two edges (up to four), an orphan
+    // contact once. The default.
+    EveryTrianglePair,
+    // Each vertex-face and edge-edge feature pair tested at most once and recorded at most once.
+    // A vertex belongs to the first face in its vertex-to-faces list that the walk pairs with
+    // the other face (not adjacent to it, not pruned by the masks, boxes overlapping, passing the
+    // mesh tests), an edge pair to the first such pair of the edges' faces (the lower edge
+    // index's faces first); orphan pairs run as before. A record's triangles are that owning face
+    // pair; the kind (VERTEX_FACE or FACE_VERTEX) and every other field are what the owning
+    // pair's test gives in the other mode. A feature test runs when its bit in the owning pair
+    // is among the caller's component tests (all of them: every contact). A swept separation
+    // filter (GmSweptSeparation.h) skips the cubic for features that never become coplanar.
+    // Counters count the tests actually run. The tree must be refitted to the query's end
+    // positions (the ownership rule reads the leaf boxes and takes a feature's swept box to lie
+    // in every leaf box holding it).
+    EachFeaturePairOnce
+};
+
 // Bounding volume hierarchy over the faces of one GmTriangleMesh.
 //
 // The tree is a complete binary heap stored in one array: for n faces there are 2n - 1 nodes,
@@ -116,6 +141,9 @@ public:
     const GmFrozenData* getFrozenData() const { return _frozenData; }
     bool ignoreFrozen() const { return _ignoreFrozen; }
     void setIgnoreFrozen(bool ignore) { _ignoreFrozen = ignore; }
+    // Records of the continuous-time self query (GmSelfContactRecords); copied with the tree.
+    GmSelfContactRecords getSelfContactRecords() const { return _selfContactRecords; }
+    void setSelfContactRecords(GmSelfContactRecords mode) { _selfContactRecords = mode; }
     const GmIntersection::MeshTests& getMeshTests() const;
     GmIntersection::MeshTests& getMeshTests();
     void setMeshTests(const GmIntersection::MeshTests& tests);
@@ -381,6 +409,7 @@ private:
     int _numberFaces;  // face count at construction
     QueryCache _queryCache;
     RayCache _rayCache;
+    GmSelfContactRecords _selfContactRecords = GmSelfContactRecords::EveryTrianglePair;
 };
 
 template <typename CurveTree, typename Segment>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include <quarrygeom/core/GmExport.h>
@@ -67,6 +68,38 @@ QUARRYGEOM_API bool continuousMesh(const GmTriangleMesh& mesh1, const Positions&
                                    const SelfIntersectionInfo* info1, const SelfIntersectionInfo* info2,
                                    int objectIndex1, int objectIndex2,
                                    std::vector<GmContinuousTimeIntersectionInfo>& out);
+
+// ---- Each feature pair once (continuous-time self queries) ----------------------------------
+// As continuousSelf and continuousOrphan, with the swept separation filter
+// (GmSweptSeparation.h) run before each primitive: it skips the cubic of features that never
+// become coplanar during the step and removes no contact.
+//
+// A query that tests each feature pair once (GmSelfContactRecords::EachFeaturePairOnce) also
+// hands the walk pairs' kernel an ownership rule: of the tests in `tests`, those in
+// surelyOwned run as usual; each other one runs only when, after its feature boxes have been
+// found to meet, the rule says that this face pair owns it. Orphan pairs own their tests.
+class QUARRYGEOM_API FeatureOwnership {
+public:
+    virtual ~FeatureOwnership() = default;
+    // Bits (as in ComponentTests) of the tests that the pair (face1, face2) owns for certain.
+    virtual std::uint32_t surelyOwned(int face1, int face2) const = 0;
+    // Vertex `corner` (0-2) of face `vertexFace` against face `face`. `boxesMeet`: the vertex's
+    // swept box and the face's swept box (unpadded) overlap.
+    virtual bool vertexFace(int vertexFace, int corner, int face, bool boxesMeet) const = 0;
+    // Edge `slot1` (0-2, corners slot1 and slot1 + 1) of face1 against edge `slot2` of face2.
+    // `boxesMeet`: the two edges' swept boxes (unpadded) overlap.
+    virtual bool edgeEdge(int face1, int slot1, int face2, int slot2, bool boxesMeet) const = 0;
+};
+
+QUARRYGEOM_API bool continuousSelfFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                                           const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                                           const SelfIntersectionInfo* info, int objectIndex,
+                                           std::vector<GmContinuousTimeIntersectionInfo>& out,
+                                           const FeatureOwnership* owner = nullptr);
+QUARRYGEOM_API bool continuousOrphanFiltered(const GmTriangleMesh& mesh, const Positions& end, int face1, int face2,
+                                             const ComponentTests& tests, GmBVHMetrics& metrics, double timeBound,
+                                             const SelfIntersectionInfo* info, int objectIndex,
+                                             std::vector<GmContinuousTimeIntersectionInfo>& out);
 
 // ---- Proximity within `distance` at the mesh's current positions ----------------------------
 QUARRYGEOM_API bool proximitySelf(const GmTriangleMesh& mesh, int face1, int face2, double distance,

@@ -19,3 +19,4 @@
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 #include <quarrygeom/primitives/GmProximityCheck.h>
 #include <quarrygeom/primitives/GmContactKernels.h>
+#include <quarrygeom/primitives/GmSweptSeparation.h>

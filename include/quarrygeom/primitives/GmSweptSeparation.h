@@ -1,0 +1,80 @@
+#pragma once
+
+// Cheap conservative filter for the continuous-time vertex-face and edge-edge tests.
+//
+// Both tests look for a time at which four linearly moving points are coplanar: the sign of
+// D(t) = det(x1(t), x2(t), y(t)), with x1, x2 spanning the face (or the two edge directions)
+// and y from the face (edge) to the vertex (other edge), is a cubic in t. Written in Bernstein
+// form over the step, its four control values bound it: when all four have one sign, the
+// points never become coplanar and the test can report no contact. This is the deforming
+// non-penetration test of the literature (the vertex's, or the edges', motion along the face
+// normal, or the edges' common normal, compared at both ends of the step and at the two
+// mixed terms).
+//
+// Margins, so that the filter never rejects a pair that the continuous tests would report:
+//   - the step is widened by 1e-5 at both ends (the tests accept roots slightly outside it);
+//   - the control values must clear 1e-5 * L^3, where L is the largest component of the six
+//     difference vectors: far above their rounding errors, and some ten times the bound up to
+//     which the tests treat four points as staying in one plane (and then test for contact by
+//     the in-plane distance alone);
+//   - the differences are taken exactly as the continuous tests take them, and non-finite input
+//     is never rejected.
+//
+// Header-only, so that the contact kernels inline it.
+
+#include <algorithm>
+#include <cmath>
+
+#include <quarrygeom/core/GmTVector.h>
+
+namespace GmSweptSeparation {
+
+namespace detail {
+
+using Vec = GmTVector<double>;
+
+// Widening of the step at each end, and the margin relative to L^3.
+constexpr double kWiden = 1e-5;
+constexpr double kMargin = 1e-5;
+
+inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
+
+// det(x1, x2, y) over the step, with start values x1, x2, y and end values e1, e2, f: true when
+// its Bernstein control values over the widened step all clear the margin with one sign.
+inline bool apart(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, const Vec& e2, const Vec& f) {
+    const Vec v1 = e1 - x1, v2 = e2 - x2, w = f - y;
+    const Vec a0 = x1 - v1 * kWiden, a1 = e1 + v1 * kWiden;
+    const Vec b0 = x2 - v2 * kWiden, b1 = e2 + v2 * kWiden;
+    const Vec c0 = y - w * kWiden, c1 = f + w * kWiden;
+    const double L = std::max({maxAbs(a0), maxAbs(a1), maxAbs(b0), maxAbs(b1), maxAbs(c0), maxAbs(c1)});
+    const double m = kMargin * L * L * L;
+    if (!(m > 0.0) || !std::isfinite(m)) return false;
+    const Vec n00 = a0.cross(b0), n11 = a1.cross(b1), nm = a0.cross(b1) + a1.cross(b0);
+    // Control values, the two middle ones times 3.
+    const double d0 = n00.dot(c0);
+    const double d3 = n11.dot(c1);
+    const double d1 = nm.dot(c0) + n00.dot(c1);
+    const double d2 = nm.dot(c1) + n11.dot(c0);
+    const double m3 = 3.0 * m;
+    return (d0 > m && d1 > m3 && d2 > m3 && d3 > m) || (d0 < -m && d1 < -m3 && d2 < -m3 && d3 < -m);
+}
+
+}  // namespace detail
+
+// Vertex p against the face (a, b, c): start positions p0 ... c0, end positions p1 ... c1.
+// True when the vertex stays clear of the face's plane over the whole step: no contact.
+inline bool vertexFaceApart(const GmTVector<double>& p0, const GmTVector<double>& a0, const GmTVector<double>& b0,
+                            const GmTVector<double>& c0, const GmTVector<double>& p1, const GmTVector<double>& a1,
+                            const GmTVector<double>& b1, const GmTVector<double>& c1) {
+    return detail::apart(b0 - a0, c0 - a0, p0 - a0, b1 - a1, c1 - a1, p1 - a1);
+}
+
+// Edge (a, b) against edge (c, d), positions as above. True when the two edges' lines stay
+// clear of a common plane over the whole step: no contact.
+inline bool edgeEdgeApart(const GmTVector<double>& a0, const GmTVector<double>& b0, const GmTVector<double>& c0,
+                          const GmTVector<double>& d0, const GmTVector<double>& a1, const GmTVector<double>& b1,
+                          const GmTVector<double>& c1, const GmTVector<double>& d1) {
+    return detail::apart(b0 - a0, d0 - c0, c0 - a0, b1 - a1, d1 - c1, c1 - a1);
+}
+
+}  // namespace GmSweptSeparation
