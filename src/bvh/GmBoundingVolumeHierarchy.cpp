@@ -69,35 +69,8 @@ inline std::uint64_t monotoneKey(double x) {
     return (u >> 63) != 0 ? ~u : (u | (std::uint64_t(1) << 63));
 }
 
-// Nearest float at or below / at or above a double, without branches on the rounding
-// direction (which is as good as random): the same values as floatDown / floatUp.
-inline float roundFloatDown(double v) {
-    const float f = static_cast<float>(v);
-    std::uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    const std::uint32_t z = b | (static_cast<std::uint32_t>(b == 0u) << 31);  // +0 steps as -0 does
-    const std::uint32_t step = z + 2u * (z >> 31) - 1u;                        // one float towards -inf
-    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) > v);
-    const std::uint32_t r = (b & ~mask) | (step & mask);
-    float out;
-    std::memcpy(&out, &r, sizeof out);
-    return out;
-}
-inline float roundFloatUp(double v) {
-    const float f = static_cast<float>(v);
-    std::uint32_t b;
-    std::memcpy(&b, &f, sizeof b);
-    const std::uint32_t z = b & ~(static_cast<std::uint32_t>(b == 0x80000000u) << 31);  // -0 steps as +0
-    const std::uint32_t step = z + 1u - 2u * (z >> 31);                                 // one float towards +inf
-    const std::uint32_t mask = 0u - static_cast<std::uint32_t>(static_cast<double>(f) < v);
-    const std::uint32_t r = (b & ~mask) | (step & mask);
-    float out;
-    std::memcpy(&out, &r, sizeof out);
-    return out;
-}
-
 #if defined(__SSE2__)
-// roundFloatDown of four doubles at once (a's two, then b's two), bit for bit.
+// GmAxisAlignedBox::roundDown of four doubles at once (a's two, then b's two), bit for bit.
 inline __m128 roundFloatDown4(__m128d a, __m128d b) {
     const __m128 f = _mm_movelh_ps(_mm_cvtpd_ps(a), _mm_cvtpd_ps(b));
     const __m128d fa = _mm_cvtps_pd(f), fb = _mm_cvtps_pd(_mm_movehl_ps(f, f));
@@ -155,6 +128,16 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
     float out[8];
     _mm_storeu_ps(out, _mm_xor_ps(r0, flip0));
     _mm_storeu_ps(out + 4, _mm_xor_ps(r1, flip1));
+    // Where the pad was lost in the subtraction (coordinates of about 1e8 and more), one more float.
+    double lo[4], hi[4];
+    _mm_storeu_pd(lo, mnXY);
+    _mm_storeu_pd(hi, mxXY);
+    lo[2] = _mm_cvtsd_f64(mnZ);
+    hi[2] = _mm_cvtsd_f64(mxZ);
+    for (int k = 0; k < 3; ++k) {
+        if (lo[k] - static_cast<double>(out[k]) < pad) out[k] = std::nextafter(out[k], -HUGE_VALF);
+        if (static_cast<double>(out[3 + k]) - hi[k] < pad) out[3 + k] = std::nextafter(out[3 + k], HUGE_VALF);
+    }
     box = GmAxisAlignedBox(out[0], out[1], out[2], out[3], out[4], out[5]);
 #else
     double mn[3], mx[3];
@@ -172,8 +155,9 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
         }
     }
     // Rounded outwards to floats, so the box always encloses the padded face.
-    box = GmAxisAlignedBox(roundFloatDown(mn[0] - pad), roundFloatDown(mn[1] - pad), roundFloatDown(mn[2] - pad),
-                           roundFloatUp(mx[0] + pad), roundFloatUp(mx[1] + pad), roundFloatUp(mx[2] + pad));
+    box = GmAxisAlignedBox(GmAxisAlignedBox::padDown(mn[0], pad), GmAxisAlignedBox::padDown(mn[1], pad),
+                           GmAxisAlignedBox::padDown(mn[2], pad), GmAxisAlignedBox::padUp(mx[0], pad),
+                           GmAxisAlignedBox::padUp(mx[1], pad), GmAxisAlignedBox::padUp(mx[2], pad));
 #endif
 }
 

@@ -41,9 +41,9 @@ inline GmAxisAlignedBox segmentBox(const BoxInput& in, const GmCurveSegment& s) 
             hi[k] = std::max(a[k] + ra, b[k] + rb);
         }
     }
-    return GmAxisAlignedBox(GmAxisAlignedBox::roundDown(lo[0] - pad), GmAxisAlignedBox::roundDown(lo[1] - pad),
-                            GmAxisAlignedBox::roundDown(lo[2] - pad), GmAxisAlignedBox::roundUp(hi[0] + pad),
-                            GmAxisAlignedBox::roundUp(hi[1] + pad), GmAxisAlignedBox::roundUp(hi[2] + pad));
+    return GmAxisAlignedBox(GmAxisAlignedBox::padDown(lo[0], pad), GmAxisAlignedBox::padDown(lo[1], pad),
+                            GmAxisAlignedBox::padDown(lo[2], pad), GmAxisAlignedBox::padUp(hi[0], pad),
+                            GmAxisAlignedBox::padUp(hi[1], pad), GmAxisAlignedBox::padUp(hi[2], pad));
 }
 
 }  // namespace GmCurveDetail

@@ -78,12 +78,12 @@ inline GmAxisAlignedBox refLeafBox(const std::vector<V3>& pts, double pad) {
             mx[a] = std::max(mx[a], p[a]);
         }
     GmAxisAlignedBox b;
-    b.minX = GmAxisAlignedBox::roundDown(mn[0] - pad);
-    b.minY = GmAxisAlignedBox::roundDown(mn[1] - pad);
-    b.minZ = GmAxisAlignedBox::roundDown(mn[2] - pad);
-    b.maxX = GmAxisAlignedBox::roundUp(mx[0] + pad);
-    b.maxY = GmAxisAlignedBox::roundUp(mx[1] + pad);
-    b.maxZ = GmAxisAlignedBox::roundUp(mx[2] + pad);
+    b.minX = GmAxisAlignedBox::padDown(mn[0], pad);
+    b.minY = GmAxisAlignedBox::padDown(mn[1], pad);
+    b.minZ = GmAxisAlignedBox::padDown(mn[2], pad);
+    b.maxX = GmAxisAlignedBox::padUp(mx[0], pad);
+    b.maxY = GmAxisAlignedBox::padUp(mx[1], pad);
+    b.maxZ = GmAxisAlignedBox::padUp(mx[2], pad);
     return b;
 }
 

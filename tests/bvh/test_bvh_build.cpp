@@ -111,13 +111,16 @@ TEST(BvhLayout, AxisAlignedFaceGetsAThinBox) {
 }
 
 TEST(BvhLayout, LeafBoxesRoundOutwardsForAnyCoordinate) {
-    // Zeros, tiny and huge values, values beyond the float range, both signs.
-    const double values[] = {0.0, -0.0, 1e-30, -1e-30, 1e-45, 0.1, -0.3, 1.0, 3.0e38, -3.0e38, 1e39, -1e39, 12345.678};
+    // Zeros, tiny and huge values, values beyond the float range, both signs, and floats so large
+    // that subtracting the pad in double gives them back.
+    const double values[] = {0.0,     -0.0,     1e-30, -1e-30, 1e-45, 0.1,  -0.3,   1.0,       3.0e38,
+                             -3.0e38, 1e39,     -1e39, 12345.678, 1e9, -1e9, 0x1p40, -0x1p40};
+    const unsigned count = sizeof values / sizeof values[0];
     qgtools::PolygonSoup s;
     std::mt19937 rng(4);
-    for (int i = 0; i < 60; ++i) {
+    for (int i = 0; i < 80; ++i) {
         for (int k = 0; k < 3; ++k)
-            s.positions.push_back(V3(values[rng() % 13], values[rng() % 13], values[rng() % 13]));
+            s.positions.push_back(V3(values[rng() % count], values[rng() % count], values[rng() % count]));
         s.triangles.push_back({3 * i, 3 * i + 1, 3 * i + 2});
     }
     GmTriangleMesh mesh = qgtools::meshFromSoup(s);
@@ -128,6 +131,16 @@ TEST(BvhLayout, LeafBoxesRoundOutwardsForAnyCoordinate) {
         if (!n.isLeaf()) continue;
         const GmAxisAlignedBox ref = refFaceBox(mesh, n.primitive->index, 0, nullptr, 0.0);
         EXPECT_TRUE(sameBox(n.box, ref)) << i << ": " << n.box << " vs " << ref;
+        // The padded face lies inside (differences of nearby doubles are exact).
+        for (int c = 0; c < 3; ++c) {
+            const V3& p = mesh.getVertex(mesh.getFace(n.primitive->index).vertices[c]);
+            EXPECT_GE(p.x - double(n.box.minX), 1e-8) << i;
+            EXPECT_GE(p.y - double(n.box.minY), 1e-8) << i;
+            EXPECT_GE(p.z - double(n.box.minZ), 1e-8) << i;
+            EXPECT_GE(double(n.box.maxX) - p.x, 1e-8) << i;
+            EXPECT_GE(double(n.box.maxY) - p.y, 1e-8) << i;
+            EXPECT_GE(double(n.box.maxZ) - p.z, 1e-8) << i;
+        }
     }
 }
 

@@ -66,6 +66,17 @@ public:
         float f = static_cast<float>(v);
         return static_cast<double>(f) < v ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
     }
+    // Nearest float at or below v - pad / at or above v + pad (pad >= 0) in exact arithmetic:
+    // where v -/+ pad rounds back to v in double (large v), the bound still moves outwards.
+    // The check is exact: the float and v are within a factor of two of each other there.
+    static float padDown(double v, double pad) {
+        const float f = roundDown(v - pad);
+        return v - static_cast<double>(f) < pad ? std::nextafter(f, -std::numeric_limits<float>::infinity()) : f;
+    }
+    static float padUp(double v, double pad) {
+        const float f = roundUp(v + pad);
+        return static_cast<double>(f) - v < pad ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
+    }
 };
 
 // "AABB (min, max) (center, half extent)".
