@@ -91,10 +91,6 @@ void sortRecords(std::vector<GmCurveContinuousInfo>& records) { std::sort(record
 
 bool segmentSegment(const Vec& a0, const Vec& b0, const Vec& c0, const Vec& d0, const Vec& a1, const Vec& b1,
                     const Vec& c1, const Vec& d1, double separation, GmCurveContinuousInfo& out) {
-    double tc = 0.0, sc = 0.0, uc = 0.0;
-    Vec nc;
-    const bool touch = GmIntersection::edgeEdgeIntersection(a0, b0, c0, d0, a1, b1, c1, d1, bound(), tc, sc, uc, nc);
-
     const Vec va = a1 - a0, vb = b1 - b0, vc = c1 - c0, vd = d1 - d0;
     const double speed = std::max({(va - vc).length(), (va - vd).length(), (vb - vc).length(), (vb - vd).length()});
     const double size = std::max((b0 - a0).length(), (d0 - c0).length());
@@ -106,6 +102,12 @@ bool segmentSegment(const Vec& a0, const Vec& b0, const Vec& c0, const Vec& d0, 
         return std::sqrt(GmSegmentDistance::segmentSegmentDistanceSquared(lerp(a0, a1, t), lerp(b0, b1, t),
                                                                            lerp(c0, c1, t), lerp(d0, d1, t), s, u));
     };
+    // The distance cannot fall below (d(0) + d(1) - speed) / 2 during the step.
+    if (0.5 * (dist(0.0) + dist(1.0) - speed) > separation + 2.0 * tol) return false;
+
+    double tc = 0.0, sc = 0.0, uc = 0.0;
+    Vec nc;
+    const bool touch = GmIntersection::edgeEdgeIntersection(a0, b0, c0, d0, a1, b1, c1, d1, bound(), tc, sc, uc, nc);
     double ta = 0.0;
     // A stalled advance stands for the contact only when the primitive found none.
     const int found = advance(separation, tol, speed, touch ? tc : 1.0, dist, ta);
@@ -135,10 +137,6 @@ bool segmentSegment(const Vec& a0, const Vec& b0, const Vec& c0, const Vec& d0, 
 
 bool vertexFace(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& c0, const Vec& p1, const Vec& a1,
                 const Vec& b1, const Vec& c1, double separation, GmCurveContinuousInfo& out) {
-    double tc = 0.0;
-    Vec point, bc, nc;
-    const bool touch = GmIntersection::pointFaceIntersection(p0, a0, b0, c0, p1, a1, b1, c1, bound(), tc, point, bc, nc);
-
     const Vec vp = p1 - p0, va = a1 - a0, vb = b1 - b0, vc = c1 - c0;
     const double speed = std::max({(vp - va).length(), (vp - vb).length(), (vp - vc).length()});
     const double size = std::max({(b0 - a0).length(), (c0 - a0).length(), (c0 - b0).length()});
@@ -150,6 +148,11 @@ bool vertexFace(const Vec& p0, const Vec& a0, const Vec& b0, const Vec& c0, cons
         return std::sqrt(GmSegmentDistance::pointTriangleDistanceSquared(lerp(p0, p1, t), lerp(a0, a1, t),
                                                                           lerp(b0, b1, t), lerp(c0, c1, t), w));
     };
+    if (0.5 * (dist(0.0) + dist(1.0) - speed) > separation + 2.0 * tol) return false;
+
+    double tc = 0.0;
+    Vec point, bc, nc;
+    const bool touch = GmIntersection::pointFaceIntersection(p0, a0, b0, c0, p1, a1, b1, c1, bound(), tc, point, bc, nc);
     double ta = 0.0;
     // A stalled advance stands for the contact only when the primitive found none.
     const int found = advance(separation, tol, speed, touch ? tc : 1.0, dist, ta);
