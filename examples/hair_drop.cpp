@@ -19,7 +19,7 @@
 //               reported against the sum of their radii.
 //
 // Usage: hair_drop [--strands N] [--steps S] [--body sphere|bunny] [--frames DIR] [--every K]
-//   --strands N  number of strands (default 3000)
+//   --strands N  number of strands (default 2000)
 //   --steps S    time steps of 1/200 s (default 200)
 //   --body       what the strands grow on (default sphere)
 //   --frames DIR write the strands as OBJ polylines every K steps (default 10) and the body once
@@ -63,7 +63,7 @@ constexpr double kStopShort = 1e-3;       // how far short of an impact a vertex
 constexpr int kMaxContactRounds = 20;
 
 struct Options {
-    int strands = 3000;
+    int strands = 2000;
     int steps = 200;
     std::string body = "sphere";
     std::string framesDir;
@@ -182,8 +182,8 @@ void pushOutOfSphere(const Hair& h, Positions& p) {
     }
 }
 
-// Moves the two segments of each proximity record apart to the sum of their radii, split by the
-// closest points' parameters; roots do not move.
+// Moves the two segments of each proximity record apart to the sum of their radii (half each),
+// split over the vertices by the closest points' parameters; roots do not move.
 void separate(const Hair& h, const GmCurves& curves, const std::vector<GmSegmentSegmentInfo>& records, Positions& p) {
     for (const GmSegmentSegmentInfo& r : records) {
         const double depth = r.radius1 + r.radius2 - r.distance;
@@ -192,10 +192,12 @@ void separate(const Hair& h, const GmCurves& curves, const std::vector<GmSegment
         const GmCurveSegment& b = *curves.getPrimitive(std::uint64_t(r.index2));
         const Vec push = r.normal * (0.5 * depth);
         const std::uint64_t va[2] = {a.vertex0, a.vertex1}, vb[2] = {b.vertex0, b.vertex1};
+        // Vertex moves w_k d / (w_0^2 + w_1^2) move the closest point by d.
         const double wa[2] = {1 - r.parameter1, r.parameter1}, wb[2] = {1 - r.parameter2, r.parameter2};
+        const double na = wa[0] * wa[0] + wa[1] * wa[1], nb = wb[0] * wb[0] + wb[1] * wb[1];
         for (int k = 0; k < 2; ++k) {
-            if (!h.root[va[k]]) p[va[k]] += push * wa[k];
-            if (!h.root[vb[k]]) p[vb[k]] -= push * wb[k];
+            if (!h.root[va[k]]) p[va[k]] += push * (wa[k] / na);
+            if (!h.root[vb[k]]) p[vb[k]] -= push * (wb[k] / nb);
         }
     }
 }
