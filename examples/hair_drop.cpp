@@ -156,6 +156,40 @@ Hair grow(const GmTriangleMesh& body, int count, unsigned seed) {
     return h;
 }
 
+// Drops the strands that cross the body or come within the sum of the radii of another strand
+// (strands combed out along the normals of a concave part): the start must be free of contacts.
+Hair keepFree(const Hair& grown, const GmTriangleMesh& body) {
+    const GmCurves curves(grown.segments);
+    GmCurveBoundingTree tree(curves, grown.x, 0.0, &grown.radii);
+    GmTriangleMesh copy = body;
+    GmBoundingVolumeHierarchy faces(&copy);
+    std::vector<GmSegmentFaceInfo> crossings;
+    GmSegmentMeshIntersector through(crossings, curves, grown.x, copy);
+    tree.intersect(faces, through);
+    std::vector<GmSegmentSegmentInfo> close;
+    GmSegmentSelfIntersector<1> pairs(close, curves, grown.x, &grown.radii);
+    tree.selfIntersect(pairs);
+    std::vector<char> drop(grown.segments.size(), 0);
+    for (const GmSegmentFaceInfo& c : crossings) drop[curves.getPrimitive(std::uint64_t(c.index1))->curve] = 1;
+    for (const GmSegmentSegmentInfo& c : close)
+        drop[std::max(curves.getPrimitive(std::uint64_t(c.index1))->curve,
+                      curves.getPrimitive(std::uint64_t(c.index2))->curve)] = 1;
+    Hair h;
+    for (std::size_t s = 0; s < grown.segments.size(); ++s) {
+        if (drop[s]) continue;
+        h.segments.push_back(grown.segments[s]);
+        h.first.push_back(h.x.size());
+        for (std::size_t j = 0; j <= grown.segments[s]; ++j) {
+            const std::size_t v = grown.first[s] + j;
+            h.x.push_back(grown.x[v]);
+            h.radii.push_back(grown.radii[v]);
+            h.root.push_back(grown.root[v]);
+        }
+    }
+    h.v.assign(h.x.size(), Vec());
+    return h;
+}
+
 // Keeps consecutive vertices at the segment length, roots fixed (Gauss-Seidel from the root).
 void solveLengths(const Hair& h, Positions& p) {
     for (int it = 0; it < kConstraintIterations; ++it)
@@ -263,7 +297,11 @@ int main(int argc, char** argv) {
     const bool sphere = opt.body == "sphere";
     GmTriangleMesh body = makeBody(opt.body);
     const Positions bodyPositions = body.getVertices();
-    Hair hair = grow(body, opt.strands, 7);
+    const Hair grown = grow(body, opt.strands, 7);
+    Hair hair = keepFree(grown, body);
+    if (hair.segments.size() < grown.segments.size())
+        std::printf("%zu of %zu strands dropped: crossing the body or too close to another at the start\n",
+                    grown.segments.size() - hair.segments.size(), grown.segments.size());
     const GmCurves curves(hair.segments);
 
     // Trees: plain (proximity, with the radii) and swept (continuous time, touching); the body
