@@ -103,9 +103,10 @@ QUARRYGEOM_API void sortRecords(std::vector<GmCurveContinuousInfo>& records);
 // near neighbours of GmSegmentSelfIntersector<3> (segments of one curve whose segment numbers
 // differ by at most 2; intersectAdjacent brings them back). Positions p0 / p1 and the optional
 // radii are indexed by the curve vertices; for two trees, `other*` are the second set's (the
-// same vectors by default). Every visit counts one test; hits go to processIntersection (which
-// appends). With multithreading on, the pairs are tested on the worker threads: the same
-// records in another order (sortRecords gives the serial order of a sorted serial result).
+// same vectors by default). Every visit counts one test. Hits go to processIntersection (which
+// appends), except on the parallel two-tree walk, whose workers append to the result vector
+// directly. With multithreading on, the pairs are tested on the worker threads: the same
+// records in another order (sortRecords puts both in one order).
 class QUARRYGEOM_API GmSegmentContinuousIntersector : public GmSelfIntersectorBase {
 public:
     using Record = GmCurveContinuousInfo;
