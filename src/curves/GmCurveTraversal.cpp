@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <quarrygeom/core/GmParallel.h>
+#include <quarrygeom/curves/GmCurveContinuous.h>
 #include <quarrygeom/curves/GmGenericBoundingTree.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
@@ -319,3 +320,9 @@ template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::selfIntersect<GmSe
     GmSegmentSelfIntersector<1>&) const;
 template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::selfIntersect<GmSegmentSelfIntersector<3>>(
     GmSegmentSelfIntersector<3>&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::intersect<GmGenericBoundingTree<GmCurves>, GmSegmentContinuousIntersector>(
+    const GmGenericBoundingTree<GmCurves>&, GmSegmentContinuousIntersector&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::intersect<GmBoundingVolumeHierarchy, GmSegmentMeshContinuousIntersector>(
+    const GmBoundingVolumeHierarchy&, GmSegmentMeshContinuousIntersector&) const;
+template QUARRYGEOM_API void GmGenericBoundingTree<GmCurves>::selfIntersect<GmSegmentContinuousIntersector>(
+    GmSegmentContinuousIntersector&) const;

@@ -68,6 +68,7 @@ void GmGenericBoundingTree<GmCurves>::reset() {
     positions = nullptr;
     offset = 0.0;
     offsets = nullptr;
+    endPositions = nullptr;
     nodes.clear();
     leaves.clear();
     numberNodes = 0;
@@ -103,7 +104,7 @@ std::uint64_t GmGenericBoundingTree<GmCurves>::_build() {
     lastIndex = length - 1;
     leaves.reserve(n);
 
-    const BoxInput in{positions, offset, offsets};
+    const BoxInput in{positions, offset, offsets, endPositions};
     std::vector<Item> items(n);
     for (std::uint64_t k = 0; k < n; ++k) {
         const GmCurveSegment& s = *prims[k];
@@ -156,8 +157,39 @@ std::uint64_t GmGenericBoundingTree<GmCurves>::_build() {
     return created;
 }
 
+void GmGenericBoundingTree<GmCurves>::buildSwept(const GmCurves& curves, const Positions& p, const Positions& e,
+                                                 double off, const std::vector<double>* r) {
+    reset();
+    topology = &curves;
+    try {
+        _check(p, r);
+        _check(e, nullptr);
+    } catch (...) {
+        reset();
+        throw;
+    }
+    positions = &p;
+    endPositions = &e;
+    offset = off;
+    offsets = r;
+    if (curves.getNumberPrimitives() > 0) numberNodes = _build();
+    std::sort(leaves.begin(), leaves.end());
+}
+
+void GmGenericBoundingTree<GmCurves>::refitSwept(const Positions& p, const Positions& e, double off,
+                                                 const std::vector<double>* r) {
+    _check(p, r);
+    _check(e, nullptr);
+    positions = &p;
+    endPositions = &e;
+    offset = off;
+    offsets = r;
+    _refit();
+}
+
 void GmGenericBoundingTree<GmCurves>::refit(const Positions& p, double off, const std::vector<double>* r) {
     _check(p, r);
+    endPositions = nullptr;
     positions = &p;
     offset = off;
     offsets = r;
@@ -166,7 +198,7 @@ void GmGenericBoundingTree<GmCurves>::refit(const Positions& p, double off, cons
 
 void GmGenericBoundingTree<GmCurves>::_refit() {
     if (nodes.empty()) return;
-    const BoxInput in{positions, offset, offsets};
+    const BoxInput in{positions, offset, offsets, endPositions};
     for (const std::uint64_t pos : leaves) nodes[pos].box = segmentBox(in, *nodes[pos].primitive);
     // Node i sits at position lastIndex - i: children (higher indices) come before parents.
     const std::uint64_t length = nodes.size();

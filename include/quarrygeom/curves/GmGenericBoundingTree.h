@@ -67,6 +67,18 @@ public:
     // Forget the set and the positions; no nodes, no leaves (capacity kept).
     void reset();
 
+    // Swept mode (for the continuous-time visitors of GmCurveContinuous.h): each leaf box
+    // encloses its segment at `positions` (start of the step) and at `endPositions` (end of the
+    // step), both padded as above; a segment moving linearly between the two stays inside it.
+    // The build splits on the start positions. build() and refit() return to the plain mode.
+    // endPositions is checked like positions and kept by pointer like them.
+    void buildSwept(const GmCurves& curves, const Positions& positions, const Positions& endPositions,
+                    double offset = 0.0, const std::vector<double>* offsets = nullptr);
+    void refitSwept(const Positions& positions, const Positions& endPositions, double offset = 0.0,
+                    const std::vector<double>* offsets = nullptr);
+    // The end positions of the swept mode, null in the plain mode.
+    const Positions* getEndPositions() const { return endPositions; }
+
     // ---- Layout -------------------------------------------------------------------------
     static std::uint64_t getRootIndex() { return 0; }
     static std::uint64_t getLeftIndex(std::uint64_t i) { return 2 * i + 1; }
@@ -139,6 +151,7 @@ private:
     const Positions* positions = nullptr;
     double offset = 0.0;
     const std::vector<double>* offsets = nullptr;
+    const Positions* endPositions = nullptr;
     std::vector<Node> nodes;
     std::vector<std::uint64_t> leaves;
     std::uint64_t numberNodes = 0;

@@ -12,3 +12,4 @@
 #include <quarrygeom/curves/GmFirstSegmentIntersection.h>
 #include <quarrygeom/curves/GmClosestEdgeEdgeProximityOnSingleSegment.h>
 #include <quarrygeom/curves/GmGenericBoundingTree.h>
+#include <quarrygeom/curves/GmCurveContinuous.h>
