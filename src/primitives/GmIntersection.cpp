@@ -11,6 +11,8 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
+#include "../core/GmDiagnostics.h"
+
 namespace GmIntersection {
 
 namespace {
@@ -400,8 +402,8 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const double len = n.length();
     const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length()});
     if (!crossAboveNoise(len, ab.length(), ac.length(), m)) {
-        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::CollisionNormalPointFace,
+                              "Error in GmIntersection::pointFaceIntersection() ... Unable to compute collision normal.");
         return false;
     }
     n /= len;
@@ -477,8 +479,8 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
         }
     }
     if (!found) {
-        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
-                  << "Unable to compute collision normal." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::CollisionNormalEdgeEdge,
+                              "Error in GmIntersection::edgeEdgeIntersection() ... Unable to compute collision normal.");
         return false;
     }
     n /= len;

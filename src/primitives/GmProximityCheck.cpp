@@ -7,6 +7,8 @@
 #include <quarrygeom/primitives/GmGeometry.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
+#include "../core/GmDiagnostics.h"
+
 namespace GmProximityCheck {
 
 namespace {
@@ -34,8 +36,8 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
         n = (b - a).cross(c - a);
         const double len = n.length();
         if (!(len > kDegenerateLength)) {
-            std::cerr << "Error in GmProximityCheck::pointFaceProximity() ... "
-                      << "Unable to compute proximity normal." << std::endl;
+            GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalPointFace,
+                                  "Error in GmProximityCheck::pointFaceProximity() ... Unable to compute proximity normal.");
             return false;
         }
         n /= len;
@@ -67,8 +69,8 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
         n = e1.cross(e2);
         const double cl = n.length();
         if (!(cl > kDegenerateLength * std::max(1.0, e1.length() * e2.length()))) {
-            std::cerr << "Error in GmProximityCheck::edgeEdgeProximity() ... "
-                      << "Unable to compute proximity normal." << std::endl;
+            GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalEdgeEdge,
+                                  "Error in GmProximityCheck::edgeEdgeProximity() ... Unable to compute proximity normal.");
             return false;
         }
         n /= cl;
