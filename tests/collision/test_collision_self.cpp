@@ -1,6 +1,8 @@
 // Self queries (continuous-time, proximity, static intersection) checked against brute force
 // over all face pairs and against a reference orphan pass, serially and in parallel.
 
+#include <regex>
+
 #include "collision_test_util.h"
 
 using namespace collisiontest;
@@ -107,6 +109,8 @@ TEST(CollisionSelfContinuous, FoldedSpotMatchesBruteForce) {
     // Only edges lying on one line where the upper half flattens have no normal (see foldZ):
     // nothing but the edge-edge message, in its three parts and a line end each.
     std::string text = cerr.text();
+    // Past the first few of a kind, a query writes their count on one line after the message.
+    text = std::regex_replace(text, std::regex(R"( \.\.\. and [0-9,]+ more)"), "");
     const std::size_t messages = takeAll(text, "Unable to compute collision normal.");
     EXPECT_GT(messages, 0u);
     EXPECT_EQ(takeAll(text, "GmIntersection::edgeEdgeIntersection() ... "), messages);
