@@ -5,6 +5,10 @@
 #include <cstring>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <quarrygeom/core/GmTVector.h>
 
 class GmTriangleMesh;
@@ -31,27 +35,35 @@ static_assert(sizeof(GmTVector<double>) == 3 * sizeof(double), "positions are pa
 
 // True when every coordinate of p[0 .. n) is finite. A double is not finite exactly when its
 // exponent bits are all set, i.e. when adding one to the exponent field carries into the sign
-// bit; four independent lanes of integer and/add/or keep the scan at memory speed.
+// bit. Integer and/add/or over independent lanes (two doubles per SSE2 register) keep the scan
+// at about half a cycle per coordinate.
 inline bool allFinite(const GmTVector<double>* p, std::size_t n) {
     constexpr std::uint64_t kExp = 0x7ff0000000000000ull, kOne = 0x0010000000000000ull;
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(p);
     const std::size_t count = 3 * n;
-    std::uint64_t a0 = 0, a1 = 0, a2 = 0, a3 = 0;
     std::size_t i = 0;
-    for (; i + 4 <= count; i += 4) {
-        std::uint64_t u[4];
-        std::memcpy(u, bytes + 8 * i, sizeof u);
-        a0 |= (u[0] & kExp) + kOne;
-        a1 |= (u[1] & kExp) + kOne;
-        a2 |= (u[2] & kExp) + kOne;
-        a3 |= (u[3] & kExp) + kOne;
+    std::uint64_t acc = 0;
+#if defined(__SSE2__)
+    const __m128i exp = _mm_set1_epi64x(static_cast<long long>(kExp));
+    const __m128i one = _mm_set1_epi64x(static_cast<long long>(kOne));
+    __m128i a0 = _mm_setzero_si128(), a1 = a0, a2 = a0, a3 = a0;
+    for (; i + 8 <= count; i += 8) {
+        const __m128i* q = reinterpret_cast<const __m128i*>(bytes + 8 * i);
+        a0 = _mm_or_si128(a0, _mm_add_epi64(_mm_and_si128(_mm_loadu_si128(q), exp), one));
+        a1 = _mm_or_si128(a1, _mm_add_epi64(_mm_and_si128(_mm_loadu_si128(q + 1), exp), one));
+        a2 = _mm_or_si128(a2, _mm_add_epi64(_mm_and_si128(_mm_loadu_si128(q + 2), exp), one));
+        a3 = _mm_or_si128(a3, _mm_add_epi64(_mm_and_si128(_mm_loadu_si128(q + 3), exp), one));
     }
+    // Sign bits of the 32-bit lanes: bits 1 and 3 are the sign bits of the two 64-bit lanes.
+    if (_mm_movemask_ps(_mm_castsi128_ps(_mm_or_si128(_mm_or_si128(a0, a1), _mm_or_si128(a2, a3)))) & 0xa)
+        return false;
+#endif
     for (; i < count; ++i) {
         std::uint64_t u;
         std::memcpy(&u, bytes + 8 * i, sizeof u);
-        a0 |= (u & kExp) + kOne;
+        acc |= (u & kExp) + kOne;
     }
-    return ((a0 | a1 | a2 | a3) >> 63) == 0;
+    return (acc >> 63) == 0;
 }
 
 // The first n positions finite, else throws naming the first offending index and its value.
