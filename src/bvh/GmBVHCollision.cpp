@@ -18,6 +18,8 @@
 #include <quarrygeom/primitives/GmContactKernels.h>
 #include <quarrygeom/primitives/GmIntersection.h>
 
+#include "../core/GmDiagnostics.h"
+#include "GmBVHArgumentChecks.h"
 #include "GmBVHCollisionWalk.h"
 #include "GmBVHFeatureOwnership.h"
 
@@ -400,17 +402,6 @@ bool runPair(const Narrow& narrow, const WalkSetup& setup, std::vector<typename 
     return results.size() > before;
 }
 
-// The continuous and proximity kernels of a self query read face and vertex normals (the normal
-// rule of pairs that share a face), which the mesh fills lazily. Several workers must not fill
-// the same slot at once, so the calling thread completes them before a parallel walk (a pass of
-// checks when nothing is missing). The static kernels and those of two-mesh queries read no
-// cached mesh data, and skip the pass.
-void prepareMesh(const GmTriangleMesh& mesh) {
-    if (!GmParallel::isParallel()) return;
-    for (int f = 0; f < mesh.getNumberFaces(); ++f) mesh.getFaceNormal(f);
-    for (int v = 0; v < mesh.getNumberVertices(); ++v) mesh.getVertexNormal(v);
-}
-
 }  // namespace
 }  // namespace GmBVHCollision
 
@@ -423,9 +414,10 @@ bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContin
                                                             const GmIntersection::ComponentTests& componentTests,
                                                             bool append, bool includeDisabled, int objectIndex,
                                                             GmBVHMetrics& metrics) const {
+    GmBVHChecks::query("continuousTimeSelfIntersect", _mesh, _numberFaces, &positions);
+    const GmDiagnostics::QueryScope diagnostics;
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
-    prepareMesh(*_mesh);
     const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
     const WalkSetup setup = selfSetup(*this, includeDisabled);
     if (_selfContactRecords == GmSelfContactRecords::EachFeaturePairOnce) {
@@ -447,6 +439,9 @@ bool GmBoundingVolumeHierarchy::continuousTimeIntersect(std::vector<GmContinuous
                                                         bool /*flag*/, bool append, bool includeDisabled,
                                                         int objectIndex1, int objectIndex2,
                                                         GmBVHMetrics& metrics) const {
+    GmBVHChecks::query("continuousTimeIntersect", _mesh, _numberFaces, &positions);
+    GmBVHChecks::query("continuousTimeIntersect", other._mesh, other._numberFaces, &otherPositions);
+    const GmDiagnostics::QueryScope diagnostics;
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
     const ContIntersector narrow(*_mesh, positions, *other._mesh, otherPositions, info1, info2, componentTests,
@@ -458,9 +453,11 @@ bool GmBoundingVolumeHierarchy::selfProximityCheck(std::vector<GmProximityCheckI
                                                    const GmIntersection::ComponentTests& componentTests, bool append,
                                                    bool includeDisabled, int objectIndex, double /*value*/,
                                                    GmBVHMetrics& metrics) const {
+    GmBVHChecks::distance("selfProximityCheck", "distance", distance);
+    GmBVHChecks::query("selfProximityCheck", _mesh, _numberFaces);
+    const GmDiagnostics::QueryScope diagnostics;
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
-    prepareMesh(*_mesh);
     const SelfProximityChecker narrow(*_mesh, distance, componentTests, objectIndex);
     const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
     return runSelf(*this, narrow, selfSetup(*this, includeDisabled), orphans, results, metrics);
@@ -472,6 +469,10 @@ bool GmBoundingVolumeHierarchy::proximityCheck(std::vector<GmProximityCheckInfo>
                                                const GmIntersection::ComponentTests& componentTests, bool append,
                                                bool includeDisabled, int objectIndex1, int objectIndex2,
                                                double /*value*/, GmBVHMetrics& metrics) const {
+    GmBVHChecks::distance("proximityCheck", "distance", distance);
+    GmBVHChecks::query("proximityCheck", _mesh, _numberFaces);
+    GmBVHChecks::query("proximityCheck", other._mesh, other._numberFaces);
+    const GmDiagnostics::QueryScope diagnostics;
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
     const ProximityChecker narrow(*_mesh, *other._mesh, distance, info, componentTests, objectIndex1, objectIndex2);
@@ -480,6 +481,7 @@ bool GmBoundingVolumeHierarchy::proximityCheck(std::vector<GmProximityCheckInfo>
 
 bool GmBoundingVolumeHierarchy::selfIntersect(std::vector<GmIntersectionInfo>& results, bool /*unused*/, bool append,
                                               bool includeDisabled, GmBVHMetrics& metrics) const {
+    GmBVHChecks::query("selfIntersect", _mesh, _numberFaces);
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
     const TriSelfIntersector narrow(*_mesh);
@@ -489,6 +491,8 @@ bool GmBoundingVolumeHierarchy::selfIntersect(std::vector<GmIntersectionInfo>& r
 bool GmBoundingVolumeHierarchy::meshMeshIntersect(std::vector<GmIntersectionInfo>& results,
                                                   const GmBoundingVolumeHierarchy& other, bool append,
                                                   bool includeDisabled, GmBVHMetrics& metrics) const {
+    GmBVHChecks::query("meshMeshIntersect", _mesh, _numberFaces);
+    GmBVHChecks::query("meshMeshIntersect", other._mesh, other._numberFaces);
     if (!append) results.clear();
     if (_nodes.empty() || other._nodes.empty() || _mesh == nullptr || other._mesh == nullptr) return false;
     const TriIntersector narrow(*_mesh, *other._mesh);

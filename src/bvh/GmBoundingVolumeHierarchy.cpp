@@ -24,6 +24,7 @@
 #include "GmBVHInternal.h"
 #include "GmBVHRayTree.h"
 #include "../core/GmHugePages.h"
+#include "GmBVHArgumentChecks.h"
 
 using namespace GmBVHDetail;
 
@@ -649,21 +650,36 @@ GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(GmTriangleMesh* mesh,
                                                      const GmDisabledData* disabled, const GmFrozenData* frozen)
     : _mesh(mesh) {
     _initialize();
-    build(positions, disabled, frozen);
+    try {
+        build(positions, disabled, frozen);
+    } catch (...) {  // invalid input: the destructor does not run
+        delete _meshTests;
+        throw;
+    }
 }
 
 GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, double thickness,
                                                      const GmDisabledData* disabled, const GmFrozenData* frozen)
     : _mesh(mesh) {
     _initialize();
-    build(thickness, disabled, frozen);
+    try {
+        build(thickness, disabled, frozen);
+    } catch (...) {  // invalid input: the destructor does not run
+        delete _meshTests;
+        throw;
+    }
 }
 
 GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, const GmDisabledData* disabled,
                                                      const GmFrozenData* frozen)
     : _mesh(mesh) {
     _initialize();
-    build(disabled, frozen);
+    try {
+        build(disabled, frozen);
+    } catch (...) {  // invalid input: the destructor does not run
+        delete _meshTests;
+        throw;
+    }
 }
 
 GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy(const GmBoundingVolumeHierarchy& other)
@@ -770,14 +786,17 @@ bool GmBoundingVolumeHierarchy::_faceDisabled(int face, bool includeDisabled) co
 
 void GmBoundingVolumeHierarchy::build(const std::vector<GmTVector<double>>& positions,
                                       const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::swept("build", _mesh, _numberFaces, positions);
     _build<1>(&positions, 0.0, disabled, frozen);
 }
 
 void GmBoundingVolumeHierarchy::build(double thickness, const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::thickened("build", _mesh, _numberFaces, thickness);
     _build<2>(nullptr, thickness, disabled, frozen);
 }
 
 void GmBoundingVolumeHierarchy::build(const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::plain("build", _mesh, _numberFaces);
     _build<0>(nullptr, 0.0, disabled, frozen);
 }
 
@@ -935,14 +954,17 @@ void refitTree(const RefitKernel<N>& kernel, int depth, bool parallel) {
 
 void GmBoundingVolumeHierarchy::refit(const std::vector<GmTVector<double>>& positions,
                                       const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::swept("refit", _mesh, _numberFaces, positions);
     _refit<1>(&positions, 0.0, disabled, frozen);
 }
 
 void GmBoundingVolumeHierarchy::refit(double thickness, const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::thickened("refit", _mesh, _numberFaces, thickness);
     _refit<2>(nullptr, thickness, disabled, frozen);
 }
 
 void GmBoundingVolumeHierarchy::refit(const GmDisabledData* disabled, const GmFrozenData* frozen) {
+    GmBVHChecks::plain("refit", _mesh, _numberFaces);
     _refit<0>(nullptr, 0.0, disabled, frozen);
 }
 

@@ -5,6 +5,9 @@
 #include <cmath>
 #include <cstdint>
 #include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -277,6 +280,9 @@ void GmTriangleMesh::_copyFrom(const GmTriangleMesh& o) {
     _faceCenters = o._faceCenters;
     _vertexNormals = o._vertexNormals;
     _unitEdges = o._unitEdges;
+    _faceState = o._faceState;
+    _vertexNormalState = o._vertexNormalState;
+    _unitEdgeState = o._unitEdgeState;
     _lookups = o._lookups ? std::make_unique<Lookups>(*o._lookups) : nullptr;
     _vertexToFaces = o._vertexToFaces;
     _vertexToEdges = o._vertexToEdges;
@@ -284,6 +290,7 @@ void GmTriangleMesh::_copyFrom(const GmTriangleMesh& o) {
     _faceToFaces = o._faceToFaces;
     _edgeToFaces = o._edgeToFaces;
     _closed = o._closed;
+    _finished = o._finished;
     _faceDataReset.store(o._faceDataReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
     _vertexNormalsReset.store(o._vertexNormalsReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
     _unitEdgesReset.store(o._unitEdgesReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
@@ -301,6 +308,9 @@ void GmTriangleMesh::_moveFrom(GmTriangleMesh& o) noexcept {
     _faceCenters = std::move(o._faceCenters);
     _vertexNormals = std::move(o._vertexNormals);
     _unitEdges = std::move(o._unitEdges);
+    _faceState = std::move(o._faceState);
+    _vertexNormalState = std::move(o._vertexNormalState);
+    _unitEdgeState = std::move(o._unitEdgeState);
     _lookups = std::move(o._lookups);
     _vertexToFaces = std::move(o._vertexToFaces);
     _vertexToEdges = std::move(o._vertexToEdges);
@@ -308,6 +318,7 @@ void GmTriangleMesh::_moveFrom(GmTriangleMesh& o) noexcept {
     _faceToFaces = std::move(o._faceToFaces);
     _edgeToFaces = std::move(o._edgeToFaces);
     _closed = o._closed;
+    _finished = o._finished;
     _faceDataReset.store(o._faceDataReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
     _vertexNormalsReset.store(o._vertexNormalsReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
     _unitEdgesReset.store(o._unitEdgesReset.load(std::memory_order_relaxed), std::memory_order_relaxed);
@@ -321,12 +332,16 @@ void GmTriangleMesh::_moveFrom(GmTriangleMesh& o) noexcept {
     o._faceCenters.clear();
     o._vertexNormals.clear();
     o._unitEdges.clear();
+    o._faceState.clear();
+    o._vertexNormalState.clear();
+    o._unitEdgeState.clear();
     o._vertexToFaces.clear();
     o._vertexToEdges.clear();
     o._vertexToVertices.clear();
     o._faceToFaces.clear();
     o._edgeToFaces.clear();
     o._closed = true;
+    o._finished = false;
     o._faceDataReset.store(false, std::memory_order_relaxed);
     o._vertexNormalsReset.store(false, std::memory_order_relaxed);
     o._unitEdgesReset.store(false, std::memory_order_relaxed);
@@ -344,6 +359,7 @@ void GmTriangleMesh::reserve(int numVertices, int numFaces) {
 // Adding elements
 
 int GmTriangleMesh::addVertex(const GmTVector<double>& p) {
+    _finished = false;
     const int index = static_cast<int>(_vertices.size());
     _vertices.push_back(p);
     return index;
@@ -358,6 +374,7 @@ int GmTriangleMesh::addVertex(const GmTVector<double>& p, bool& existed) {
         existed = true;
         return it->second;
     }
+    _finished = false;
     const int index = static_cast<int>(_vertices.size());
     _vertices.push_back(p);
     map.emplace_hint(it, p, index);
@@ -365,7 +382,16 @@ int GmTriangleMesh::addVertex(const GmTVector<double>& p, bool& existed) {
     return index;
 }
 
+void GmTriangleMesh::_checkFaceIndices(int a, int b, int c) const {
+    const int v[3] = {a, b, c};
+    for (int k = 0; k < 3; ++k)
+        if (v[k] < 0)
+            throw std::invalid_argument("GmTriangleMesh::addFace: vertex index " + std::to_string(v[k]) +
+                                        " of face " + std::to_string(_faces.size()) + " is negative");
+}
+
 int GmTriangleMesh::addFace(int a, int b, int c) {
+    _checkFaceIndices(a, b, c);
     const int f = static_cast<int>(_faces.size());
     const int e1 = addEdge(a, b, f);
     const int e2 = addEdge(b, c, f);
@@ -375,6 +401,7 @@ int GmTriangleMesh::addFace(int a, int b, int c) {
 }
 
 int GmTriangleMesh::addFace(int a, int b, int c, bool& existed) {
+    _checkFaceIndices(a, b, c);
     if (!_lookups) _lookups = std::make_unique<Lookups>();
     Lookups& lk = *_lookups;
     int k0 = a, k1 = b, k2 = c;
@@ -431,7 +458,10 @@ int GmTriangleMesh::addFace(const GmTVector<double>& p1, const GmTVector<double>
 }
 
 int GmTriangleMesh::addEdge(int from, int to, int face) {
-    assert(from >= 0 && to >= 0 && "edge vertex index out of range");
+    if (from < 0 || to < 0)
+        throw std::invalid_argument("GmTriangleMesh::addEdge: vertex index " + std::to_string(from < 0 ? from : to) +
+                                    " is negative");
+    _finished = false;
     if (!_lookups) _lookups = std::make_unique<Lookups>();
     const int lo = from < to ? from : to;
     const int hi = from < to ? to : from;
@@ -545,12 +575,18 @@ void GmTriangleMesh::_runConstructionTask(int code) {
 void GmTriangleMesh::finishConstruction() {
     // Adjacency offsets are 32-bit.
     assert(3 * _faces.size() < (std::size_t(1) << 32) && 2 * _edges.size() < (std::size_t(1) << 32));
-#ifndef NDEBUG
-    for (const GmTriangleFace& f : _faces)
+    // One pass over the faces, before anything is built: the builders index by these.
+    const unsigned nv = static_cast<unsigned>(_vertices.size());
+    for (const GmTriangleFace& f : _faces) {
+        if (static_cast<unsigned>(f.vertices[0]) < nv && static_cast<unsigned>(f.vertices[1]) < nv &&
+            static_cast<unsigned>(f.vertices[2]) < nv)
+            continue;
         for (int k = 0; k < 3; ++k)
-            assert(f.vertices[k] >= 0 && f.vertices[k] < static_cast<int>(_vertices.size()) &&
-                   "face vertex index out of range");
-#endif
+            if (static_cast<unsigned>(f.vertices[k]) >= nv)
+                throw std::invalid_argument("GmTriangleMesh::finishConstruction: face " + std::to_string(f.index) +
+                                            " refers to vertex " + std::to_string(f.vertices[k]) +
+                                            ", but the mesh has " + std::to_string(nv) + " vertices");
+    }
     // The closed flag and the cache slots depend on the element counts only; in the
     // parallel form they are set up beside the five list builders.
     auto flagAndCaches = [this]() {
@@ -562,11 +598,14 @@ void GmTriangleMesh::finishConstruction() {
             }
         }
         // Every slot starts out missing, including the slots of a rebuilt mesh.
-        _faceAreas.assign(_faces.size(), UninitializedDouble);
+        _faceAreas.resize(_faces.size());
         _faceNormals.resize(_faces.size());
         _faceCenters.resize(_faces.size());
-        _vertexNormals.assign(_vertices.size(), UninitializedVector);
-        _unitEdges.assign(_edges.size(), UninitializedVector);
+        _vertexNormals.resize(_vertices.size());
+        _unitEdges.resize(_edges.size());
+        _faceState.assign(_faces.size(), GmMeshDetail::CacheSlot());
+        _vertexNormalState.assign(_vertices.size(), GmMeshDetail::CacheSlot());
+        _unitEdgeState.assign(_edges.size(), GmMeshDetail::CacheSlot());
     };
     auto serial = [&]() {
         for (int code = 1; code <= 5; ++code) _runConstructionTask(code);
@@ -593,6 +632,7 @@ void GmTriangleMesh::finishConstruction() {
     _faceDataReset.store(true, std::memory_order_relaxed);
     _vertexNormalsReset.store(true, std::memory_order_relaxed);
     _unitEdgesReset.store(true, std::memory_order_relaxed);
+    _finished = true;
 }
 
 // ---------------------------------------------------------------------------
@@ -654,19 +694,30 @@ void GmTriangleMesh::addNormalOffset(const std::vector<double>& d) {
     setDirty();
 }
 
+namespace {
+void resetSlots(std::vector<GmMeshDetail::CacheSlot>& slots, std::atomic<bool>& flag) {
+    if (flag.load(std::memory_order_relaxed)) return;
+    for (GmMeshDetail::CacheSlot& s : slots) s.reset();
+    flag.store(true, std::memory_order_relaxed);
+}
+
+// Runs fill() if this thread claims the slot; otherwise waits until the thread that did
+// has published it (a fill takes well under a microsecond).
+template <class Fill>
+void fillSlot(const GmMeshDetail::CacheSlot& slot, Fill&& fill) {
+    if (slot.claim()) {
+        fill();
+        slot.publish();
+        return;
+    }
+    while (!slot.ready()) std::this_thread::yield();
+}
+}  // namespace
+
 void GmTriangleMesh::setDirty() {
-    if (!_faceDataReset.load(std::memory_order_relaxed)) {
-        std::fill(_faceAreas.begin(), _faceAreas.end(), UninitializedDouble);
-        _faceDataReset.store(true, std::memory_order_relaxed);
-    }
-    if (!_vertexNormalsReset.load(std::memory_order_relaxed)) {
-        std::fill(_vertexNormals.begin(), _vertexNormals.end(), UninitializedVector);
-        _vertexNormalsReset.store(true, std::memory_order_relaxed);
-    }
-    if (!_unitEdgesReset.load(std::memory_order_relaxed)) {
-        std::fill(_unitEdges.begin(), _unitEdges.end(), UninitializedVector);
-        _unitEdgesReset.store(true, std::memory_order_relaxed);
-    }
+    resetSlots(_faceState, _faceDataReset);
+    resetSlots(_vertexNormalState, _vertexNormalsReset);
+    resetSlots(_unitEdgeState, _unitEdgesReset);
 }
 
 namespace {
@@ -676,35 +727,40 @@ inline void clearFlag(std::atomic<bool>& flag) {
 }  // namespace
 
 void GmTriangleMesh::calculateFaceData(int f) const {
-    const GmTriangleFace& fc = _faces[static_cast<std::size_t>(_checkFace(f))];
-    const GmTVector<double>& p1 = _vertices[static_cast<std::size_t>(fc.vertices[0])];
-    const GmTVector<double>& p2 = _vertices[static_cast<std::size_t>(fc.vertices[1])];
-    const GmTVector<double>& p3 = _vertices[static_cast<std::size_t>(fc.vertices[2])];
-    const GmTVector<double> c = (p2 - p1).cross(p3 - p2);
-    const double len = c.length();
-    const double div = len > kEps ? len : kEps;
-    clearFlag(_faceDataReset);
-    _faceNormals[static_cast<std::size_t>(f)] = GmTVector<double>(c.x / div, c.y / div, c.z / div);
-    _faceCenters[static_cast<std::size_t>(f)] =
-        GmTVector<double>((p1.x + p2.x + p3.x) / 3.0, (p1.y + p2.y + p3.y) / 3.0, (p1.z + p2.z + p3.z) / 3.0);
-    // The area slot marks the face's data as present: written last.
-    _faceAreas[static_cast<std::size_t>(f)] = 0.5 * len;
+    fillSlot(_faceState[static_cast<std::size_t>(_checkFace(f))], [this, f]() {
+        const GmTriangleFace& fc = _faces[static_cast<std::size_t>(f)];
+        const GmTVector<double>& p1 = _vertices[static_cast<std::size_t>(fc.vertices[0])];
+        const GmTVector<double>& p2 = _vertices[static_cast<std::size_t>(fc.vertices[1])];
+        const GmTVector<double>& p3 = _vertices[static_cast<std::size_t>(fc.vertices[2])];
+        const GmTVector<double> c = (p2 - p1).cross(p3 - p2);
+        const double len = c.length();
+        const double div = len > kEps ? len : kEps;
+        clearFlag(_faceDataReset);
+        _faceNormals[static_cast<std::size_t>(f)] = GmTVector<double>(c.x / div, c.y / div, c.z / div);
+        _faceCenters[static_cast<std::size_t>(f)] =
+            GmTVector<double>((p1.x + p2.x + p3.x) / 3.0, (p1.y + p2.y + p3.y) / 3.0, (p1.z + p2.z + p3.z) / 3.0);
+        _faceAreas[static_cast<std::size_t>(f)] = 0.5 * len;
+    });
 }
 
 void GmTriangleMesh::calculateUnitEdge(int e) const {
-    const GmTriangleEdge& ed = _edges[static_cast<std::size_t>(_checkEdge(e))];
-    const GmTVector<double> d =
-        _vertices[static_cast<std::size_t>(ed.to)] - _vertices[static_cast<std::size_t>(ed.from)];
-    const double len = d.length();
-    const double div = len > kEps ? len : kEps;
-    clearFlag(_unitEdgesReset);
-    _unitEdges[static_cast<std::size_t>(e)] = GmTVector<double>(d.x / div, d.y / div, d.z / div);
+    fillSlot(_unitEdgeState[static_cast<std::size_t>(_checkEdge(e))], [this, e]() {
+        const GmTriangleEdge& ed = _edges[static_cast<std::size_t>(e)];
+        const GmTVector<double> d =
+            _vertices[static_cast<std::size_t>(ed.to)] - _vertices[static_cast<std::size_t>(ed.from)];
+        const double len = d.length();
+        const double div = len > kEps ? len : kEps;
+        clearFlag(_unitEdgesReset);
+        _unitEdges[static_cast<std::size_t>(e)] = GmTVector<double>(d.x / div, d.y / div, d.z / div);
+    });
 }
 
 void GmTriangleMesh::calculateVertexNormal(int v) const {
-    const GmTVector<double> n = calculateVertexAngleWeightedNormal(v);
-    clearFlag(_vertexNormalsReset);
-    _vertexNormals[static_cast<std::size_t>(v)] = n;
+    fillSlot(_vertexNormalState[static_cast<std::size_t>(_checkVertex(v))], [this, v]() {
+        const GmTVector<double> n = calculateVertexAngleWeightedNormal(v);
+        clearFlag(_vertexNormalsReset);
+        _vertexNormals[static_cast<std::size_t>(v)] = n;
+    });
 }
 
 GmTVector<double> GmTriangleMesh::calculateVertexAngleWeightedNormal(int v) const {
@@ -740,18 +796,12 @@ GmTVector<double> GmTriangleMesh::calculateVertexAreaWeightedNormal(int v) const
 }
 
 void GmTriangleMesh::fillCaches() const {
-    const int nf = static_cast<int>(_faceAreas.size());
-    const int ne = static_cast<int>(_unitEdges.size());
-    const int nv = static_cast<int>(_vertexNormals.size());
-    auto face = [this](int f) {
-        if (isuninitialized(_faceAreas[static_cast<std::size_t>(f)])) calculateFaceData(f);
-    };
-    auto edge = [this](int e) {
-        if (isuninitialized(_unitEdges[static_cast<std::size_t>(e)].z)) calculateUnitEdge(e);
-    };
-    auto vertex = [this](int v) {
-        if (isuninitialized(_vertexNormals[static_cast<std::size_t>(v)].z)) calculateVertexNormal(v);
-    };
+    const int nf = static_cast<int>(_faceState.size());
+    const int ne = static_cast<int>(_unitEdgeState.size());
+    const int nv = static_cast<int>(_vertexNormalState.size());
+    auto face = [this](int f) { _readyFace(f); };
+    auto edge = [this](int e) { getUnitEdge(e); };
+    auto vertex = [this](int v) { getVertexNormal(v); };
     // Clear the reset flags up front so that the workers never write them; face data
     // and unit edges come first, so that the vertex normals only read them.
     if (nf > 0) clearFlag(_faceDataReset);

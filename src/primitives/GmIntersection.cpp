@@ -13,6 +13,8 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
+#include "../core/GmDiagnostics.h"
+
 namespace GmIntersection {
 
 namespace {
@@ -416,8 +418,8 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
     if (status == CubicStatus::OutOfRange) {
-        std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
-                  << "Coordinates outside the supported range." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::RangePointFace,
+                              "Error in GmIntersection::pointFaceIntersection() ... Coordinates outside the supported range.");
         return false;
     }
 
@@ -472,8 +474,8 @@ bool pointFaceIntersection(const Vec& p0, const Vec& a0, const Vec& b0, const Ve
         const Vec q0 = a0 + (b0 - a0) * s0 + (c0 - a0) * t0;
         const Vec motion = (p1 - p0) - ((a1 - a0) * bary.x + (b1 - b0) * bary.y + (c1 - c0) * bary.z);
         if (!fallbackDirection(p0 - q0, -motion, featureMagnitude({&p0, &a0, &b0, &c0, &p1, &a1, &b1, &c1}), n)) {
-            std::cerr << "Error in " << "GmIntersection::pointFaceIntersection() ... "
-                      << "Unable to compute collision normal." << std::endl;
+            GmDiagnostics::report(GmDiagnostics::Kind::CollisionNormalPointFace,
+                                  "Error in GmIntersection::pointFaceIntersection() ... Unable to compute collision normal.");
             return false;
         }
     }
@@ -493,8 +495,8 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     const CubicStatus status = buildCubic(x1, x2, y, e1, e2, f, q);
     if (status == CubicStatus::NotFinite) return false;
     if (status == CubicStatus::OutOfRange) {
-        std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
-                  << "Coordinates outside the supported range." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::RangeEdgeEdge,
+                              "Error in GmIntersection::edgeEdgeIntersection() ... Coordinates outside the supported range.");
         return false;
     }
 
@@ -564,8 +566,8 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
         const Vec start = (a0 + (b0 - a0) * s0) - (c0 + (d0 - c0) * t0);
         const Vec motion = ((a1 - a0) * (1.0 - ss) + (b1 - b0) * ss) - ((c1 - c0) * (1.0 - tt) + (d1 - d0) * tt);
         if (!fallbackDirection(start, -motion, featureMagnitude({&a0, &b0, &c0, &d0, &a1, &b1, &c1, &d1}), n)) {
-            std::cerr << "Error in " << "GmIntersection::edgeEdgeIntersection() ... "
-                      << "Unable to compute collision normal." << std::endl;
+            GmDiagnostics::report(GmDiagnostics::Kind::CollisionNormalEdgeEdge,
+                                  "Error in GmIntersection::edgeEdgeIntersection() ... Unable to compute collision normal.");
             return false;
         }
     }

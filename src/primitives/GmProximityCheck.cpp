@@ -8,6 +8,8 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
+#include "../core/GmDiagnostics.h"
+
 namespace GmProximityCheck {
 
 namespace {
@@ -51,8 +53,8 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
     const double m = std::max(std::max(maxAbs(p), maxAbs(a)), std::max(maxAbs(b), maxAbs(c)));
     if (!std::isfinite(m)) return false;
     if (m > kLargestCoordinate) {
-        std::cerr << "Error in GmProximityCheck::pointFaceProximity() ... "
-                  << "Coordinates outside the supported range." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::RangeProximityPointFace,
+                              "Error in GmProximityCheck::pointFaceProximity() ... Coordinates outside the supported range.");
         return false;
     }
     GmTVector<double> n;
@@ -82,8 +84,8 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
         // On the face's boundary: the face's normal.
         n = fn / fl;
     } else {
-        std::cerr << "Error in GmProximityCheck::pointFaceProximity() ... "
-                  << "Unable to compute proximity normal." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalPointFace,
+                              "Error in GmProximityCheck::pointFaceProximity() ... Unable to compute proximity normal.");
         return false;
     }
     distance = dist;
@@ -109,8 +111,8 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
     const double m = std::max(std::max(maxAbs(a), maxAbs(b)), std::max(maxAbs(c), maxAbs(d)));
     if (!std::isfinite(m)) return false;
     if (m > kLargestCoordinate) {
-        std::cerr << "Error in GmProximityCheck::edgeEdgeProximity() ... "
-                  << "Coordinates outside the supported range." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::RangeProximityEdgeEdge,
+                              "Error in GmProximityCheck::edgeEdgeProximity() ... Coordinates outside the supported range.");
         return false;
     }
     GmTVector<double> n;
@@ -136,8 +138,8 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
         // Segments in contact: the normal of the plane they span.
         n = cr / cl;
     } else {
-        std::cerr << "Error in GmProximityCheck::edgeEdgeProximity() ... "
-                  << "Unable to compute proximity normal." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalEdgeEdge,
+                              "Error in GmProximityCheck::edgeEdgeProximity() ... Unable to compute proximity normal.");
         return false;
     }
     distance = dist;

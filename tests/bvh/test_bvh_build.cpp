@@ -276,30 +276,6 @@ TEST(BvhBuild, FlatRegionsNextToUprightOnes) {
     }
 }
 
-TEST(BvhBuild, NanCoordinatesStillGiveOneLeafPerFace) {
-    GmTriangleMesh mesh = randomSoup(300, 12);
-    std::vector<V3> v = mesh.getVertices();
-    for (size_t i = 0; i < v.size(); i += 7) v[i][i % 3] = std::nan("");
-    mesh.setVertices(v);
-    std::vector<GmBoundingVolumeHierarchy> trees;
-    for (bool parallel : {false, true}) {
-        ScopedThreading t(parallel);
-        trees.emplace_back(&mesh);
-    }
-    // Same tree bit for bit (NaN bounds compare unequal to themselves).
-    ASSERT_EQ(trees[0].getNumberNodes(), trees[1].getNumberNodes());
-    for (int i = 0; i < trees[0].getNumberNodes(); ++i) {
-        const auto &a = trees[0].getNode(i), &b = trees[1].getNode(i);
-        EXPECT_EQ(std::memcmp(&a.box, &b.box, sizeof a.box), 0) << i;
-        EXPECT_EQ(a.primitive, b.primitive) << i;
-    }
-    std::vector<int> seen(300, 0);
-    int first, last;
-    trees[0].getLeafRange(first, last);
-    for (int i = first; i < last; ++i) ++seen[static_cast<size_t>(trees[0].getLeafFaceIndex(i))];
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), 300);
-}
-
 TEST(BvhBuild, ParallelEqualsSerial) {
     std::vector<NamedMesh> meshes;
     meshes.push_back({"grid150", qgtools::makeClothGrid(150, 150)});  // many equal keys

@@ -1,6 +1,8 @@
 // Self queries (continuous-time, proximity, static intersection) checked against brute force
 // over all face pairs and against a reference orphan pass, serially and in parallel.
 
+#include <regex>
+
 #include "collision_test_util.h"
 
 using namespace collisiontest;

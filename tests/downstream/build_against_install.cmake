@@ -1,7 +1,9 @@
-# Installs the built project into a scratch prefix, then configures, builds and runs
-# the downstream project against that install.
+# Installs the built project into a fresh scratch prefix, then configures and builds the
+# downstream project against that install, and runs its programs with an empty environment
+# (no LD_LIBRARY_PATH): the installed libraries must find each other on their own.
 # Expects: BINARY_DIR, SOURCE_DIR, WORK_DIR, BUILD_TYPE.
-set(prefix "${WORK_DIR}/prefix")
+string(RANDOM LENGTH 8 tag)
+set(prefix "${WORK_DIR}/prefix-${tag}")
 set(build "${WORK_DIR}/build")
 file(REMOVE_RECURSE "${WORK_DIR}")
 
@@ -22,7 +24,22 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build "${build}" RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "building the downstream project failed: ${rc}")
 endif()
-execute_process(COMMAND "${build}/downstream" RESULT_VARIABLE rc)
+
+# Every installed library loads by path from a process without any search path.
+file(GLOB libraries "${prefix}/lib*/libQuarry*.so")
+list(LENGTH libraries count)
+if(NOT count EQUAL 2)
+  message(FATAL_ERROR "expected two installed libraries, found: ${libraries}")
+endif()
+foreach(lib IN LISTS libraries)
+  execute_process(COMMAND env -i "${build}/load_library" "${lib}" RESULT_VARIABLE rc ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${lib} does not load from ${prefix} without LD_LIBRARY_PATH: ${err}")
+  endif()
+endforeach()
+
+execute_process(COMMAND env -i "${build}/downstream" RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "the downstream program failed: ${rc}")
 endif()
+file(REMOVE_RECURSE "${WORK_DIR}")

@@ -67,6 +67,15 @@ enum class GmSelfContactRecords {
 //   thickened  build(thickness, disabled, frozen) - the face padded by thickness
 // Build and refit run in parallel (TBB, inside a task arena of the configured worker count)
 // when multithreading is on; both paths produce identical trees.
+//
+// Invalid input (std::invalid_argument naming the operation and the index or value, thrown
+// before anything changes): construction, build and refit require a mesh whose construction is
+// finished (GmTriangleMesh::isConstructionFinished()) with the face count the hierarchy was made
+// for, finite mesh positions, in swept mode at least one finite end position per vertex, and in
+// thickened mode a thickness >= 0 (not NaN). The collision queries check the mesh the same way
+// (O(1)), the size of continuous-time end positions and that a proximity distance is >= 0 (not
+// NaN). Point, ray and box queries check nothing. Any number of threads may run queries at once;
+// build, refit and position changes must not overlap with them.
 class QUARRYGEOM_API GmBoundingVolumeHierarchy {
 public:
     typedef GmBoundingVolumeTreeNode<GmTriangleFace> Node;

@@ -34,6 +34,35 @@ struct NoInitAllocator : std::allocator<T> {
         ::new (static_cast<void*>(p)) U(std::forward<A0>(a0), std::forward<A>(a)...);
     }
 };
+
+// State of one lazily filled cache slot. Readers load it with acquire; the one thread that
+// claims a missing slot (missing -> busy) computes the value and publishes it with release;
+// a reader that finds the slot busy waits for it. Copyable so that the slots can live in a
+// std::vector (a copy takes the source's state as it stands).
+class CacheSlot {
+public:
+    static constexpr unsigned char kMissing = 0, kBusy = 1, kReady = 2;
+    CacheSlot() = default;
+    CacheSlot(const CacheSlot& o) noexcept : _state(o._state.load(std::memory_order_relaxed)) {}
+    CacheSlot& operator=(const CacheSlot& o) noexcept {
+        _state.store(o._state.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        return *this;
+    }
+    bool ready() const { return _state.load(std::memory_order_acquire) == kReady; }
+    void reset() { _state.store(kMissing, std::memory_order_relaxed); }
+    // Claims a missing slot for filling; false when it is ready or another thread fills it.
+    bool claim() const {
+        unsigned char expected = kMissing;
+        return _state.compare_exchange_strong(expected, kBusy, std::memory_order_acquire,
+                                              std::memory_order_relaxed);
+    }
+    void publish() const { _state.store(kReady, std::memory_order_release); }
+
+private:
+    mutable std::atomic<unsigned char> _state{kMissing};
+};
+static_assert(sizeof(CacheSlot) == 1, "one byte per cache slot");
+
 }  // namespace GmMeshDetail
 class GmDisabledData;
 class GmAdjacentOrphanSet;
@@ -118,10 +147,17 @@ static_assert(sizeof(GmTriangleFace) == 8 * sizeof(int), "GmTriangleFace is eigh
 //
 // Derived data (face normals, areas, centres, unit edges, vertex normals) is cached
 // per element and recomputed on first read after any position change. The const
-// accessors fill the caches without locking: concurrent readers of distinct slots
-// are fine; call fillCaches() first when many threads read shared slots.
+// accessors may be called from any number of threads at once: each slot is filled by
+// exactly one of them (per-slot state with acquire/release; a reader that meets a slot
+// being filled waits for it), without a lock on the read path. Position changes and
+// setDirty() must not run while other threads read.
 //
-// Indices are never checked in release builds (debug builds assert).
+// Invalid input: addFace() rejects a negative vertex index and finishConstruction()
+// one at or above the vertex count, with std::invalid_argument naming the face and the
+// index, before anything is built. isConstructionFinished() tells whether the adjacency
+// and caches match the current elements (hierarchies refuse a mesh for which it is
+// false). Element accessors (getVertex, getFaceNormal, ...) and addNormalOffset() do not
+// check their indices or sizes in release builds, for speed (debug builds assert).
 class QUARRYGEOM_API GmTriangleMesh {
 public:
     static constexpr int kInvalidIndex = -1;
@@ -152,7 +188,8 @@ public:
     int addVertex(const GmTVector<double>& p, bool& existed);
 
     // Appends a face with vertices a, b, c (in this orientation) and creates or
-    // updates its three edges.
+    // updates its three edges. A negative index throws std::invalid_argument; indices
+    // above the vertex count are caught by finishConstruction().
     int addFace(int a, int b, int c);
     // Returns the existing face with the same three vertices (any order), else adds one.
     int addFace(int a, int b, int c, bool& existed);
@@ -168,7 +205,11 @@ public:
 
     // Builds the adjacency lists and the closed flag and sizes the caches. Runs the
     // five list builders concurrently above 1000 vertices when multithreading is on.
+    // Throws std::invalid_argument, leaving the mesh as it was, when a face refers to a
+    // vertex index at or above the vertex count.
     void finishConstruction();
+    // True after finishConstruction() until the next addVertex/addFace/addEdge.
+    bool isConstructionFinished() const { return _finished; }
 
     // Reserves storage ahead of a large build.
     void reserve(int numVertices, int numFaces);
@@ -190,14 +231,16 @@ public:
     void addNormalOffset(const std::vector<double>& d);
     // Marks every cached value missing.
     void setDirty();
-    // Computes every missing cache slot now (in parallel for large meshes), so that
-    // later concurrent readers only read.
+    // Computes every missing cache slot now (in parallel for large meshes). Optional:
+    // the accessors fill missing slots themselves, also from several threads.
     void fillCaches() const;
     // Cache state, for diagnostics: whether a slot holds a computed value, and
     // whether a kind's reset flag is set (every slot of it known to be missing).
-    bool isFaceDataCached(int f) const { return !isuninitialized(_faceAreas[_checkFace(f)]); }
-    bool isUnitEdgeCached(int e) const { return !isuninitialized(_unitEdges[_checkEdge(e)].z); }
-    bool isVertexNormalCached(int v) const { return !isuninitialized(_vertexNormals[_checkVertex(v)].z); }
+    bool isFaceDataCached(int f) const { return _faceState[static_cast<std::size_t>(_checkFace(f))].ready(); }
+    bool isUnitEdgeCached(int e) const { return _unitEdgeState[static_cast<std::size_t>(_checkEdge(e))].ready(); }
+    bool isVertexNormalCached(int v) const {
+        return _vertexNormalState[static_cast<std::size_t>(_checkVertex(v))].ready();
+    }
     bool isFaceDataReset() const { return _faceDataReset.load(std::memory_order_relaxed); }
     bool isVertexNormalsReset() const { return _vertexNormalsReset.load(std::memory_order_relaxed); }
     bool isUnitEdgesReset() const { return _unitEdgesReset.load(std::memory_order_relaxed); }
@@ -306,32 +349,27 @@ public:
 
     // ---- Cached local geometry ----------------------------------------------
     double getFaceArea(int f) const {
-        _checkFace(f);
-        if (isuninitialized(_faceAreas[f])) calculateFaceData(f);
-        return _faceAreas[f];
+        _readyFace(f);
+        return _faceAreas[static_cast<std::size_t>(f)];
     }
     // Unit normal of (p2 - p1) x (p3 - p2); zero for a degenerate face.
     const GmTVector<double>& getFaceNormal(int f) const {
-        _checkFace(f);
-        if (isuninitialized(_faceAreas[f])) calculateFaceData(f);
-        return _faceNormals[f];
+        _readyFace(f);
+        return _faceNormals[static_cast<std::size_t>(f)];
     }
     const GmTVector<double>& getFaceCenter(int f) const {
-        _checkFace(f);
-        if (isuninitialized(_faceAreas[f])) calculateFaceData(f);
-        return _faceCenters[f];
+        _readyFace(f);
+        return _faceCenters[static_cast<std::size_t>(f)];
     }
     // (to - from) / max(|to - from|, DBL_EPSILON).
     const GmTVector<double>& getUnitEdge(int e) const {
-        _checkEdge(e);
-        if (isuninitialized(_unitEdges[e].z)) calculateUnitEdge(e);
-        return _unitEdges[e];
+        if (!_unitEdgeState[static_cast<std::size_t>(_checkEdge(e))].ready()) calculateUnitEdge(e);
+        return _unitEdges[static_cast<std::size_t>(e)];
     }
     // Angle-weighted vertex normal (cached).
     const GmTVector<double>& getVertexNormal(int v) const {
-        _checkVertex(v);
-        if (isuninitialized(_vertexNormals[v].z)) calculateVertexNormal(v);
-        return _vertexNormals[v];
+        if (!_vertexNormalState[static_cast<std::size_t>(_checkVertex(v))].ready()) calculateVertexNormal(v);
+        return _vertexNormals[static_cast<std::size_t>(v)];
     }
     GmTVector<double> getVertexAngleWeightedNormal(int v) const { return getVertexNormal(v); }
     // Area-weighted vertex normal, computed afresh on every call.
@@ -342,7 +380,7 @@ public:
     void prefetchFaceData(int f) const {
 #if defined(__GNUC__)
         if (f >= 0 && static_cast<std::size_t>(f) < _faceNormals.size()) {
-            __builtin_prefetch(_faceAreas.data() + f);
+            __builtin_prefetch(_faceState.data() + f);
             __builtin_prefetch(_faceNormals.data() + f);
         }
 #else
@@ -350,7 +388,8 @@ public:
 #endif
     }
 
-    // Fill one cache slot (normally called by the accessors above).
+    // Fill one cache slot if it is missing (normally called by the accessors above);
+    // a slot that holds a value is left as it is.
     void calculateFaceData(int f) const;
     void calculateUnitEdge(int e) const;
     void calculateVertexNormal(int v) const;
@@ -426,6 +465,10 @@ public:
 
 private:
     static bool isuninitialized(double d) { return d == UninitializedDouble; }
+    void _readyFace(int f) const {
+        if (!_faceState[static_cast<std::size_t>(_checkFace(f))].ready()) calculateFaceData(f);
+    }
+    void _checkFaceIndices(int a, int b, int c) const;
 
 #ifndef NDEBUG
     int _checkVertex(int v) const {
@@ -462,12 +505,18 @@ private:
     std::vector<GmTriangleEdge> _edges;
     std::vector<GmTriangleFace> _faces;
     mutable std::atomic<GmAdjacentOrphanSet*> _orphanSet{nullptr};
-    mutable std::vector<double> _faceAreas;
-    // Read only once the face's area slot is set: left uninitialised until then.
-    mutable std::vector<GmTVector<double>, GmMeshDetail::NoInitAllocator<GmTVector<double>>> _faceNormals;
-    mutable std::vector<GmTVector<double>, GmMeshDetail::NoInitAllocator<GmTVector<double>>> _faceCenters;
-    mutable std::vector<GmTVector<double>> _vertexNormals;
-    mutable std::vector<GmTVector<double>> _unitEdges;
+    // Cached values are read only once their slot is ready: left uninitialised until then.
+    template <class T>
+    using CacheValues = std::vector<T, GmMeshDetail::NoInitAllocator<T>>;
+    mutable CacheValues<double> _faceAreas;
+    mutable CacheValues<GmTVector<double>> _faceNormals;
+    mutable CacheValues<GmTVector<double>> _faceCenters;
+    mutable CacheValues<GmTVector<double>> _vertexNormals;
+    mutable CacheValues<GmTVector<double>> _unitEdges;
+    // One slot state per face (area, normal and centre together), vertex normal and unit edge.
+    std::vector<GmMeshDetail::CacheSlot> _faceState;
+    std::vector<GmMeshDetail::CacheSlot> _vertexNormalState;
+    std::vector<GmMeshDetail::CacheSlot> _unitEdgeState;
     std::unique_ptr<Lookups> _lookups;
     // Adjacency lists, each kind stored contiguously.
     GmAdjacencyLists _vertexToFaces;
@@ -476,6 +525,7 @@ private:
     GmAdjacencyLists _faceToFaces;
     GmAdjacencyLists _edgeToFaces;
     bool _closed = true;
+    bool _finished = false;
     // Reset flags: set while every slot of the kind is known to be missing. Atomic
     // only so that concurrent lazy readers may clear them without a data race.
     mutable std::atomic<bool> _faceDataReset{false};
