@@ -22,6 +22,7 @@ enum class Kind {
     RangeEdgeEdge,
     RangeProximityPointFace,
     RangeProximityEdgeEdge,
+    CurveContinuousNormal,
     Count
 };
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
-#include <iostream>
 #include <tuple>
 
 #include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
@@ -15,6 +14,8 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmIntersection.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
+
+#include "../core/GmDiagnostics.h"
 
 namespace {
 
@@ -67,7 +68,8 @@ bool contactNormal(Vec close, const Vec& touching, const Vec& start, const Vec& 
         }
     }
     if (!found) {
-        std::cerr << "Error in GmCurveContinuous ... Unable to compute collision normal." << std::endl;
+        GmDiagnostics::report(GmDiagnostics::Kind::CurveContinuousNormal,
+                              "Error in GmCurveContinuous ... Unable to compute collision normal.");
         return false;
     }
     double side = n.dot(start);
