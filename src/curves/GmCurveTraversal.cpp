@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
@@ -176,7 +177,7 @@ struct LeafSegment {
     std::uint64_t curve;
     std::uint64_t index;
     double r0, r1;
-    GmTVector<double> p0, p1;
+    double p0[3], p1[3];  // plain arrays: the gather buffer is left uninitialised
 };
 
 template <class X>
@@ -185,11 +186,10 @@ struct SelfLeaves;
 // Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
 // (indexed by heap index; entries of internal nodes are left unset).
 template <class X>
-void gatherLeaves(const CurveTree& tree, const X& visitor, std::vector<LeafSegment>& out) {
+void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
     const std::vector<GmTVector<double>>& p = *visitor.getPositions();
     const std::vector<double>* r = visitor.getOffsets();
     const std::uint64_t last = tree.getNodes().size() - 1;
-    if (out.size() < last + 1) out.resize(last + 1);
     for (const std::uint64_t pos : tree.getLeaves()) {
         const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
         LeafSegment& l = out[last - pos];
@@ -198,8 +198,10 @@ void gatherLeaves(const CurveTree& tree, const X& visitor, std::vector<LeafSegme
         l.index = s.index;
         l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
         l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
-        l.p0 = p[s.vertex0];
-        l.p1 = p[s.vertex1];
+        for (int k = 0; k < 3; ++k) {
+            l.p0[k] = p[s.vertex0][k];
+            l.p1[k] = p[s.vertex1][k];
+        }
     }
 }
 
@@ -238,7 +240,9 @@ public:
     template <class X>
     static void test(X& v, const LeafSegment& a, const LeafSegment& b) {
         ++v.numberTests;
-        if (X::testEnds(a.p0, a.p1, a.r0, a.r1, a.index, b.p0, b.p1, b.r0, b.r1, b.index, v.scratch))
+        const GmTVector<double> a0(a.p0[0], a.p0[1], a.p0[2]), a1(a.p1[0], a.p1[1], a.p1[2]);
+        const GmTVector<double> b0(b.p0[0], b.p0[1], b.p0[2]), b1(b.p1[0], b.p1[1], b.p1[2]);
+        if (X::testEnds(a0, a1, a.r0, a.r1, a.index, b0, b1, b.r0, b.r1, b.index, v.scratch))
             v.processIntersection(v.scratch);
     }
 
@@ -252,9 +256,10 @@ public:
         const CurveNodes nodes(tree);
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent();
-        thread_local std::vector<LeafSegment> gathered;
-        gatherLeaves(tree, visitor, gathered);
-        const LeafSegment* leaf = gathered.data();
+        // Only the leaves' entries are written (and paged in).
+        const std::unique_ptr<LeafSegment[]> gathered(new LeafSegment[tree.getNodes().size()]);
+        gatherLeaves(tree, visitor, gathered.get());
+        const LeafSegment* leaf = gathered.get();
 
         auto serial = [&] {
             SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
@@ -378,8 +383,9 @@ public:
         if (a.empty() || b.empty()) return;
         PairLeaves<X> leaves{&visitor};
         std::vector<BasicNodePair<Index>> stack;
+        stack.reserve(a.stackHeight() + 4);
         if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
-            thread_local std::vector<std::uint64_t> minIndex;
+            std::vector<std::uint64_t> minIndex;
             minSegmentIndex(a, minIndex);
             CurveStep<CurveNodes, FaceNodes, PairLeaves<X>, AfterFirstHit> step(
                 CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(), leaves, AfterFirstHit{minIndex.data(), &visitor});
