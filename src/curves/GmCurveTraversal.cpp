@@ -48,11 +48,6 @@ struct FaceNodes {
     const FaceNode& operator[](std::uint64_t i) const { return first[i]; }
 };
 
-// The curve rules of one node pair for the walk's descent. Pairs are handed to visit() only
-// once their boxes are known to overlap (seeds through overlap(), child pairs by visit itself
-// before it returns them); visit prunes on the flags, hands two leaves to `leaves` and returns
-// the overlapping child pairs. The same pairs reach the visitor as when every pair is first
-// tested on its own: both filters are free of side effects.
 struct NoLeaves;
 
 // Box overlap as GmAxisAlignedBox::overlaps, without branches: in the walk the outcome is
@@ -73,6 +68,11 @@ struct NoPrune {
     bool operator()(std::uint64_t) const { return false; }
 };
 
+// The curve rules of one node pair for the walk's descent. Pairs are handed to visit() only
+// once their boxes are known to overlap (seeds through overlap(), child pairs by visit itself
+// before it returns them); visit prunes on the flags, hands two leaves to `leaves` and returns
+// the overlapping child pairs. The same pairs reach the visitor as when every pair is first
+// tested on its own: both filters are free of side effects.
 template <class NodesA, class NodesB, class Leaves, class Prune = NoPrune>
 class CurveStep {
 public:
