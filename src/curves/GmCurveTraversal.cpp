@@ -2,7 +2,9 @@
 // collision walk's descent (GmBVHCollisionWalk.h) with the curve rules as the pair step, and on
 // the parallel frame when multithreading is on.
 
+#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
@@ -47,81 +49,167 @@ struct FaceNodes {
     const FaceNode& operator[](std::uint64_t i) const { return first[i]; }
 };
 
+struct NoLeaves;
+
+// Box overlap as GmAxisAlignedBox::overlaps, without branches: in the walk the outcome is
+// hard to predict.
+inline bool boxesOverlap(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b) {
+    return (a.minX <= b.maxX) & (b.minX <= a.maxX) & (a.minY <= b.maxY) & (b.minY <= a.maxY) & (a.minZ <= b.maxZ) &
+           (b.minZ <= a.maxZ);
+}
+
+template <class Nodes, class Index>
+inline void prefetchChildren(const Nodes& nodes, Index i) {
+    __builtin_prefetch(&nodes[2 * i + 1]);
+    __builtin_prefetch(&nodes[2 * i + 2]);
+}
+
+// No pruning beyond the flags and the boxes.
+struct NoPrune {
+    bool operator()(std::uint64_t) const { return false; }
+};
+
 // The curve rules of one node pair for the walk's descent. Pairs are handed to visit() only
 // once their boxes are known to overlap (seeds through overlap(), child pairs by visit itself
 // before it returns them); visit prunes on the flags, hands two leaves to `leaves` and returns
 // the overlapping child pairs. The same pairs reach the visitor as when every pair is first
 // tested on its own: both filters are free of side effects.
-template <class NodesA, class NodesB, class Leaves>
+template <class NodesA, class NodesB, class Leaves, class Prune = NoPrune>
 class CurveStep {
 public:
-    CurveStep(NodesA a, NodesB b, bool pruneDisabled, Leaves& leaves)
-        : _a(a), _b(b), _pruneDisabled(pruneDisabled), _leaves(leaves) {}
+    CurveStep(NodesA a, NodesB b, bool pruneDisabled, Leaves& leaves, Prune prune = Prune())
+        : _a(a), _b(b), _pruneDisabled(pruneDisabled), _leaves(leaves), _prune(prune) {}
 
     template <class Index>
     bool overlap(Index a, Index b) const {
-        return _a[a].box.overlaps(_b[b].box);
+        return boxesOverlap(_a[a].box, _b[b].box);
     }
 
     template <class Index>
     int visit(Index a, Index b, BasicNodePair<Index> next[4]) {
+        if (_prune(a)) return 0;
         const auto& na = _a[a];
         const auto& nb = _b[b];
-        if (_pruneDisabled && (na.disabled || nb.disabled)) return 0;
-        if (na.frozen && nb.frozen) return 0;
+        if (!passes(na, nb)) return 0;
         const bool leafA = na.primitive != nullptr;
         const bool leafB = nb.primitive != nullptr;
         if (leafA && leafB) {
-            _leaves(na, nb);
+            _leaves(a, b, na, nb);
             return 0;
         }
+        // Overlapping child pairs in walk order. Leading pairs of two leaves are handled here,
+        // before the rest is returned: the order of the descent, without the stack round trip.
         const int n = childPairs(a, leafA, b, leafB, next);
         int m = 0;
-        for (int k = 0; k < n; ++k)
-            if (overlap(next[k].a, next[k].b)) next[m++] = next[k];
+        for (int k = 0; k < n; ++k) {
+            const Index ca = next[k].a, cb = next[k].b;
+            const auto& xa = _a[ca];
+            const auto& xb = _b[cb];
+            if (!boxesOverlap(xa.box, xb.box)) continue;
+            if (kLeavesHere && m == 0 && xa.primitive != nullptr && xb.primitive != nullptr) {
+                if (!_prune(ca) && passes(xa, xb)) _leaves(ca, cb, xa, xb);
+                continue;
+            }
+            // The pair is examined later: start loading the children it will read.
+            if (xa.primitive == nullptr) prefetchChildren(_a, ca);
+            if (xb.primitive == nullptr) prefetchChildren(_b, cb);
+            next[m++] = next[k];
+        }
         return m;
     }
 
 private:
+    // A step that only expands (NoLeaves) returns leaf pairs to its caller.
+    static constexpr bool kLeavesHere = !std::is_same<Leaves, NoLeaves>::value;
+
+    template <class NA, class NB>
+    bool passes(const NA& na, const NB& nb) const {
+        if (_pruneDisabled && (na.disabled || nb.disabled)) return false;
+        return !(na.frozen && nb.frozen);
+    }
+
     NodesA _a;
     NodesB _b;
     bool _pruneDisabled;
     Leaves& _leaves;
+    Prune _prune;
 };
+
+// First crossing: once a hit is held, the visitor skips every segment numbered after the hit's
+// (and the hit's segment number never grows), so a curve node whose segments all come after it
+// is dropped with everything below it. minIndex: smallest segment index below each node.
+struct AfterFirstHit {
+    const std::uint64_t* minIndex;
+    const GmFirstSegmentIntersection* visitor;
+    bool operator()(std::uint64_t a) const {
+        const GmSegmentFaceInfo* best = visitor->getResult();
+        return best != nullptr && minIndex[a] > static_cast<std::uint64_t>(best->index1);
+    }
+};
+
+// Smallest segment index below each node of a curve tree, by heap index.
+void minSegmentIndex(const CurveTree& tree, std::vector<std::uint64_t>& out) {
+    const CurveNodes nodes(tree);
+    const std::uint64_t n = tree.getNodes().size();
+    out.assign(n, ~std::uint64_t(0));
+    for (std::uint64_t i = n; i-- > 0;) {
+        if (nodes[i].primitive != nullptr)
+            out[i] = nodes[i].primitive->index;
+        else if (2 * i + 2 < n)
+            out[i] = std::min(out[2 * i + 1], out[2 * i + 2]);
+    }
+}
 
 // Two leaves of two trees (boxes overlapping): the visitor.
 template <class X>
 struct PairLeaves {
     X* visitor;
-    template <class NA, class NB>
-    void operator()(const NA& na, const NB& nb) const {
+    template <class Index, class NA, class NB>
+    void operator()(Index, Index, const NA& na, const NB& nb) const {
         (*visitor)(*na.primitive, *nb.primitive);
     }
 };
 
-// Two leaves of one tree (boxes overlapping): adjacent pairs are skipped.
-template <class X>
-struct SelfLeaves {
-    X* visitor;
-    bool skipAdjacent;
-    void operator()(const CurveNode& na, const CurveNode& nb) const {
-        if (skipAdjacent && adjacent(na.primitive, nb.primitive)) return;
-        (*visitor)(*na.primitive, *nb.primitive);
-    }
-    // For <3> the rule reduces to the records: a set's segments lie in one array in primitive
-    // order, a curve's segments have consecutive indices and segment numbers, so two segments
-    // are adjacent exactly when at most two records apart and of one curve.
-    bool adjacent(const GmCurveSegment* a, const GmCurveSegment* b) const {
-        if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
-            return a - b <= 2 && b - a <= 2 && a->curve == b->curve;
-        return visitor->isAdjacent(*a, *b);
-    }
+// A leaf's segment as the self test reads it: gathered once per query by heap index, so that a
+// leaf pair reads two records next to the nodes instead of the segments, positions and radii
+// scattered in memory. The values are copies: the test gives the same bits.
+struct LeafSegment {
+    const GmCurveSegment* record;
+    std::uint64_t curve;
+    std::uint64_t index;
+    double r0, r1;
+    double p0[3], p1[3];  // plain arrays: the gather buffer is left uninitialised
 };
+
+template <class X>
+struct SelfLeaves;
+
+// Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
+// (indexed by heap index; entries of internal nodes are left unset).
+template <class X>
+void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
+    const std::vector<GmTVector<double>>& p = *visitor.getPositions();
+    const std::vector<double>* r = visitor.getOffsets();
+    const std::uint64_t last = tree.getNodes().size() - 1;
+    for (const std::uint64_t pos : tree.getLeaves()) {
+        const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
+        LeafSegment& l = out[last - pos];
+        l.record = &s;
+        l.curve = s.curve;
+        l.index = s.index;
+        l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
+        l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
+        for (int k = 0; k < 3; ++k) {
+            l.p0[k] = p[s.vertex0][k];
+            l.p1[k] = p[s.vertex1][k];
+        }
+    }
+}
 
 // Leaves of a step that expands inner pairs only (never called).
 struct NoLeaves {
-    template <class NA, class NB>
-    void operator()(const NA&, const NB&) const {}
+    template <class Index, class NA, class NB>
+    void operator()(Index, Index, const NA&, const NB&) const {}
 };
 
 }  // namespace
@@ -149,6 +237,15 @@ public:
     static std::vector<typename X::Record>& results(X& v) {
         return *v.results;
     }
+    // The self visitor's test on two gathered leaves.
+    template <class X>
+    static void test(X& v, const LeafSegment& a, const LeafSegment& b) {
+        ++v.numberTests;
+        const GmTVector<double> a0(a.p0[0], a.p0[1], a.p0[2]), a1(a.p1[0], a.p1[1], a.p1[2]);
+        const GmTVector<double> b0(b.p0[0], b.p0[1], b.p0[2]), b1(b.p1[0], b.p1[1], b.p1[2]);
+        if (X::testEnds(a0, a1, a.r0, a.r1, a.index, b0, b1, b.r0, b.r1, b.index, v.scratch))
+            v.processIntersection(v.scratch);
+    }
 
     // Self traversal.
     template <class X>
@@ -160,9 +257,13 @@ public:
         const CurveNodes nodes(tree);
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent();
+        // Only the leaves' entries are written (and paged in).
+        const std::unique_ptr<LeafSegment[]> gathered(new LeafSegment[tree.getNodes().size()]);
+        gatherLeaves(tree, visitor, gathered.get());
+        const LeafSegment* leaf = gathered.get();
 
         auto serial = [&] {
-            SelfLeaves<X> leaves{&visitor, skipAdjacent};
+            SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
             CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
             std::vector<Pair> stack;
             stack.reserve(tree.stackHeight() + 4);
@@ -199,7 +300,7 @@ public:
             std::atomic<std::uint64_t> count{0};
             GmParallel::parallelForRanges(0, numItems, [&](int first, int last) {
                 X worker = workerCopy(visitor, local.records());
-                SelfLeaves<X> leaves{&worker, skipAdjacent};
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
                 CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
                 std::vector<Pair> stack;
                 stack.reserve(tree.stackHeight() + 4);
@@ -282,12 +383,50 @@ public:
         typedef std::uint64_t Index;
         if (a.empty() || b.empty()) return;
         PairLeaves<X> leaves{&visitor};
-        CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(),
-                                                            leaves);
         std::vector<BasicNodePair<Index>> stack;
-        if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+        stack.reserve(a.stackHeight() + 4);
+        if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
+            std::vector<std::uint64_t> minIndex;
+            minSegmentIndex(a, minIndex);
+            CurveStep<CurveNodes, FaceNodes, PairLeaves<X>, AfterFirstHit> step(
+                CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(), leaves, AfterFirstHit{minIndex.data(), &visitor});
+            if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+        } else {
+            CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b),
+                                                                !visitor.getIntersectDisabled(), leaves);
+            if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+        }
     }
 };
+
+namespace {
+
+// Two leaves of one tree (boxes overlapping): adjacent pairs are skipped, the others tested with
+// the visitor's test on the gathered segments.
+template <class X>
+struct SelfLeaves {
+    X* visitor;
+    bool skipAdjacent;
+    const LeafSegment* leaf;  // by heap index
+    template <class Index>
+    void operator()(Index a, Index b, const CurveNode&, const CurveNode&) const {
+        const LeafSegment& la = leaf[a];
+        const LeafSegment& lb = leaf[b];
+        if (skipAdjacent && adjacent(la, lb)) return;
+        GmCurveTraversal::test(*visitor, la, lb);
+    }
+    // <1>: one curve. <3>: the rule reduces to the records: a set's segments lie in one array in
+    // primitive order, a curve's segments have consecutive indices and segment numbers, so two
+    // segments are adjacent exactly when at most two records apart and of one curve.
+    static bool adjacent(const LeafSegment& a, const LeafSegment& b) {
+        if (a.curve != b.curve) return false;
+        if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
+            return a.record - b.record <= 2 && b.record - a.record <= 2;
+        return true;
+    }
+};
+
+}  // namespace
 
 template <class Tree, class X>
 void GmGenericBoundingTree<GmCurves>::intersect(const Tree& other, X& visitor) const {

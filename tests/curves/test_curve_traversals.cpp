@@ -238,6 +238,23 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
         if (first.getResult() != nullptr) {
             EXPECT_EQ(hits.count(Pair(first.getResult()->index1, first.getResult()->index2)), 1u);
         }
+        // The first-hit rule replayed over all crossings in walk order gives the same hit and count.
+        std::vector<GmSegmentFaceInfo> all;
+        GmSegmentMeshIntersector every(all, one, p, body.mesh);
+        strand.intersect(h, every);
+        const GmSegmentFaceInfo* best = nullptr;
+        std::uint64_t taken = 0;
+        for (const GmSegmentFaceInfo& r : all) {
+            if (best != nullptr && best->index1 < r.index1) continue;
+            ++taken;
+            if (best == nullptr || best->parameter1 > r.parameter1) best = &r;
+        }
+        EXPECT_EQ(first.getNumberIntersections(), taken) << c;
+        ASSERT_EQ(first.getResult() != nullptr, best != nullptr) << c;
+        if (best != nullptr) {
+            EXPECT_EQ(first.getResult()->index1, best->index1) << c;
+            EXPECT_EQ(first.getResult()->index2, best->index2) << c;
+        }
     }
 }
 

@@ -52,13 +52,8 @@ public:
         const double ra1 = offsets != nullptr ? (*offsets)[a.vertex1] : 0.0;
         const double rb0 = offsets != nullptr ? (*offsets)[b.vertex0] : 0.0;
         const double rb1 = offsets != nullptr ? (*offsets)[b.vertex1] : 0.0;
-        if (!GmSegmentKernels::segmentSegment(p[a.vertex0], p[a.vertex1], ra0, ra1, p[b.vertex0], p[b.vertex1], rb0,
-                                              rb1, out))
-            return false;
-        out.index1 = static_cast<std::int64_t>(a.index);
-        out.index2 = static_cast<std::int64_t>(b.index);
-        out.index3 = -1;
-        return true;
+        return testEnds(p[a.vertex0], p[a.vertex1], ra0, ra1, a.index, p[b.vertex0], p[b.vertex1], rb0, rb1, b.index,
+                        out);
     }
 
     bool isAdjacent(const GmCurveSegment& a, const GmCurveSegment& b) const {
@@ -76,6 +71,17 @@ public:
 
 private:
     friend class GmCurveTraversal;
+
+    // The test on the two segments' end positions, radii and indices.
+    static bool testEnds(const GmTVector<double>& a0, const GmTVector<double>& a1, double ra0, double ra1,
+                         std::uint64_t ia, const GmTVector<double>& b0, const GmTVector<double>& b1, double rb0,
+                         double rb1, std::uint64_t ib, Record& out) {
+        if (!GmSegmentKernels::segmentSegment(a0, a1, ra0, ra1, b0, b1, rb0, rb1, out)) return false;
+        out.index1 = static_cast<std::int64_t>(ia);
+        out.index2 = static_cast<std::int64_t>(ib);
+        out.index3 = -1;
+        return true;
+    }
 
     std::vector<Record>* results;
     const GmCurves* curves;
