@@ -73,12 +73,12 @@ py::object recordDtype(std::size_t itemsize, std::initializer_list<Field> fields
         formats.append(f.format);
         offsets.append(f.offset);
     }
-    py::dict fields;
-    fields["names"] = names;
-    fields["formats"] = formats;
-    fields["offsets"] = offsets;
-    fields["itemsize"] = itemsize;
-    return py::module_::import("numpy").attr("dtype")(fields);
+    py::dict layout;
+    layout["names"] = names;
+    layout["formats"] = formats;
+    layout["offsets"] = offsets;
+    layout["itemsize"] = itemsize;
+    return py::module_::import("numpy").attr("dtype")(layout);
 }
 
 ResultType::ResultType(const char* name, std::initializer_list<const char*> fields) {

@@ -184,12 +184,16 @@ struct LeafSegment {
 template <class X>
 struct SelfLeaves;
 
+// Visitors whose segment test runs on the gathered copies (positions and radii included); other
+// self visitors get the segment records.
+template <class X>
+constexpr bool kTestsGathered =
+    std::is_same<X, GmSegmentSelfIntersector<1>>::value || std::is_same<X, GmSegmentSelfIntersector<3>>::value;
+
 // Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
 // (indexed by heap index; entries of internal nodes are left unset).
 template <class X>
 void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
-    const std::vector<GmTVector<double>>& p = *visitor.getPositions();
-    const std::vector<double>* r = visitor.getOffsets();
     const std::uint64_t last = tree.getNodes().size() - 1;
     for (const std::uint64_t pos : tree.getLeaves()) {
         const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
@@ -197,11 +201,19 @@ void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
         l.record = &s;
         l.curve = s.curve;
         l.index = s.index;
-        l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
-        l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
-        for (int k = 0; k < 3; ++k) {
-            l.p0[k] = p[s.vertex0][k];
-            l.p1[k] = p[s.vertex1][k];
+    }
+    if constexpr (kTestsGathered<X>) {
+        const std::vector<GmTVector<double>>& p = *visitor.getPositions();
+        const std::vector<double>* r = visitor.getOffsets();
+        for (const std::uint64_t pos : tree.getLeaves()) {
+            const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
+            LeafSegment& l = out[last - pos];
+            l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
+            l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
+            for (int k = 0; k < 3; ++k) {
+                l.p0[k] = p[s.vertex0][k];
+                l.p1[k] = p[s.vertex1][k];
+            }
         }
     }
 }
@@ -240,11 +252,15 @@ public:
     // The self visitor's test on two gathered leaves.
     template <class X>
     static void test(X& v, const LeafSegment& a, const LeafSegment& b) {
-        ++v.numberTests;
-        const GmTVector<double> a0(a.p0[0], a.p0[1], a.p0[2]), a1(a.p1[0], a.p1[1], a.p1[2]);
-        const GmTVector<double> b0(b.p0[0], b.p0[1], b.p0[2]), b1(b.p1[0], b.p1[1], b.p1[2]);
-        if (X::testEnds(a0, a1, a.r0, a.r1, a.index, b0, b1, b.r0, b.r1, b.index, v.scratch))
-            v.processIntersection(v.scratch);
+        if constexpr (!kTestsGathered<X>) {
+            v(*a.record, *b.record);
+        } else {
+            ++v.numberTests;
+            const GmTVector<double> a0(a.p0[0], a.p0[1], a.p0[2]), a1(a.p1[0], a.p1[1], a.p1[2]);
+            const GmTVector<double> b0(b.p0[0], b.p0[1], b.p0[2]), b1(b.p1[0], b.p1[1], b.p1[2]);
+            if (X::testEnds(a0, a1, a.r0, a.r1, a.index, b0, b1, b.r0, b.r1, b.index, v.scratch))
+                v.processIntersection(v.scratch);
+        }
     }
 
     // Self traversal.
@@ -418,11 +434,15 @@ struct SelfLeaves {
     // <1>: one curve. <3>: the rule reduces to the records: a set's segments lie in one array in
     // primitive order, a curve's segments have consecutive indices and segment numbers, so two
     // segments are adjacent exactly when at most two records apart and of one curve.
-    static bool adjacent(const LeafSegment& a, const LeafSegment& b) {
-        if (a.curve != b.curve) return false;
-        if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
-            return a.record - b.record <= 2 && b.record - a.record <= 2;
-        return true;
+    bool adjacent(const LeafSegment& a, const LeafSegment& b) const {
+        if constexpr (!kTestsGathered<X>) {
+            return visitor->isAdjacent(*a.record, *b.record);
+        } else {
+            if (a.curve != b.curve) return false;
+            if constexpr (std::is_same<GmSegmentSelfIntersector<3>, X>::value)
+                return a.record - b.record <= 2 && b.record - a.record <= 2;
+            return true;
+        }
     }
 };
 
