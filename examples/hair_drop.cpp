@@ -19,16 +19,21 @@
 //               reported against the sum of their radii.
 //
 // Usage: hair_drop [--strands N] [--steps S] [--body sphere|bunny] [--frames DIR] [--every K]
+//                  [--png DIR] [--level L] [--final FILE]
 //   --strands N  number of strands (default 2000)
 //   --steps S    time steps of 1/200 s (default 200)
 //   --body       what the strands grow on (default sphere)
 //   --frames DIR write the strands as OBJ polylines every K steps (default 10) and the body once
+//   --png DIR    write a picture of the scene (PNG) every K steps
+//   --level L    draw the boxes of level L of the strands' swept curve tree on the pictures
+//   --final FILE picture of the final state (default hair_drop_final.png in the build folder)
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
@@ -39,6 +44,7 @@
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"
 #include "qgtools/shapes.h"
+#include "qgrender/scene_renderer.h"
 
 using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
@@ -68,6 +74,8 @@ struct Options {
     std::string body = "sphere";
     std::string framesDir;
     int every = 10;
+    std::string pngDir, finalPng = QG_EXAMPLE_OUTPUT_DIR "/hair_drop_final.png";
+    int level = -1;
 };
 
 bool parse(int argc, char** argv, Options& o) {
@@ -79,6 +87,9 @@ bool parse(int argc, char** argv, Options& o) {
         else if (a == "--body" && hasValue) o.body = argv[++i];
         else if (a == "--frames" && hasValue) o.framesDir = argv[++i];
         else if (a == "--every" && hasValue) o.every = std::max(1, std::atoi(argv[++i]));
+        else if (a == "--png" && hasValue) o.pngDir = argv[++i];
+        else if (a == "--level" && hasValue) o.level = std::atoi(argv[++i]);
+        else if (a == "--final" && hasValue) o.finalPng = argv[++i];
         else return false;
     }
     return o.strands >= 1 && o.steps >= 0 && (o.body == "sphere" || o.body == "bunny");
@@ -285,13 +296,67 @@ void writeFrame(const Options& o, int index, const Hair& h) {
     }
 }
 
+// Pictures of the scene, rendered offscreen (frames from one fixed camera, the final picture fitted
+// to the final state): the body shaded, the strands as lines and with --level the boxes of one
+// level of the strands' swept curve tree as the library draws them.
+struct Pictures {
+    qgrender::SceneRenderer renderer;
+    qgrender::Camera frames;  // the same view for every frame: the scene at the start and below it
+    std::vector<int> counts;  // points per strand
+    std::string error;
+    bool ok = false;
+
+    Pictures(const Hair& h, const GmTriangleMesh& body) {
+        ok = renderer.create(640, 480, 2, &error);
+        for (std::size_t n : h.segments) counts.push_back(int(n) + 1);
+        Positions points = scene(h, body);
+        Vec lo(1e30, 1e30, 1e30), hi = -lo;
+        for (const Vec& v : points)
+            for (int a = 0; a < 3; ++a) {
+                lo[a] = std::min(lo[a], v[a]);
+                hi[a] = std::max(hi[a], v[a]);
+            }
+        lo.z -= 0.25 * (hi.x - lo.x);  // room for the hanging strands
+        frames = qgrender::Camera::framing(lo, hi, 30, 18, 26);
+    }
+
+    static Positions scene(const Hair& h, const GmTriangleMesh& body) {
+        Positions points = h.x;
+        points.insert(points.end(), body.getVertices().begin(), body.getVertices().end());
+        return points;
+    }
+
+    // The view fitted to the scene as it is (the final picture), boxes included when drawn.
+    static qgrender::Camera fitted(const Hair& h, const GmTriangleMesh& body, const GmCurveBoundingTree& tree,
+                                   bool boxes) {
+        Positions points = scene(h, body);
+        const GmAxisAlignedBox& root = tree.getBoundingVolume();
+        for (int k = 0; boxes && k < 8; ++k)
+            points.emplace_back(k & 1 ? root.maxX : root.minX, k & 2 ? root.maxY : root.minY, k & 4 ? root.maxZ : root.minZ);
+        return qgrender::Camera::framing(points, 30, 18, 26);
+    }
+
+    bool write(const std::string& path, const qgrender::Camera& camera, const Options& o, const Hair& h,
+               const GmTriangleMesh& body, const GmCurveBoundingTree& tree) {
+        if (!ok) return false;
+        renderer.begin(camera, {1.0f, 1.0f, 1.0f});
+        renderer.drawMesh(body, {0.78f, 0.76f, 0.72f});
+        renderer.drawPolylines(h.x, counts, {0.45f, 0.27f, 0.12f});
+        if (o.level >= 0) renderer.drawTreeLevel(tree, o.level, {0.05f, 0.35f, 0.1f});
+        if (renderer.savePng(path, &error)) return true;
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return false;
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Options opt;
     if (!parse(argc, argv, opt)) {
-        std::fprintf(stderr, "usage: %s [--strands N] [--steps S] [--body sphere|bunny] [--frames DIR] [--every K]\n",
-                     argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s [--strands N] [--steps S] [--body sphere|bunny] [--frames DIR] [--every K]\n"
+                     "       [--png DIR] [--level L] [--final FILE]\n", argv[0]);
         return 2;
     }
     const bool sphere = opt.body == "sphere";
@@ -319,6 +384,20 @@ int main(int argc, char** argv) {
                 kDt, GmParallel::workerCount());
     if (!opt.framesDir.empty()) qgtools::writeObj(opt.framesDir + "/body.obj", body);
     writeFrame(opt, 0, hair);
+    Pictures pictures(hair, body);
+    auto picture = [&](int step) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/hair_%04d.png", step);
+        return pictures.write(opt.pngDir + name, pictures.frames, opt, hair, body, sweptTree);
+    };
+    if (!opt.pngDir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(opt.pngDir, ec);
+        if (!pictures.ok || !picture(0)) {
+            std::fprintf(stderr, "cannot write pictures to %s: %s\n", opt.pngDir.c_str(), pictures.error.c_str());
+            return 2;
+        }
+    }
 
     StepStats total, batch;
     int unresolvedSteps = 0;
@@ -422,7 +501,10 @@ int main(int argc, char** argv) {
             s->ccd += st.ccd;
             s->resolution += st.resolution;
         }
-        if (step % opt.every == 0) writeFrame(opt, step / opt.every, hair);
+        if (step % opt.every == 0) {
+            writeFrame(opt, step / opt.every, hair);
+            if (!opt.pngDir.empty()) picture(step);
+        }
         if (step % 10 == 0 || step == opt.steps) {
             const int n = step % 10 == 0 ? 10 : step % 10;
             std::printf("step %4d  t %.3f s  contacts proximity %6d strand %5d body %5d  rounds %5.2f  "
@@ -475,5 +557,10 @@ int main(int argc, char** argv) {
         std::printf("  final hair: every non-neighbouring segment pair is farther apart than the sum of its radii\n");
     const bool ok = crossings.empty() && meeting == 0;
     std::printf("  final check: %s\n", ok ? "passed" : "FAILED");
+    const qgrender::Camera finalView = Pictures::fitted(hair, body, sweptTree, opt.level >= 0);
+    if (!opt.finalPng.empty() && pictures.write(opt.finalPng, finalView, opt, hair, body, sweptTree))
+        std::printf("\nfinal picture: %s\n", opt.finalPng.c_str());
+    else if (!opt.finalPng.empty())
+        std::fprintf(stderr, "\nno final picture: %s\n", pictures.error.c_str());
     return ok ? 0 : 1;
 }

@@ -112,13 +112,21 @@ void SceneRenderer::drawPolylines(const std::vector<GmTVector<double>>& points, 
 }
 
 void SceneRenderer::drawTreeLevel(const GmBoundingTree& tree, int level, Rgb colour, float width) {
+    drawLines([&] { tree.drawTree(level); }, colour, width);
+}
+
+void SceneRenderer::drawTreeLevel(const GmCurveBoundingTree& tree, int level, Rgb colour, float width) {
+    drawLines([&] { tree.drawTree(level); }, colour, width);
+}
+
+void SceneRenderer::drawLines(const std::function<void()>& draw, Rgb colour, float width) {
     glDisable(GL_LIGHTING);
     glLineWidth(width * static_cast<float>(_supersample));
     auto pass = [&](GLenum depthFunc, Rgb c) {
         glDepthFunc(depthFunc);
         glColor3f(c.r, c.g, c.b);
         glBegin(GL_LINES);
-        tree.drawTree(level);
+        draw();
         glEnd();
     };
     const float pale = 0.7f;

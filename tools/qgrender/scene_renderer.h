@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <quarrygeom/bvh/GmBoundingTree.h>
+#include <quarrygeom/curves/GmGenericBoundingTree.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "qgrender/camera.h"
@@ -35,6 +37,8 @@ public:
     // The boxes of one level of the tree (every leaf at or below its depth) as their edges, through
     // drawTree between glBegin(GL_LINES) and glEnd(); edges hidden by the meshes drawn paler.
     void drawTreeLevel(const GmBoundingTree& tree, int level, Rgb colour, float width = 1.0f);
+    // The same for a curve tree.
+    void drawTreeLevel(const GmCurveBoundingTree& tree, int level, Rgb colour, float width = 1.0f);
 
     // The picture so far: RGB, rows top to bottom, width x height.
     std::vector<std::uint8_t> image();
@@ -44,6 +48,9 @@ public:
     int height() const { return _height; }
 
 private:
+    // Line segments emitted by `draw` inside glBegin(GL_LINES), hidden parts paler.
+    void drawLines(const std::function<void()>& draw, Rgb colour, float width);
+
     OffscreenContext _context;
     int _width = 0, _height = 0, _supersample = 1;
     Rgb _background{1, 1, 1};
