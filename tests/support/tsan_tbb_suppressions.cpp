@@ -5,6 +5,8 @@
 // the named oneTBB functions, which touch only TBB's own objects; a race in the library (the
 // parallel frame and its merge included), the kernels or the test is still reported. The
 // library states its own hand-overs to ThreadSanitizer (GmParallel.h, GmBVHCollisionWalk.h).
+// The tsan preset keeps the longest access history (history_size=7): without it the earlier
+// access of a report on reused stack memory is often lost, and no name can match it.
 #if defined(__SANITIZE_THREAD__)
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
     return "race_top:oneapi/tbb/\n"
