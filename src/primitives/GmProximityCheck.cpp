@@ -61,32 +61,26 @@ bool pointFaceProximity(const GmTVector<double>& p, const GmTVector<double>& a, 
     if (dist > kClear * m) {
         // Far above the rounding of the coordinates: the closest-point direction is accurate.
         n = d / dist;
-        distance = dist;
-        normal = n;
-        closestPoint = q;
-        wa = w1;
-        wb = w2;
-        wc = w3;
-        return true;
-    }
-    const GmTVector<double> ab = b - a, ac = c - a;
-    GmTVector<double> fn = ab.cross(ac);
-    const double fl = fn.length();
-    const bool face = crossAboveNoise(fl, ab.length(), ac.length(), m);
-    if (face && w1 > 0.0 && w2 > 0.0 && w3 > 0.0) {
-        // Closest point inside the face: the face's normal, turned towards p by the exact side
-        // (kept as it is when p lies in the plane).
-        n = fn / fl;
-        if (GmPredicates::orient3d(&a.x, &b.x, &c.x, &p.x) > 0.0) n = -n;
-    } else if (distanceAboveNoise(dist, m)) {
-        n = d / dist;
-    } else if (face) {
-        // On the face's boundary: the face's normal.
-        n = fn / fl;
     } else {
-        GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalPointFace,
-                              "Error in GmProximityCheck::pointFaceProximity() ... Unable to compute proximity normal.");
-        return false;
+        const GmTVector<double> ab = b - a, ac = c - a;
+        const GmTVector<double> fn = ab.cross(ac);
+        const double fl = fn.length();
+        const bool face = crossAboveNoise(fl, ab.length(), ac.length(), m);
+        if (face && w1 > 0.0 && w2 > 0.0 && w3 > 0.0) {
+            // Closest point inside the face: the face's normal, turned towards p by the exact side
+            // (kept as it is when p lies in the plane).
+            n = fn / fl;
+            if (GmPredicates::orient3d(&a.x, &b.x, &c.x, &p.x) > 0.0) n = -n;
+        } else if (distanceAboveNoise(dist, m)) {
+            n = d / dist;
+        } else if (face) {
+            // On the face's boundary: the face's normal.
+            n = fn / fl;
+        } else {
+            GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalPointFace,
+                                  "Error in GmProximityCheck::pointFaceProximity() ... Unable to compute proximity normal.");
+            return false;
+        }
     }
     distance = dist;
     normal = n;
@@ -118,29 +112,26 @@ bool edgeEdgeProximity(const GmTVector<double>& a, const GmTVector<double>& b, c
     GmTVector<double> n;
     if (len > kClear * m) {
         // Far above the rounding of the coordinates: the closest-point direction is accurate.
-        distance = dist;
-        normal = v / len;
-        s = ss;
-        t = tt;
-        return true;
-    }
-    GmTVector<double> cr = e1.cross(e2);
-    const double cl = cr.length();
-    const bool spans = crossAboveNoise(cl, e1.length(), e2.length(), m);
-    if (spans && ss > 0.0 && ss < 1.0 && tt > 0.0 && tt < 1.0) {
-        // Closest points inside both segments: the normal of the plane they span, from c-d towards
-        // a-b by the exact side ((a - c) . (e1 x e2) = -orient3d(a, b, c, d)).
-        n = cr / cl;
-        if (GmPredicates::orient3d(&a.x, &b.x, &c.x, &d.x) > 0.0) n = -n;
-    } else if (distanceAboveNoise(len, m)) {
         n = v / len;
-    } else if (spans) {
-        // Segments in contact: the normal of the plane they span.
-        n = cr / cl;
     } else {
-        GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalEdgeEdge,
-                              "Error in GmProximityCheck::edgeEdgeProximity() ... Unable to compute proximity normal.");
-        return false;
+        const GmTVector<double> cr = e1.cross(e2);
+        const double cl = cr.length();
+        const bool spans = crossAboveNoise(cl, e1.length(), e2.length(), m);
+        if (spans && ss > 0.0 && ss < 1.0 && tt > 0.0 && tt < 1.0) {
+            // Closest points inside both segments: the normal of the plane they span, from c-d
+            // towards a-b by the exact side ((a - c) . (e1 x e2) = -orient3d(a, b, c, d)).
+            n = cr / cl;
+            if (GmPredicates::orient3d(&a.x, &b.x, &c.x, &d.x) > 0.0) n = -n;
+        } else if (distanceAboveNoise(len, m)) {
+            n = v / len;
+        } else if (spans) {
+            // Segments in contact: the normal of the plane they span.
+            n = cr / cl;
+        } else {
+            GmDiagnostics::report(GmDiagnostics::Kind::ProximityNormalEdgeEdge,
+                                  "Error in GmProximityCheck::edgeEdgeProximity() ... Unable to compute proximity normal.");
+            return false;
+        }
     }
     distance = dist;
     normal = n;
