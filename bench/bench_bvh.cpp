@@ -22,6 +22,7 @@
 #include <quarrygeom/mesh/mesh.h>
 #include <quarrygeom/primitives/GmGeometry.h>
 
+#include "bench_common.h"
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"
 #include "qgtools/shapes.h"
@@ -96,14 +97,7 @@ const char* sceneName(int which) {
     return which == 0 ? "grid1M" : which == 1 ? "icosphere327k" : which == 2 ? "bunny69k" : "spot5.8k";
 }
 
-class Threading {
-public:
-    explicit Threading(bool on) : _old(tarnCollision::isMultiThreading()) { tarnCollision::setMultiThreading(on); }
-    ~Threading() { tarnCollision::setMultiThreading(_old); }
-
-private:
-    bool _old;
-};
+using qgbench::Threading;
 
 void label(benchmark::State& state, int which, const char* what) {
     state.SetLabel(std::string(sceneName(which)) + " " + what);
@@ -506,17 +500,9 @@ struct EmbreeScene {
     RTCGeometry geometry = nullptr;
     float* vertices = nullptr;
 
-    // One device per thread count, created once (its start-up is not part of any figure).
-    static RTCDevice deviceFor(int threads) {
-        static std::map<int, RTCDevice> devices;
-        RTCDevice& d = devices[threads];
-        if (d == nullptr) d = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
-        return d;
-    }
-
     EmbreeScene(const GmTriangleMesh& mesh, int threads, RTCBuildQuality quality,
                 RTCFilterFunctionN filter = nullptr) {
-        device = deviceFor(threads);
+        device = qgbench::embreeDevice(threads);
         scene = rtcNewScene(device);
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
         if (quality == RTC_BUILD_QUALITY_REFIT) rtcSetSceneFlags(scene, RTC_SCENE_FLAG_DYNAMIC);

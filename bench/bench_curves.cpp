@@ -22,6 +22,7 @@
 #include <quarrygeom/curves/curves.h>
 #include <quarrygeom/mesh/mesh.h>
 
+#include "bench_common.h"
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"
 
@@ -116,14 +117,7 @@ HairScene& scene(int which) {
 
 const char* sceneName(int which) { return which == 0 ? "walk100K" : which == 1 ? "walk1M" : "bunnyHair"; }
 
-class Threading {
-public:
-    explicit Threading(bool on) : _old(tarnCollision::isMultiThreading()) { tarnCollision::setMultiThreading(on); }
-    ~Threading() { tarnCollision::setMultiThreading(_old); }
-
-private:
-    bool _old;
-};
+using qgbench::Threading;
 
 void label(benchmark::State& state, const char* what) {
     state.SetLabel(std::string(sceneName(static_cast<int>(state.range(0)))) + " " + what);
@@ -226,12 +220,7 @@ void BM_Ours_StrandsBodyFirst(benchmark::State& state) {
 // ---- Embree -------------------------------------------------------------------------------------
 
 #ifdef QG_HAVE_EMBREE
-RTCDevice deviceFor(int threads) {
-    static std::map<int, RTCDevice> devices;
-    RTCDevice& d = devices[threads];
-    if (d == nullptr) d = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
-    return d;
-}
+using qgbench::embreeDevice;
 
 // Segment boxes as an Embree user geometry (the same boxes as ours: radii, rounded outwards).
 struct SegmentBoxes {
@@ -259,10 +248,10 @@ struct EmbreeBoxes {
     SegmentBoxes boxes;
     EmbreeBoxes(const HairScene& s, const std::vector<V3>& positions, int threads, RTCBuildQuality quality) {
         boxes = {&s, &positions};
-        scene = rtcNewScene(deviceFor(threads));
+        scene = rtcNewScene(embreeDevice(threads));
         rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_MEDIUM);
         if (quality == RTC_BUILD_QUALITY_REFIT) rtcSetSceneFlags(scene, RTC_SCENE_FLAG_DYNAMIC);
-        geometry = rtcNewGeometry(deviceFor(threads), RTC_GEOMETRY_TYPE_USER);
+        geometry = rtcNewGeometry(embreeDevice(threads), RTC_GEOMETRY_TYPE_USER);
         rtcSetGeometryUserPrimitiveCount(geometry, static_cast<unsigned>(s.curves->getNumberPrimitives()));
         rtcSetGeometryUserData(geometry, &boxes);
         rtcSetGeometryBoundsFunction(geometry, &SegmentBoxes::bounds, nullptr);
@@ -339,7 +328,7 @@ void BM_Embree_SelfProximity(benchmark::State& state) {
 struct EmbreeBody {
     RTCScene scene;
     EmbreeBody(const GmTriangleMesh& m, bool contextFilter) {
-        RTCDevice dev = deviceFor(1);
+        RTCDevice dev = embreeDevice(1);
         scene = rtcNewScene(dev);
         if (contextFilter) rtcSetSceneFlags(scene, RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION);
         RTCGeometry g = rtcNewGeometry(dev, RTC_GEOMETRY_TYPE_TRIANGLE);

@@ -21,6 +21,7 @@
 
 #include <quarrygeom/quarrygeom.h>
 
+#include "bench_common.h"
 #include "qgtools/shapes.h"
 
 #ifdef QG_HAVE_EMBREE
@@ -98,8 +99,7 @@ void label(benchmark::State& state, int threads) {
 void BM_Ours_StrandCCD(benchmark::State& state) {
     Scene& s = scene(int(state.range(0)));
     const bool parallel = state.range(1) != 0;
-    const bool saved = tarnCollision::isMultiThreading();
-    tarnCollision::setMultiThreading(parallel);
+    qgbench::Threading threading(parallel);
     GmCurveBoundingTree tree;
     tree.buildSwept(*s.curves, s.start, s.end);
     std::vector<GmCurveContinuousInfo> out;
@@ -111,7 +111,6 @@ void BM_Ours_StrandCCD(benchmark::State& state) {
         tests = v.getNumberTests();
         benchmark::DoNotOptimize(out.data());
     }
-    tarnCollision::setMultiThreading(saved);
     state.counters["contacts"] = double(out.size());
     state.counters["tests"] = double(tests);
     label(state, parallel ? 2 : 1);
@@ -129,12 +128,7 @@ void BM_Ours_SweptRefit(benchmark::State& state) {
 }
 
 #ifdef QG_HAVE_EMBREE
-RTCDevice deviceFor(int threads) {
-    static std::map<int, RTCDevice> devices;
-    RTCDevice& d = devices[threads];
-    if (d == nullptr) d = rtcNewDevice(("threads=" + std::to_string(threads)).c_str());
-    return d;
-}
+using qgbench::embreeDevice;
 
 // Swept segment boxes (both positions, 1e-8 pad, rounded outwards: the boxes of our tree).
 struct SweptBoxes {
@@ -189,8 +183,8 @@ void BM_Embree_StrandCCD(benchmark::State& state) {
     Scene& s = scene(int(state.range(0)));
     const int threads = state.range(1) ? 2 : 1;
     SweptBoxes boxes{&s};
-    RTCScene es = rtcNewScene(deviceFor(threads));
-    RTCGeometry g = rtcNewGeometry(deviceFor(threads), RTC_GEOMETRY_TYPE_USER);
+    RTCScene es = rtcNewScene(embreeDevice(threads));
+    RTCGeometry g = rtcNewGeometry(embreeDevice(threads), RTC_GEOMETRY_TYPE_USER);
     rtcSetGeometryUserPrimitiveCount(g, unsigned(s.curves->getNumberPrimitives()));
     rtcSetGeometryUserData(g, &boxes);
     rtcSetGeometryBoundsFunction(g, &SweptBoxes::bounds, nullptr);
