@@ -20,20 +20,12 @@
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"
 #include "qgtools/shapes.h"
+#include "../support/threading.h"
 
 namespace bvhtest {
 
 typedef GmTVector<double> V3;
 
-// Switches multithreading for the lifetime of the object.
-class ScopedThreading {
-public:
-    explicit ScopedThreading(bool on) : _old(tarnCollision::isMultiThreading()) { tarnCollision::setMultiThreading(on); }
-    ~ScopedThreading() { tarnCollision::setMultiThreading(_old); }
-
-private:
-    bool _old;
-};
 
 inline GmTriangleMesh loadData(const std::string& name) {
     return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/" + name);

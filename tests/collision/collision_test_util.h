@@ -33,6 +33,7 @@
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"
 #include "qgtools/shapes.h"
+#include "../support/threading.h"
 
 namespace collisiontest {
 
@@ -40,16 +41,6 @@ using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
 using FacePair = std::pair<int, int>;
 
-// Restores the multithreading switch when a test ends.
-class ThreadingSwitch {
-public:
-    ThreadingSwitch() : _saved(tarnCollision::isMultiThreading()) {}
-    ~ThreadingSwitch() { tarnCollision::setMultiThreading(_saved); }
-    void set(bool on) { tarnCollision::setMultiThreading(on); }
-
-private:
-    bool _saved;
-};
 
 // Meshes and trees are built serially; the queries under test switch the parallel path on
 // (serialAndParallel, ThreadingSwitch).

@@ -14,27 +14,17 @@
 
 #include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/core/tarnCollision.h>
+#include "../support/threading.h"
 
 namespace {
 
-// Restores the process-wide switch at the end of a test.
-class SwitchGuard {
-public:
-    explicit SwitchGuard(bool value) : _saved(tarnCollision::isMultiThreading()) {
-        tarnCollision::setMultiThreading(value);
-    }
-    ~SwitchGuard() { tarnCollision::setMultiThreading(_saved); }
-
-private:
-    bool _saved;
-};
 
 TEST(ParallelFrame, SwitchDefaultsToParallelAndSelectsThePath) {
     EXPECT_TRUE(tarnCollision::isMultiThreading());
     EXPECT_TRUE(GmParallel::isParallel());
     const std::thread::id caller = std::this_thread::get_id();
     {
-        SwitchGuard serial(false);
+        ScopedThreading serial(false);
         EXPECT_FALSE(GmParallel::isParallel());
         int which = 0;
         std::thread::id ranOn;
@@ -43,7 +33,7 @@ TEST(ParallelFrame, SwitchDefaultsToParallelAndSelectsThePath) {
         EXPECT_EQ(ranOn, caller);
     }
     {
-        SwitchGuard parallel(true);
+        ScopedThreading parallel(true);
         int which = 0;
         int arenaWidth = 0;
         GmParallel::dispatch([&] { which = 1; },
@@ -226,7 +216,7 @@ TEST(ParallelFrame, FlushedRecordsSpanningManyChunksKeepTheirOrder) {
 }
 
 TEST(ParallelFrame, UnmergedDirectResultsLeaveTheOutputAsItWas) {
-    SwitchGuard g(true);
+    ScopedThreading g(true);
     std::vector<int> out = {5, 6};
     {
         GmParallel::ThreadResults<int> results(out);
@@ -308,11 +298,11 @@ TEST(ParallelFrame, SerialAndParallelPathsGiveTheSameResultSet) {
     GmBVHMetrics serialMetrics, parallelMetrics;
     std::vector<Pair> serial, parallel;
     {
-        SwitchGuard g(false);
+        ScopedThreading g(false);
         serial = pairsThroughTheFrame(n, prefix, serialMetrics);
     }
     {
-        SwitchGuard g(true);
+        ScopedThreading g(true);
         parallel = pairsThroughTheFrame(n, prefix, parallelMetrics);
     }
     for (std::vector<Pair>* v : {&serial, &parallel}) {
@@ -328,7 +318,7 @@ TEST(ParallelFrame, SerialAndParallelPathsGiveTheSameResultSet) {
 }
 
 TEST(ParallelFrame, ExceptionsLeaveTheArena) {
-    SwitchGuard g(true);
+    ScopedThreading g(true);
     std::vector<int> out = {5};
     GmBVHMetrics metrics;
     EXPECT_THROW(
@@ -345,7 +335,7 @@ TEST(ParallelFrame, ExceptionsLeaveTheArena) {
     EXPECT_EQ(out, std::vector<int>{5});  // no merge happened
     // A throwing serial path propagates as well, and the frame stays usable.
     {
-        SwitchGuard s(false);
+        ScopedThreading s(false);
         EXPECT_THROW(GmParallel::dispatch([] { throw std::logic_error("serial"); }, [] {}), std::logic_error);
     }
     try {

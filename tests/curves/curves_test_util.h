@@ -11,6 +11,7 @@
 
 #include <quarrygeom/core/tarnCollision.h>
 #include <quarrygeom/curves/curves.h>
+#include "../support/threading.h"
 
 namespace curvetest {
 
@@ -18,16 +19,6 @@ using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
 using Pair = std::pair<std::int64_t, std::int64_t>;
 
-// Restores the multithreading switch when a test ends.
-class ThreadingSwitch {
-public:
-    ThreadingSwitch() : _saved(tarnCollision::isMultiThreading()) {}
-    ~ThreadingSwitch() { tarnCollision::setMultiThreading(_saved); }
-    void set(bool on) { tarnCollision::setMultiThreading(on); }
-
-private:
-    bool _saved;
-};
 
 // A set of strands with positions and per-vertex radii.
 struct Strands {

@@ -17,6 +17,7 @@
 #include "qgtools/mesh_io.h"
 #include "qgtools/pinch_scenes.h"
 #include "qgtools/shapes.h"
+#include "../support/threading.h"
 
 namespace {
 
@@ -375,8 +376,7 @@ TEST(PinchQueries, ContactFlagsMarkBuriedFeaturesAndMatchAcrossThreads) {
     const int half = s.mesh.getNumberFaces() / 2;
 
     auto run = [&](bool parallel, bool withInfo) {
-        const bool saved = tarnCollision::isMultiThreading();
-        tarnCollision::setMultiThreading(parallel);
+        ScopedThreading threading(parallel);
         std::vector<GmContinuousTimeIntersectionInfo> ct;
         std::vector<GmProximityCheckInfo> px;
         GmBVHMetrics m;
@@ -384,7 +384,6 @@ TEST(PinchQueries, ContactFlagsMarkBuriedFeaturesAndMatchAcrossThreads) {
                                           GmIntersection::kAllTests, false, false, true, 0, 1, m);
         clothTree.proximityCheck(px, 0.05, bodyTree, withInfo ? &s.info : nullptr, GmIntersection::kAllTests, false,
                                  true, 0, 1, 0.0, m);
-        tarnCollision::setMultiThreading(saved);
         std::vector<std::string> keys;
         for (const auto& r : ct) {
             std::ostringstream os;
