@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <string>
 
+#include "../bvh/GmBVHArgumentChecks.h"
 #include "GmCurveBoxes.h"
 
 using GmCurveDetail::BoxInput;
@@ -55,12 +57,12 @@ void GmGenericBoundingTree<GmCurves>::_check(const Positions& p, const std::vect
     if (p.size() < n) throw std::invalid_argument("GmGenericBoundingTree: fewer positions than curve vertices");
     if (r != nullptr && r->size() < n)
         throw std::invalid_argument("GmGenericBoundingTree: fewer offsets than curve vertices");
-    // x - x is NaN exactly when x is infinite or NaN; one sum catches any of them.
-    double acc = 0.0;
-    for (std::uint64_t v = 0; v < n; ++v) acc += (p[v].x - p[v].x) + (p[v].y - p[v].y) + (p[v].z - p[v].z);
+    if (!GmBVHChecks::allFinite(p.data(), n))
+        GmBVHChecks::throwNonFinite("GmGenericBoundingTree", "curve vertex", p.data(), n);
     if (r != nullptr)
-        for (std::uint64_t v = 0; v < n; ++v) acc += (*r)[v] - (*r)[v];
-    if (acc != 0.0) throw std::invalid_argument("GmGenericBoundingTree: non-finite position or offset");
+        for (std::uint64_t v = 0; v < n; ++v)
+            if (!std::isfinite((*r)[v]))
+                throw std::invalid_argument("GmGenericBoundingTree: offset " + std::to_string(v) + " is not finite");
 }
 
 void GmGenericBoundingTree<GmCurves>::reset() {
