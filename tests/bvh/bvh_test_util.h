@@ -1,13 +1,14 @@
 #pragma once
 
-// Shared helpers of the hierarchy tests: meshes, a plain reference build of the tree written
-// from its rules, brute-force references.
+// Shared fixture of the hierarchy tests: one table of meshes, a reference build and refit written
+// from the tree's rules with their own outward float rounding, and brute-force scans.
 
 #include <algorithm>
 #include <array>
 #include <cfloat>
 #include <cmath>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,15 @@ namespace bvhtest {
 
 typedef GmTVector<double> V3;
 
-
 inline GmTriangleMesh loadData(const std::string& name) {
     return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/" + name);
+}
+
+// Appends the triangle (a, b, c) as three new vertices.
+inline void addTriangle(qgtools::PolygonSoup& s, const V3& a, const V3& b, const V3& c) {
+    const int i = s.numVertices();
+    s.positions.insert(s.positions.end(), {a, b, c});
+    s.triangles.push_back({i, i + 1, i + 2});
 }
 
 // n random triangles in the unit cube (a soup: no shared vertices).
@@ -38,10 +45,18 @@ inline GmTriangleMesh randomSoup(int n, unsigned seed) {
     qgtools::PolygonSoup s;
     for (int i = 0; i < n; ++i) {
         const V3 c(u(rng), u(rng), u(rng));
-        for (int k = 0; k < 3; ++k) s.positions.push_back(c + V3(u(rng) - 0.5, u(rng) - 0.5, u(rng) - 0.5) * 0.2);
-        s.triangles.push_back({3 * i, 3 * i + 1, 3 * i + 2});
+        auto corner = [&] { return c + V3(u(rng) - 0.5, u(rng) - 0.5, u(rng) - 0.5) * 0.2; };
+        const V3 a = corner(), b = corner();
+        addTriangle(s, a, b, corner());
     }
     return qgtools::meshFromSoup(s);
+}
+
+inline GmTriangleMesh transformed(GmTriangleMesh mesh, const V3& offset, double scale) {
+    std::vector<V3> p = mesh.getVertices();
+    for (V3& v : p) v = (v + offset) * scale;
+    mesh.setVertices(p);
+    return mesh;
 }
 
 inline std::vector<V3> jitteredPositions(const GmTriangleMesh& mesh, double amount, unsigned seed) {
@@ -52,7 +67,45 @@ inline std::vector<V3> jitteredPositions(const GmTriangleMesh& mesh, double amou
     return p;
 }
 
-// ---- Reference build ----------------------------------------------------------------------
+// A flat sheet (exact coordinates, equal split keys) next to upright strips, needles and slivers
+// of height 1e-7: the split axes change from one subtree to the next.
+inline GmTriangleMesh mixedMesh() {
+    qgtools::PolygonSoup s = qgtools::clothGridSoup(24, 16);
+    for (int i = 0; i < 12; ++i)
+        for (int j = 0; j < 4; ++j) {
+            const double x = 0.6 + i * 0.02, z = j * 0.05;
+            addTriangle(s, V3(x, 0.5, z), V3(x + 0.02, 0.5, z), V3(x, 0.5, z + 0.05));
+            addTriangle(s, V3(0.2, 0.1 + i * 0.03, z), V3(0.2, 0.13 + i * 0.03, z), V3(0.2, 0.1 + i * 0.03, z + 0.05));
+        }
+    for (int i = 0; i < 10; ++i) {
+        addTriangle(s, V3(0.9, 0.9, i * 0.1), V3(0.9001, 0.9, i * 0.1 + 0.1), V3(0.9, 0.9001, i * 0.1));
+        addTriangle(s, V3(0.1 * i, 0.95, 0), V3(0.1 * i + 0.1, 0.95, 0), V3(0.1 * i, 0.95 + 1e-7, 0));
+    }
+    return qgtools::meshFromSoup(s);
+}
+
+struct NamedMesh {
+    std::string name;
+    GmTriangleMesh mesh;
+};
+
+// The table every behaviour is checked on: a soup, closed meshes, flat and degenerate faces, and
+// a sphere scaled by powers of two off the origin.
+inline std::vector<NamedMesh> testMeshes() {
+    std::vector<NamedMesh> m;
+    m.push_back({"soup", randomSoup(300, 5)});
+    m.push_back({"icosphere", qgtools::makeIcosphere(3)});
+    m.push_back({"torus", qgtools::makeTorus(30, 12)});
+    m.push_back({"cube", qgtools::makeCube()});
+    m.push_back({"spot", loadData("spot.obj")});
+    m.push_back({"grid", qgtools::makeClothGrid(20, 13)});
+    m.push_back({"mixed", mixedMesh()});
+    m.push_back({"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)});
+    m.push_back({"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)});
+    return m;
+}
+
+// ---- Reference build and refit ---------------------------------------------------------------
 
 struct RefNode {
     GmAxisAlignedBox box;
@@ -61,87 +114,97 @@ struct RefNode {
     bool frozen = false;
 };
 
-// The padded bounds of a face's points, rounded outwards to floats.
-inline GmAxisAlignedBox refLeafBox(const std::vector<V3>& pts, double pad) {
-    double mn[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, mx[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
-    for (const V3& p : pts)
-        for (int a = 0; a < 3; ++a) {
-            mn[a] = std::min(mn[a], p[a]);
-            mx[a] = std::max(mx[a], p[a]);
+// The largest float at least pad below v, and the smallest at least pad above.
+inline float floatBelow(double v, double pad) {
+    const double t = v - pad;
+    float f = t > FLT_MAX ? HUGE_VALF : t < -FLT_MAX ? -HUGE_VALF : static_cast<float>(t);
+    while (static_cast<double>(f) > t || v - static_cast<double>(f) < pad) f = std::nextafter(f, -HUGE_VALF);
+    return f;
+}
+inline float floatAbove(double v, double pad) { return -floatBelow(-v, pad); }
+
+// Leaf boxes and flags by face. mode 0 plain, 1 swept to positions, 2 thickened.
+inline std::vector<RefNode> refLeaves(const GmTriangleMesh& mesh, int mode, const std::vector<V3>* positions,
+                                      double thickness, const GmDisabledData* disabled = nullptr,
+                                      const GmFrozenData* frozen = nullptr) {
+    std::vector<RefNode> leaves(static_cast<size_t>(mesh.getNumberFaces()));
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        std::vector<V3> pts;
+        for (const int v : mesh.getFace(f).vertices) {
+            pts.push_back(mesh.getVertex(v));
+            if (mode == 1) pts.push_back((*positions)[static_cast<size_t>(v)]);
         }
-    GmAxisAlignedBox b;
-    b.minX = GmAxisAlignedBox::padDown(mn[0], pad);
-    b.minY = GmAxisAlignedBox::padDown(mn[1], pad);
-    b.minZ = GmAxisAlignedBox::padDown(mn[2], pad);
-    b.maxX = GmAxisAlignedBox::padUp(mx[0], pad);
-    b.maxY = GmAxisAlignedBox::padUp(mx[1], pad);
-    b.maxZ = GmAxisAlignedBox::padUp(mx[2], pad);
-    return b;
+        const double pad = mode == 2 ? thickness + 1e-8 : 1e-8;
+        float lo[3], hi[3];
+        for (int a = 0; a < 3; ++a) {
+            double mn = DBL_MAX, mx = -DBL_MAX;
+            for (const V3& p : pts) mn = std::min(mn, p[a]), mx = std::max(mx, p[a]);
+            lo[a] = floatBelow(mn, pad);
+            hi[a] = floatAbove(mx, pad);
+        }
+        RefNode& l = leaves[static_cast<size_t>(f)];
+        l.box = GmAxisAlignedBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]);
+        l.face = f;
+        l.disabled = disabled != nullptr && disabled->getCount() != 0 && disabled->isFaceDisabled(f);
+        l.frozen = frozen != nullptr && frozen->getCount() != 0 && frozen->isFaceFrozen(f);
+    }
+    return leaves;
 }
 
-// mode 0 plain, 1 swept (positions), 2 thickened (thickness).
-inline GmAxisAlignedBox refFaceBox(const GmTriangleMesh& mesh, int f, int mode, const std::vector<V3>* positions,
-                                   double thickness) {
-    std::vector<V3> pts;
-    for (int k = 0; k < 3; ++k) pts.push_back(mesh.getVertex(mesh.getFace(f).vertices[k]));
-    if (mode == 1)
-        for (int k = 0; k < 3; ++k) pts.push_back((*positions)[static_cast<size_t>(mesh.getFace(f).vertices[k])]);
-    return refLeafBox(pts, mode == 2 ? thickness + 1e-8 : 1e-8);
+inline RefNode joinedNode(const RefNode& a, const RefNode& b) {
+    RefNode n;
+    n.box = a.box;
+    n.box.expand(b.box);
+    n.disabled = a.disabled && b.disabled;
+    n.frozen = a.frozen && b.frozen;
+    return n;
 }
 
-// Straight from the rules: full sort of the node's items by (centre on the axis of the
-// largest box extent, face index), left count from the largest power of two not above k/2.
-inline void refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves, std::vector<int> items,
-                         int i, std::vector<RefNode>& nodes) {
+// Straight from the rules: full sort of the node's items by (centre on the axis of the largest
+// box extent, face index), left count from the largest power of two not above k/2.
+inline int refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves, std::vector<int> items, int i,
+                        std::vector<RefNode>& nodes) {
     const int k = static_cast<int>(items.size());
     if (k == 1) {
         nodes[static_cast<size_t>(i)] = leaves[static_cast<size_t>(items[0])];
-        return;
+        return i;
     }
-    RefNode node;
-    node.disabled = node.frozen = true;
-    for (int f : items) {
-        const RefNode& l = leaves[static_cast<size_t>(f)];
-        node.box.expand(l.box);
-        node.disabled = node.disabled && l.disabled;
-        node.frozen = node.frozen && l.frozen;
-    }
-    nodes[static_cast<size_t>(i)] = node;
     int m = 1;
     if (k > 2) {
+        GmAxisAlignedBox box;
+        for (int f : items) box.expand(leaves[static_cast<size_t>(f)].box);
         int p = 1;
         while (2 * p <= k / 2) p *= 2;
         m = std::min(k - p, 2 * p);
-        const float ext[3] = {node.box.maxX - node.box.minX, node.box.maxY - node.box.minY,
-                              node.box.maxZ - node.box.minZ};
-        int axis = 0;
-        if (ext[1] > ext[axis]) axis = 1;
-        if (ext[2] > ext[axis]) axis = 2;
+        const float ext[3] = {box.maxX - box.minX, box.maxY - box.minY, box.maxZ - box.minZ};
+        const int axis = ext[2] > std::max(ext[0], ext[1]) ? 2 : ext[1] > ext[0] ? 1 : 0;
         std::sort(items.begin(), items.end(), [&](int a, int b) {
             const double ka = mesh.getFaceCenter(a)[axis], kb = mesh.getFaceCenter(b)[axis];
             return ka < kb || (ka == kb && a < b);
         });
     }
-    refBuildNode(mesh, leaves, std::vector<int>(items.begin(), items.begin() + m), 2 * i + 1, nodes);
-    refBuildNode(mesh, leaves, std::vector<int>(items.begin() + m, items.end()), 2 * i + 2, nodes);
+    const int l = refBuildNode(mesh, leaves, std::vector<int>(items.begin(), items.begin() + m), 2 * i + 1, nodes);
+    const int r = refBuildNode(mesh, leaves, std::vector<int>(items.begin() + m, items.end()), 2 * i + 2, nodes);
+    nodes[static_cast<size_t>(i)] = joinedNode(nodes[static_cast<size_t>(l)], nodes[static_cast<size_t>(r)]);
+    return i;
 }
 
-inline std::vector<RefNode> referenceBuild(const GmTriangleMesh& mesh, int mode, const std::vector<V3>* positions,
-                                           double thickness, const GmDisabledData* disabled = nullptr,
-                                           const GmFrozenData* frozen = nullptr) {
+inline std::vector<RefNode> referenceBuild(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves) {
     const int n = mesh.getNumberFaces();
-    std::vector<RefNode> leaves(static_cast<size_t>(n));
-    for (int f = 0; f < n; ++f) {
-        leaves[static_cast<size_t>(f)].box = refFaceBox(mesh, f, mode, positions, thickness);
-        leaves[static_cast<size_t>(f)].face = f;
-        leaves[static_cast<size_t>(f)].disabled = disabled != nullptr && disabled->getCount() != 0 && disabled->isFaceDisabled(f);
-        leaves[static_cast<size_t>(f)].frozen = frozen != nullptr && frozen->getCount() != 0 && frozen->isFaceFrozen(f);
-    }
     std::vector<RefNode> nodes(static_cast<size_t>(n > 0 ? 2 * n - 1 : 0));
-    if (n == 0) return nodes;
     std::vector<int> items(static_cast<size_t>(n));
     for (int f = 0; f < n; ++f) items[static_cast<size_t>(f)] = f;
-    refBuildNode(mesh, leaves, items, 0, nodes);
+    if (n > 0) refBuildNode(mesh, leaves, items, 0, nodes);
+    return nodes;
+}
+
+// What a refit must give the tree's present shape: leaves by face, internal nodes joined bottom-up.
+inline std::vector<RefNode> referenceRefit(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& leaves) {
+    std::vector<RefNode> nodes(static_cast<size_t>(h.getNumberNodes()));
+    for (int i = h.getNumberNodes() - 1; i >= 0; --i)
+        nodes[static_cast<size_t>(i)] = h.getNode(i).isLeaf()
+                                            ? leaves[static_cast<size_t>(h.getFaceIndex(h.getNode(i)))]
+                                            : joinedNode(nodes[static_cast<size_t>(2 * i + 1)], nodes[static_cast<size_t>(2 * i + 2)]);
     return nodes;
 }
 
@@ -160,8 +223,7 @@ inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face
            e.vertices[2] == f.vertices[2];
 }
 
-// Index of the first node that differs (leaf-table entries included), -1 when the trees are
-// equal node for node.
+// Index of the first node that differs (leaf-table entries included), -1 when equal node for node.
 inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& ref) {
     if (static_cast<size_t>(h.getNumberNodes()) != ref.size()) return -2;
     if (h.getLeafFaces().size() != static_cast<size_t>(h.getNumberLeafNodes())) return -3;
@@ -176,51 +238,94 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
 }
 
 inline int firstDifference(const GmBoundingVolumeHierarchy& a, const GmBoundingVolumeHierarchy& b) {
-    if (a.getNumberNodes() != b.getNumberNodes()) return -2;
-    for (int i = 0; i < a.getNumberNodes(); ++i) {
-        const auto& x = a.getNode(i);
-        const auto& y = b.getNode(i);
-        if (!sameBox(x.box, y.box) || x.primitive != y.primitive || x.disabled != y.disabled || x.frozen != y.frozen)
-            return i;
-        if (x.primitive != nullptr && (!leafEntryMatches(a, i, x.primitive->index) ||
-                                       !leafEntryMatches(b, i, y.primitive->index)))
-            return i;
-    }
-    return -1;
+    std::vector<RefNode> ref;
+    for (const auto& n : b.getNodes()) ref.push_back({n.box, b.getFaceIndex(n), n.disabled, n.frozen});
+    return firstDifference(a, ref);
 }
 
 // ---- Brute-force references ---------------------------------------------------------------
 
-// Smallest distance from p to any face (optionally skipping faces for which skip(f) holds).
-template <class Skip>
-inline double bruteDistance(const GmTriangleMesh& mesh, const V3& p, Skip skip, int* faceOut = nullptr) {
-    double best = DBL_MAX;
+// Closest face among those `keep` admits: smallest squared distance, ties to the smallest index.
+struct FaceAnswer {
+    int face = -1;
+    double d2 = DBL_MAX, s = 0.0, t = 0.0;
+    double distance() const { return face < 0 ? DBL_MAX : std::sqrt(d2); }
+};
+template <class Keep>
+FaceAnswer scanFaces(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    FaceAnswer best;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        if (skip(f)) continue;
         double s, t;
         const double d2 = GmGeometry::closestParametricPointOnTriangle(p, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
                                                                        mesh.getFaceVertex3(f), s, t);
-        if (d2 < best) {
-            best = d2;
-            if (faceOut) *faceOut = f;
-        }
+        if (d2 < best.d2 && keep(f, s, t)) best = FaceAnswer{f, d2, s, t};
     }
-    return best == DBL_MAX ? DBL_MAX : std::sqrt(best);
+    return best;
 }
 inline double bruteDistance(const GmTriangleMesh& mesh, const V3& p) {
-    return bruteDistance(mesh, p, [](int) { return false; });
+    return scanFaces(mesh, p, [](int, double, double) { return true; }).distance();
 }
 
-// Generalised winding number (sum of signed solid angles / 4 pi); 1 inside a closed outward
-// mesh, 0 outside.
+// Nearest vertex of the faces `keep` admits; ties to the smallest index.
+template <class Keep>
+int scanVertices(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    int best = -1;
+    double bestD2 = DBL_MAX;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        if (!keep(f)) continue;
+        for (const int v : mesh.getFace(f).vertices) {
+            const double d2 = (mesh.getVertex(v) - p).lengthSquared();
+            if (d2 < bestD2 || (d2 == bestD2 && v < best)) best = v, bestD2 = d2;
+        }
+    }
+    return best;
+}
+
+// Faces the ray meets, by the triangle test alone.
+template <class Keep>
+std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep) {
+    std::set<int> s;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (keep(f) && GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
+                                                   mesh.getFaceVertex3(f), point, t, u, v))
+            s.insert(f);
+    }
+    return s;
+}
+inline std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d) {
+    return bruteRay(mesh, o, d, [](int) { return true; });
+}
+
+// Nearest hit: smallest (t, face), with the triangle test's own outputs.
+inline bool bruteFirst(const GmTriangleMesh& mesh, const V3& o, const V3& d, GmPointIntersectionInfo& best,
+                       double& bestT) {
+    bool found = false;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (!GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
+                                         point, t, u, v) ||
+            (found && !(t < bestT)))
+            continue;
+        found = true;
+        bestT = t;
+        best.triangleIndex = f;
+        best.point = point;
+        best.barycentric = V3(1 - u - v, u, v);
+    }
+    return found;
+}
+
+// Generalised winding number: 1 inside a closed outward mesh, 0 outside.
 inline double windingNumber(const GmTriangleMesh& mesh, const V3& p) {
     double sum = 0.0;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
         const V3 a = mesh.getFaceVertex1(f) - p, b = mesh.getFaceVertex2(f) - p, c = mesh.getFaceVertex3(f) - p;
         const double la = a.length(), lb = b.length(), lc = c.length();
-        const double num = a.dot(b.cross(c));
         const double den = la * lb * lc + a.dot(b) * lc + b.dot(c) * la + c.dot(a) * lb;
-        sum += 2.0 * std::atan2(num, den);
+        sum += 2.0 * std::atan2(a.dot(b.cross(c)), den);
     }
     return sum / (4.0 * 3.14159265358979323846);
 }
@@ -235,10 +340,28 @@ inline GmAxisAlignedBox meshBounds(const GmTriangleMesh& mesh) {
 inline V3 randomPointAround(const GmTriangleMesh& mesh, std::mt19937& rng, double margin) {
     const GmAxisAlignedBox b = meshBounds(mesh);
     const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ);
-    const double pad = (mx - mn).length() * margin;
+    const V3 pad = V3(1, 1, 1) * ((mx - mn).length() * margin);
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    return V3(mn.x - pad + (mx.x - mn.x + 2 * pad) * u(rng), mn.y - pad + (mx.y - mn.y + 2 * pad) * u(rng),
-              mn.z - pad + (mx.z - mn.z + 2 * pad) * u(rng));
+    const V3 lo = mn - pad, size = mx - mn + pad * 2.0;
+    return V3(lo.x + size.x * u(rng), lo.y + size.y * u(rng), lo.z + size.z * u(rng));
+}
+
+// Random points around the mesh, and points exactly on faces, edges and vertices.
+inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    std::vector<V3> pts;
+    for (int i = 0; i < count; ++i) pts.push_back(randomPointAround(mesh, rng, 0.3));
+    for (int i = 0; i < count / 4; ++i) {
+        const int f = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces()));
+        const V3 &a = mesh.getFaceVertex1(f), &b = mesh.getFaceVertex2(f), &c = mesh.getFaceVertex3(f);
+        double s = u(rng), t = u(rng);
+        if (s + t > 1) s = 1 - s, t = 1 - t;
+        pts.push_back(a * (1 - s - t) + b * s + c * t);
+        pts.push_back(a * (1 - s) + b * s);
+        pts.push_back(c);
+    }
+    return pts;
 }
 
 }  // namespace bvhtest
