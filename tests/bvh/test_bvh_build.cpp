@@ -101,18 +101,6 @@ TEST(BvhBuild, EqualsReferenceInEveryMode) {
     }
 }
 
-TEST(BvhBuild, EqualCentresGoByFaceIndex) {
-    // Four faces spanning x in [0, 20] with every centre at x = 10: leaves 3..6 hold faces 0..3.
-    qgtools::PolygonSoup t;
-    for (int i = 0; i < 4; ++i) {
-        const double y = 3.0 * (3 - i);
-        addTriangle(t, V3(0, y, 0), V3(20, y, 0), V3(10, y + 1, 0));
-    }
-    GmTriangleMesh ties = qgtools::meshFromSoup(t);
-    GmBoundingVolumeHierarchy h(&ties);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(h.getFaceIndex(h.getNode(3 + i)), i);
-}
-
 // ---- Refit --------------------------------------------------------------------------------
 
 // After each refit every node equals the reference refit of the unchanged shape, serial and
@@ -199,19 +187,6 @@ TEST(BvhLifecycle, EmptyMeshIsHarmless) {
     tree.update(true);
 }
 
-TEST(BvhLifecycle, CopiesAreIndependentAndEqual) {
-    GmTriangleMesh mesh = qgtools::makeTorus(12, 8);
-    GmBoundingVolumeHierarchy h(&mesh, 0.1);
-    h.setIgnoreFrozen(true);
-    GmBoundingVolumeHierarchy copy(h);
-    EXPECT_EQ(firstDifference(h, copy), -1);
-    EXPECT_TRUE(copy.ignoreFrozen());
-    h.refit(0.5);
-    EXPECT_NE(firstDifference(h, copy), -1);
-    copy = h;
-    EXPECT_EQ(firstDifference(h, copy), -1);
-}
-
 // Exposes the facade's protected parts.
 class TestTree : public GmBoundingTree {
 public:
@@ -220,7 +195,7 @@ public:
     void release() { _hierarchy = nullptr; }
 };
 
-TEST(BvhFacade, UpdateResetAndShallowAssignment) {
+TEST(BvhFacade, UpdateResetAndCopies) {
     GmTriangleMesh mesh = qgtools::makeIcosphere(2);
     TestTree tree(&mesh);
     const GmAxisAlignedBox root = tree.getRootAxisAlignedBox();
@@ -252,6 +227,14 @@ TEST(BvhFacade, UpdateResetAndShallowAssignment) {
     GmBoundingTree deep(tree);
     EXPECT_NE(deep.getHierarchy(), tree.getHierarchy());
     EXPECT_EQ(firstDifference(*deep.getHierarchy(), *tree.getHierarchy()), -1);
+
+    // Hierarchy copies are equal and independent.
+    GmBoundingVolumeHierarchy h(&mesh, 0.1), copy(h);
+    EXPECT_EQ(firstDifference(h, copy), -1);
+    h.refit(0.5);
+    EXPECT_NE(firstDifference(h, copy), -1);
+    copy = h;
+    EXPECT_EQ(firstDifference(h, copy), -1);
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "bvh_test_util.h"
 
 using namespace bvhtest;
@@ -51,13 +49,6 @@ GmTriangleMesh openBox() {  // the unit cube without its top
     return qgtools::meshFromSoup(open);
 }
 
-GmTriangleMesh soupMesh(std::vector<V3> positions, std::vector<std::array<int, 3>> triangles) {
-    qgtools::PolygonSoup s;
-    s.positions = std::move(positions);
-    s.triangles = std::move(triangles);
-    return qgtools::meshFromSoup(s);
-}
-
 // Two tetrahedra sharing one vertex: every edge has two faces, the vertex two fans.
 GmTriangleMesh tetrahedraAtOneVertex() {
     qgtools::PolygonSoup a = qgtools::tetrahedronSoup(1.0), s = a;
@@ -97,12 +88,12 @@ std::vector<InsideCase> insideCases() {
     // Closed, positive volume, no separate faces meet, yet adjacent faces overlap: a folded flap,
     // and a pyramid whose twisted apex fan pokes a base edge through a side face.
     c.push_back({"folded flap",
-                 soupMesh({V3(0, 0, 0), V3(1, 0, 0), V3(0.5, 1, 0), V3(0.5, 0.8, 0), V3(0.5, 0.9, -1)},
-                          {{0, 1, 2}, {1, 0, 3}, {2, 1, 4}, {0, 2, 4}, {3, 0, 4}, {1, 3, 4}}),
+                 qgtools::meshFromSoup({{V3(0, 0, 0), V3(1, 0, 0), V3(0.5, 1, 0), V3(0.5, 0.8, 0), V3(0.5, 0.9, -1)},
+                                        {{0, 1, 2}, {1, 0, 3}, {2, 1, 4}, {0, 2, 4}, {3, 0, 4}, {1, 3, 4}}}),
                  false});
     c.push_back({"twisted pyramid",
-                 soupMesh({V3(0, 0, 1), V3(-1, 0, 0), V3(0, -1, 0), V3(1, 0, 0), V3(-0.5, -0.8, 0.1)},
-                          {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 1}, {1, 4, 3}, {3, 2, 1}}),
+                 qgtools::meshFromSoup({{V3(0, 0, 1), V3(-1, 0, 0), V3(0, -1, 0), V3(1, 0, 0), V3(-0.5, -0.8, 0.1)},
+                                        {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 1}, {1, 4, 3}, {3, 2, 1}}}),
                  false});
     return c;
 }
@@ -264,6 +255,8 @@ TEST(BvhInside, AnswersDoNotDependOnScale) {
     }
 }
 
+// Known fault: on closed meshes of radius about 2^-12 and below, the signed search with the inside
+// check answers "not inside" for points well inside, while isInsideMesh is right.
 TEST(BvhInside, DISABLED_SignedSearchInsideTinyMeshes) {
     for (const double scale : {0x1p-12, 0x1p-16}) {
         GmTriangleMesh mesh = transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), scale);
@@ -296,24 +289,28 @@ TEST(BvhInside, BoundariesAndClosestFaceSets) {
     ASSERT_GE(far, 0);
     EXPECT_FALSE(h.isBoundaryPoint(far, GmGeometry::ON_EDGE_2, false));
 
+    // The faces sharing the feature a closest point lies on, against a scan of every face: appended
+    // to the list, except that a vertex's replace it.
     GmTriangleMesh grid = qgtools::makeClothGrid(3, 3);
     GmBoundingVolumeHierarchy hg(&grid);
-    EXPECT_FALSE(hg.isMeshClosed(true));
-    std::vector<int> faces{99};
-    EXPECT_EQ(hg.getClosestFaceSet(4, GmGeometry::INSIDE, faces), 1);
-    EXPECT_EQ(faces, (std::vector<int>{99, 4}));  // appended
-    faces.clear();
-    EXPECT_EQ(hg.getClosestFaceSet(8, GmGeometry::ON_EDGE_3, faces), 2);  // the diagonal of quad (1, 1)
-    std::sort(faces.begin(), faces.end());
-    EXPECT_EQ(faces, (std::vector<int>{8, 9}));
-    faces.clear();
-    EXPECT_EQ(hg.getClosestFaceSet(0, GmGeometry::ON_EDGE_1, faces), 1);  // boundary edge y = 0
-    faces = {1, 2, 3};
-    EXPECT_EQ(hg.getClosestFaceSet(8, GmGeometry::ON_VERTEX_1, faces), 6);
-    EXPECT_EQ(faces, grid.getNeighborFacesToVertex(grid.getFace(8).vertices[0]));
-    faces.clear();
-    EXPECT_EQ(hg.getClosestFaceSet(8, GmGeometry::INVALID, faces), 0);
-    EXPECT_TRUE(faces.empty());
+    for (int f = 0; f < grid.getNumberFaces(); ++f)
+        for (int type = GmGeometry::INSIDE; type <= GmGeometry::INVALID; ++type) {
+            const int* v = grid.getFace(f).vertices;
+            const bool vertexType = type >= GmGeometry::ON_VERTEX_1 && type <= GmGeometry::ON_VERTEX_3;
+            std::vector<int> expected, faces{99};
+            for (int g = 0; g < grid.getNumberFaces() && type != GmGeometry::INVALID; ++g) {
+                const int* w = grid.getFace(g).vertices;
+                auto has = [&](int x) { return w[0] == x || w[1] == x || w[2] == x; };
+                if (type == GmGeometry::INSIDE ? g == f
+                    : vertexType               ? has(v[type - 1])
+                                               : has(v[type - 4]) && has(v[(type - 3) % 3]))
+                    expected.push_back(g);
+            }
+            EXPECT_EQ(hg.getClosestFaceSet(f, GmGeometry::PointOnTriType(type), faces), int(expected.size()));
+            if (!vertexType) faces.erase(faces.begin());
+            std::sort(faces.begin(), faces.end());
+            EXPECT_EQ(faces, expected) << f << " " << type;
+        }
 }
 
 TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
@@ -341,32 +338,22 @@ TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
         ASSERT_EQ(results.size(), expected.size() + 1);
         for (size_t k = 0; k < expected.size(); ++k) {
             const GmInsideInfo &r = results[k + 1], &e = expected[k];
-            EXPECT_EQ(r.vertex, e.vertex);
-            EXPECT_EQ(r.closestFace, e.closestFace);
-            EXPECT_EQ(r.distance, e.distance);
-            EXPECT_EQ(r.closestPoint, e.closestPoint);
-            EXPECT_EQ(r.objectIndex1, 3);
-            EXPECT_EQ(r.objectIndex2, 4);
+            EXPECT_TRUE(r.vertex == e.vertex && r.closestFace == e.closestFace && r.distance == e.distance &&
+                        r.closestPoint == e.closestPoint && r.objectIndex1 == 3 && r.objectIndex2 == 4) << k;
             EXPECT_NEAR(r.distance, bruteDistance(big, probe.getVertex(r.vertex)), 1e-9);
             const V3 q = big.getFaceVertex1(r.closestFace) * r.barycentric.x +
                          big.getFaceVertex2(r.closestFace) * r.barycentric.y +
                          big.getFaceVertex3(r.closestFace) * r.barycentric.z;
             EXPECT_NEAR((q - r.closestPoint).length(), 0.0, 1e-12);
         }
-        // The multi-object forms.
+        // The multi-object form.
         std::vector<GmInsideInfo> multi;
         std::vector<int> objects{7};
         GmBVHMetrics metrics;
         EXPECT_TRUE(probeTree.intersect({&bigTree}, {nullptr}, 2, objects, multi, false, true, metrics));
         ASSERT_EQ(multi.size(), expected.size());
-        for (size_t k = 0; k < multi.size(); ++k) {
-            EXPECT_EQ(multi[k].vertex, expected[k].vertex);
-            EXPECT_EQ(multi[k].objectIndex1, 2);
-            EXPECT_EQ(multi[k].objectIndex2, 7);
-        }
-        probeTree.getHierarchy()->pointsInsideMeshes({bigTree.getHierarchy()}, {nullptr}, 0, {5}, multi, false, true,
-                                                     metrics);
-        EXPECT_EQ(multi.size(), expected.size());
+        for (size_t k = 0; k < multi.size(); ++k)
+            EXPECT_TRUE(multi[k].vertex == expected[k].vertex && multi[k].objectIndex1 == 2 && multi[k].objectIndex2 == 7);
     }
     // Nothing inside: false, the vector cleared.
     GmTriangleMesh farAway = qgtools::makeIcosphere(1, 0.1, V3(10, 0, 0));
@@ -425,52 +412,6 @@ TEST(BvhInside, MasksRefitsAndCopiesDropTheCheck) {
     EXPECT_GT(expectSameAnswers(ht, makeProbes(two, 9).uniform, "apart"), 95);
     ht.build();
     EXPECT_FALSE(ht.insideQueriesPrepared(true));
-}
-
-TEST(BvhInside, BuiltLazilyWhileQueriesAgree) {
-    GmTriangleMesh mesh = qgtools::makeIcosphere(4);
-    ParityTree h(&mesh);
-    std::mt19937 rng(4);
-    for (int round = 0; round < 3; ++round) {  // a few queries per refit never pay for the check
-        for (int i = 0; i < 7; ++i) h.isInsideMesh(randomPointAround(mesh, rng, 0.0), true);
-        EXPECT_FALSE(h.insideQueriesPrepared(true)) << "round " << round;
-        h.refit();
-    }
-    int queries = 0;
-    for (; !h.insideQueriesPrepared(true) && queries < 1000000; ++queries) {
-        const V3 p = randomPointAround(mesh, rng, 0.0);
-        ASSERT_EQ(h.isInsideMesh(p, true), definedInside(h, p, true)) << p;
-    }
-    EXPECT_TRUE(h.insideQueriesPrepared(true)) << queries << " queries";
-}
-
-TEST(BvhInside, ConcurrentQueriesMatchSerialOnes) {
-    GmTriangleMesh mesh = qgtools::makeIcosphere(3);
-    mesh.fillCaches();  // the searches read cached normals; fill them before sharing the mesh
-    std::mt19937 rng(8);
-    std::vector<V3> points;
-    for (int i = 0; i < 3000; ++i) points.push_back(randomPointAround(mesh, rng, 0.05));
-    std::vector<char> serial;
-    {
-        GmBoundingVolumeHierarchy reference(&mesh);
-        for (const V3& p : points) serial.push_back(definedInside(reference, p, true));
-    }
-    // A fresh tree: the check gets built by one of the threads while the others query.
-    GmBoundingVolumeHierarchy h(&mesh);
-    const int threads = 4;
-    std::vector<std::vector<char>> answers(threads, std::vector<char>(points.size()));
-    std::vector<std::thread> pool;
-    for (int t = 0; t < threads; ++t)
-        pool.emplace_back([&, t] {
-            for (int round = 0; round < 2; ++round)
-                for (size_t i = 0; i < points.size(); ++i) {
-                    const size_t k = (i * 7 + static_cast<size_t>(t) * 131) % points.size();
-                    answers[static_cast<size_t>(t)][k] = h.isInsideMesh(points[k], true);
-                }
-        });
-    for (std::thread& th : pool) th.join();
-    EXPECT_TRUE(h.insideQueriesPrepared(true));
-    for (int t = 0; t < threads; ++t) EXPECT_EQ(answers[static_cast<size_t>(t)], serial) << "thread " << t;
 }
 
 }  // namespace

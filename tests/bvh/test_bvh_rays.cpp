@@ -190,26 +190,46 @@ TEST(BvhRays, AppendMissAndDegenerate) {
     EXPECT_FALSE(tree.intersectFirst(GmRay(V3(0.3, 0.4, 1.0), V3(0, 0, 0)), hit, true));
 }
 
-// Threads querying one tree while its wide copy is made on demand get the records of a tree
-// that never makes one.
-TEST(BvhRays, ConcurrentQueriesWhileTheCopyIsMade) {
+// Threads querying one fresh tree while it makes its caches on demand (the wide ray copy, the
+// compact search boxes, the inside check) get the answers of fresh copies, which never make them.
+TEST(BvhConcurrency, QueriesWhileCachesAreMade) {
     GmTriangleMesh mesh = qgtools::makeTorus(40, 16);
+    mesh.fillCaches();  // the searches read cached normals; fill them before sharing the mesh
     const GmBoundingVolumeHierarchy tree(&mesh);
-    const std::vector<std::pair<V3, V3>> rays = testRays(mesh, 77, 400);
-    std::vector<std::vector<GmPointIntersectionInfo>> expected(rays.size());
-    for (size_t i = 0; i < rays.size(); ++i)
-        GmBoundingVolumeHierarchy(tree).intersect(GmRay(rays[i].first, rays[i].second), expected[i], false, true);
-    std::vector<std::vector<GmPointIntersectionInfo>> got[2];
-    std::vector<std::thread> threads;
-    for (int k = 0; k < 2; ++k)
-        threads.emplace_back([&, k] {
-            got[k].resize(rays.size());
-            for (size_t i = 0; i < rays.size(); ++i)
-                tree.intersect(GmRay(rays[i].first, rays[i].second), got[k][i], false, true);
+    const std::vector<std::pair<V3, V3>> rays = testRays(mesh, 77, 1500);
+    struct Answer {
+        std::vector<GmPointIntersectionInfo> hits;
+        int face = -1;
+        bool inside = false;
+    };
+    auto ask = [&](const GmBoundingVolumeHierarchy& h, size_t i, Answer& a) {
+        h.intersect(GmRay(rays[i].first, rays[i].second), a.hits, false, true);
+        V3 c, n;
+        double s, t;
+        h.findClosestPoint(rays[i].first, c, n, a.face, s, t, nullptr, true);
+        a.inside = h.isInsideMesh(rays[i].first, true);
+    };
+    std::vector<Answer> expected(rays.size());
+    for (size_t i = 0; i < rays.size(); ++i) ask(GmBoundingVolumeHierarchy(tree), i, expected[i]);
+    const int threads = 4;
+    std::vector<std::vector<Answer>> got(threads, std::vector<Answer>(rays.size()));
+    std::vector<std::thread> pool;
+    for (int k = 0; k < threads; ++k)
+        pool.emplace_back([&, k] {
+            for (int round = 0; round < 2; ++round)
+                for (size_t i = 0; i < rays.size(); ++i) {
+                    const size_t j = (i * 7 + static_cast<size_t>(k) * 131) % rays.size();
+                    ask(tree, j, got[static_cast<size_t>(k)][j]);
+                }
         });
-    for (std::thread& t : threads) t.join();
-    for (int k = 0; k < 2; ++k)
-        for (size_t i = 0; i < rays.size(); ++i) expectSameRecords(got[k][i], expected[i], "thread");
+    for (std::thread& t : pool) t.join();
+    EXPECT_TRUE(tree.insideQueriesPrepared(true));
+    for (int k = 0; k < threads; ++k)
+        for (size_t i = 0; i < rays.size(); ++i) {
+            const Answer &a = got[static_cast<size_t>(k)][i], &e = expected[i];
+            expectSameRecords(a.hits, e.hits, "thread " + std::to_string(k));
+            EXPECT_TRUE(a.face == e.face && a.inside == e.inside) << "thread " << k << " query " << i;
+        }
 }
 
 TEST(BvhBox, RootOverlapOnly) {
