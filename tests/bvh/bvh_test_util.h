@@ -7,6 +7,7 @@
 #include <array>
 #include <cfloat>
 #include <cmath>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -142,33 +143,25 @@ inline std::vector<RefNode> refLeaves(const GmTriangleMesh& mesh, int mode, cons
             lo[a] = floatBelow(mn, pad);
             hi[a] = floatAbove(mx, pad);
         }
-        RefNode& l = leaves[static_cast<size_t>(f)];
-        l.box = GmAxisAlignedBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]);
-        l.face = f;
-        l.disabled = disabled != nullptr && disabled->getCount() != 0 && disabled->isFaceDisabled(f);
-        l.frozen = frozen != nullptr && frozen->getCount() != 0 && frozen->isFaceFrozen(f);
+        leaves[static_cast<size_t>(f)] = {GmAxisAlignedBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]), f,
+                                          disabled && disabled->getCount() != 0 && disabled->isFaceDisabled(f),
+                                          frozen && frozen->getCount() != 0 && frozen->isFaceFrozen(f)};
     }
     return leaves;
 }
 
 inline RefNode joinedNode(const RefNode& a, const RefNode& b) {
-    RefNode n;
-    n.box = a.box;
+    RefNode n{a.box, -1, a.disabled && b.disabled, a.frozen && b.frozen};
     n.box.expand(b.box);
-    n.disabled = a.disabled && b.disabled;
-    n.frozen = a.frozen && b.frozen;
     return n;
 }
 
 // Straight from the rules: full sort of the node's items by (centre on the axis of the largest
 // box extent, face index), left count from the largest power of two not above k/2.
-inline int refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves, std::vector<int> items, int i,
-                        std::vector<RefNode>& nodes) {
+inline void refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves, std::vector<int> items,
+                         size_t i, std::vector<RefNode>& nodes) {
     const int k = static_cast<int>(items.size());
-    if (k == 1) {
-        nodes[static_cast<size_t>(i)] = leaves[static_cast<size_t>(items[0])];
-        return i;
-    }
+    if (k == 1) return void(nodes[i] = leaves[static_cast<size_t>(items[0])]);
     int m = 1;
     if (k > 2) {
         GmAxisAlignedBox box;
@@ -183,17 +176,16 @@ inline int refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& 
             return ka < kb || (ka == kb && a < b);
         });
     }
-    const int l = refBuildNode(mesh, leaves, std::vector<int>(items.begin(), items.begin() + m), 2 * i + 1, nodes);
-    const int r = refBuildNode(mesh, leaves, std::vector<int>(items.begin() + m, items.end()), 2 * i + 2, nodes);
-    nodes[static_cast<size_t>(i)] = joinedNode(nodes[static_cast<size_t>(l)], nodes[static_cast<size_t>(r)]);
-    return i;
+    refBuildNode(mesh, leaves, std::vector<int>(items.begin(), items.begin() + m), 2 * i + 1, nodes);
+    refBuildNode(mesh, leaves, std::vector<int>(items.begin() + m, items.end()), 2 * i + 2, nodes);
+    nodes[i] = joinedNode(nodes[2 * i + 1], nodes[2 * i + 2]);
 }
 
 inline std::vector<RefNode> referenceBuild(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves) {
     const int n = mesh.getNumberFaces();
     std::vector<RefNode> nodes(static_cast<size_t>(n > 0 ? 2 * n - 1 : 0));
     std::vector<int> items(static_cast<size_t>(n));
-    for (int f = 0; f < n; ++f) items[static_cast<size_t>(f)] = f;
+    std::iota(items.begin(), items.end(), 0);
     if (n > 0) refBuildNode(mesh, leaves, items, 0, nodes);
     return nodes;
 }
@@ -293,9 +285,6 @@ std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Kee
             s.insert(f);
     }
     return s;
-}
-inline std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d) {
-    return bruteRay(mesh, o, d, [](int) { return true; });
 }
 
 // Nearest hit: smallest (t, face), with the triangle test's own outputs.

@@ -182,7 +182,7 @@ TEST(BvhRays, AppendMissAndDegenerate) {
     EXPECT_EQ(hits.size(), 2u);
     EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.7, 1), V3(0, 0, -1)), hits, true, true));
     ASSERT_EQ(hits.size(), 3u);
-    EXPECT_EQ(faceSet({hits[2]}), bruteRay(grid, V3(0.3, 0.7, 1), V3(0, 0, -1)));
+    EXPECT_EQ(faceSet({hits[2]}), bruteRay(grid, V3(0.3, 0.7, 1), V3(0, 0, -1), [](int) { return true; }));
     // No direction, or one too small to normalise: nothing.
     EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.4, 1), V3(0, 0, 0)), hits, false, true));
     EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.4, 1), V3(0, 0, -1e-300)), hits, false, true));

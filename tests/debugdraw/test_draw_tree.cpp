@@ -42,62 +42,49 @@ qgrender::OffscreenContext* context(std::string& why) {
     return shared.get();
 }
 
-class DrawTree : public ::testing::Test {
-protected:
-    void SetUp() override {
-#ifndef QG_TEST_LIBRARY_DRAWS
-        GTEST_SKIP() << "the library was built without OpenGL";
-#endif
-        std::string why;
-        if (!context(why)) GTEST_SKIP() << "no offscreen OpenGL context: " << why;
-        context(why)->makeCurrent();
-        glViewport(0, 0, kWidth, kHeight);
-    }
-};
-
-// Nodes a level draws: [2^level - 1, min(nodes, 2^(level+1) - 1)) below the depth (ceil(log2 n)),
-// the leaves [n - 1, 2n - 1) at or beyond it, nothing for a negative level or an empty tree.
-std::pair<int, int> levelNodes(int faces, int level) {
-    if (faces == 0 || level < 0) return {0, 0};
-    int depth = 0;
-    while ((1 << depth) < faces) ++depth;
-    if (level >= depth) return {faces - 1, 2 * faces - 1};
-    return {(1 << level) - 1, std::min(2 * faces - 1, (2 << level) - 1)};
-}
-
-// The twelve edges of a box in drawing order, corners named by which coordinates take the maximum.
-std::vector<std::array<Vec, 2>> boxEdges(const GmAxisAlignedBox& b) {
+// The segments a level draws: the twelve edges of each of its boxes, in the order below (corners
+// named by which coordinates take the maximum). A level holds nodes [2^level - 1, min(nodes,
+// 2^(level+1) - 1)) below the depth (ceil(log2 n)); at or beyond it, the leaves [n - 1, 2n - 1);
+// a negative level or an empty tree draws nothing.
+std::vector<std::array<Vec, 2>> levelEdges(const GmBoundingTree& tree, int faces, int level) {
     static const int kEdges[12][2][3] = {
         {{0, 0, 0}, {1, 0, 0}}, {{0, 0, 0}, {0, 1, 0}}, {{0, 0, 0}, {0, 0, 1}}, {{0, 1, 0}, {1, 1, 0}},
         {{0, 1, 0}, {0, 1, 1}}, {{1, 0, 0}, {1, 1, 0}}, {{1, 1, 1}, {0, 1, 1}}, {{1, 1, 1}, {1, 0, 1}},
         {{1, 1, 1}, {1, 1, 0}}, {{1, 0, 1}, {0, 0, 1}}, {{1, 0, 1}, {1, 0, 0}}, {{0, 1, 1}, {0, 0, 1}}};
-    auto corner = [&](const int* c) {
-        return Vec(c[0] ? b.maxX : b.minX, c[1] ? b.maxY : b.minY, c[2] ? b.maxZ : b.minZ);
-    };
+    int depth = 0, first = 0, last = 0;
+    while ((1 << depth) < faces) ++depth;
+    if (faces > 0 && level >= depth) {
+        first = faces - 1, last = 2 * faces - 1;
+    } else if (faces > 0 && level >= 0) {
+        first = (1 << level) - 1, last = std::min(2 * faces - 1, (2 << level) - 1);
+    }
     std::vector<std::array<Vec, 2>> edges;
-    for (const auto& e : kEdges) edges.push_back({corner(e[0]), corner(e[1])});
-    return edges;
-}
-
-std::vector<std::array<Vec, 2>> levelEdges(const GmBoundingTree& tree, int faces, int level) {
-    std::vector<std::array<Vec, 2>> edges;
-    const auto [first, last] = levelNodes(faces, level);
     for (int i = first; i < last; ++i) {
-        const auto box = boxEdges(tree.getHierarchy()->getNode(i).box);
-        edges.insert(edges.end(), box.begin(), box.end());
+        const GmAxisAlignedBox& b = tree.getHierarchy()->getNode(i).box;
+        auto corner = [&](const int* c) {
+            return Vec(c[0] ? b.maxX : b.minX, c[1] ? b.maxY : b.minY, c[2] ? b.maxZ : b.minZ);
+        };
+        for (const auto& e : kEdges) edges.push_back({corner(e[0]), corner(e[1])});
     }
     return edges;
 }
 
 // GL feeds back the segments of drawTree in window coordinates; with an orthographic view of a
 // known volume they map back to the drawn vertices, which must be the level's box edges in order.
-TEST_F(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
+TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
+#ifndef QG_TEST_LIBRARY_DRAWS
+    GTEST_SKIP() << "the library was built without OpenGL";
+#endif
+    std::string why;
+    if (!context(why)) GTEST_SKIP() << "no offscreen OpenGL context: " << why;
+    context(why)->makeCurrent();
+    glViewport(0, 0, kWidth, kHeight);
     GmTriangleMesh sphere = qgtools::makeIcosphere(1);  // 80 faces: depth 7, a partly filled last level
     GmTriangleMesh single = qgtools::meshFromSoup({{Vec(0, 0, 0), Vec(1, 0, 0), Vec(0, 0.8, 0.6)}, {{0, 1, 2}}});
     GmTriangleMesh empty;
     empty.finishConstruction();
     const struct {
-        const GmTriangleMesh* mesh;
+        GmTriangleMesh* mesh;
         std::vector<int> levels;
     } cases[] = {{&sphere, {0, 1, 3, 6, 7, 12, -1}}, {&single, {0, 1, 9, -1}}, {&empty, {0, 3}}};
 
@@ -110,9 +97,8 @@ TEST_F(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
     auto window = [&](const Vec& p) {
         return Vec((p.x - l) / (r - l) * kWidth, (p.y - b) / (t - b) * kHeight, 0.5 * (1 + (-2 * p.z - f - n) / (f - n)));
     };
-
     for (const auto& c : cases) {
-        GmBoundingTree tree(const_cast<GmTriangleMesh*>(c.mesh));
+        GmBoundingTree tree(c.mesh);
         for (int level : c.levels) {
             std::vector<GLfloat> feedback(1 << 16);
             glFeedbackBuffer(static_cast<GLsizei>(feedback.size()), GL_3D, feedback.data());
