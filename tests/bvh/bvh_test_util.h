@@ -72,15 +72,12 @@ inline std::vector<V3> jitteredPositions(const GmTriangleMesh& mesh, double amou
 // of height 1e-7: the split axes change from one subtree to the next.
 inline GmTriangleMesh mixedMesh() {
     qgtools::PolygonSoup s = qgtools::clothGridSoup(24, 16);
-    for (int i = 0; i < 12; ++i)
-        for (int j = 0; j < 4; ++j) {
-            const double x = 0.6 + i * 0.02, z = j * 0.05;
-            addTriangle(s, V3(x, 0.5, z), V3(x + 0.02, 0.5, z), V3(x, 0.5, z + 0.05));
-            addTriangle(s, V3(0.2, 0.1 + i * 0.03, z), V3(0.2, 0.13 + i * 0.03, z), V3(0.2, 0.1 + i * 0.03, z + 0.05));
-        }
-    for (int i = 0; i < 10; ++i) {
-        addTriangle(s, V3(0.9, 0.9, i * 0.1), V3(0.9001, 0.9, i * 0.1 + 0.1), V3(0.9, 0.9001, i * 0.1));
-        addTriangle(s, V3(0.1 * i, 0.95, 0), V3(0.1 * i + 0.1, 0.95, 0), V3(0.1 * i, 0.95 + 1e-7, 0));
+    for (int i = 0; i < 48; ++i) {
+        const double x = 0.6 + (i % 12) * 0.02, y = 0.1 + (i % 12) * 0.03, z = (i / 12) * 0.05, w = 0.02 * (i % 40);
+        addTriangle(s, V3(x, 0.5, z), V3(x + 0.02, 0.5, z), V3(x, 0.5, z + 0.05));
+        addTriangle(s, V3(0.2, y, z), V3(0.2, y + 0.03, z), V3(0.2, y, z + 0.05));
+        if (i < 20) addTriangle(s, V3(0.9, 0.9, w), V3(0.9001, 0.9, w + 0.1), V3(0.9, 0.9001, w));
+        if (i < 20) addTriangle(s, V3(w, 0.95, 0), V3(w + 0.1, 0.95, 0), V3(w, 0.95 + 1e-7, 0));
     }
     return qgtools::meshFromSoup(s);
 }

@@ -177,15 +177,13 @@ TEST(BvhClosestPoint, HintWalk) {
     int face = -1;
     GmGeometry::PointOnTriType type;
     bool pinched;
-    const V3 p = grid.getFaceCenter(0) + V3(0, 0, 2);
-    EXPECT_NEAR(hg.findClosestPointWithHint(p, c, face, n, type, pinched, false, true, nullptr, 0, 0), 2.0, 1e-12);
-    EXPECT_EQ(face, 0);
-    EXPECT_EQ(type, GmGeometry::INSIDE);
-    EXPECT_NEAR(std::fabs(hg.findClosestPointWithHint(V3(0.9, 0.95, 0.3), c, face, n, type, pinched, false, true,
-                                                      nullptr, 0, 0)),
-                0.3, 1e-12);
-    // On a vertex: a vertex type naming that vertex.
-    EXPECT_EQ(hg.findClosestPointWithHint(grid.getVertex(7), c, face, n, type, pinched, false, true, nullptr, 0, -1), 0.0);
+    auto walk = [&](const V3& p, int hint) {
+        return hg.findClosestPointWithHint(p, c, face, n, type, pinched, false, true, nullptr, 0, hint);
+    };
+    EXPECT_NEAR(walk(grid.getFaceCenter(0) + V3(0, 0, 2), 0), 2.0, 1e-12);
+    EXPECT_TRUE(face == 0 && type == GmGeometry::INSIDE);
+    EXPECT_NEAR(std::fabs(walk(V3(0.9, 0.95, 0.3), 0)), 0.3, 1e-12);
+    EXPECT_EQ(walk(grid.getVertex(7), -1), 0.0);  // on a vertex: a vertex type naming it
     ASSERT_TRUE(face >= 0 && type >= GmGeometry::ON_VERTEX_1 && type <= GmGeometry::ON_VERTEX_3) << type;
     EXPECT_EQ(grid.getFace(face).vertices[type - GmGeometry::ON_VERTEX_1], 7);
 }
@@ -213,14 +211,11 @@ TEST(BvhBadInput, NonFiniteQueriesReturnNothing) {
         int face = 3, v = 2;
         double s, t;
         bool pinched;
-        EXPECT_EQ(tree.findClosestPoint(p, c, n, face, s, t, nullptr, true), DBL_MAX);
-        EXPECT_EQ(face, -1);
+        EXPECT_TRUE(tree.findClosestPoint(p, c, n, face, s, t, nullptr, true) == DBL_MAX && face == -1) << p;
         face = 3;
-        EXPECT_EQ(tree.findClosestPoint(p, c, face, n, pinched, false, true), DBL_MAX);
-        EXPECT_EQ(face, -1);
+        EXPECT_TRUE(tree.findClosestPoint(p, c, face, n, pinched, false, true) == DBL_MAX && face == -1) << p;
+        EXPECT_TRUE(tree.getNearestVertex(p, v, true) == DBL_MAX && v == -1) << p;
         EXPECT_FALSE(tree.isInsideMesh(p, true));
-        EXPECT_EQ(tree.getNearestVertex(p, v, true), DBL_MAX);
-        EXPECT_EQ(v, -1);
         std::vector<GmPointIntersectionInfo> hits;
         EXPECT_FALSE(tree.intersect(GmRay(p, V3(1, 0, 0)), hits, false, true));
         EXPECT_FALSE(tree.intersect(GmRayAxis<0, 0, -1>(p), hits, false, true));
