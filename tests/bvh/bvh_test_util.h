@@ -108,8 +108,7 @@ inline std::vector<NamedMesh> testMeshes() {
 struct RefNode {
     GmAxisAlignedBox box;
     int face = -1;
-    bool disabled = false;
-    bool frozen = false;
+    bool disabled = false, frozen = false;
 };
 
 // The largest float at least pad below v, and the smallest at least pad above.
@@ -202,16 +201,6 @@ inline bool sameBox(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b) {
            a.maxZ == b.maxZ;
 }
 
-// Whether leaf node i's entry in the leaf table names face `face` and that face's vertices.
-inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face) {
-    const std::size_t k = static_cast<std::size_t>(i - h.getNumberInternalNodes());
-    if (k >= h.getLeafFaces().size()) return false;
-    const GmBoundingVolumeHierarchy::LeafFace& e = h.getLeafFaces()[k];
-    const GmTriangleFace& f = h.getTriangleMesh()->getFace(face);
-    return e.face == face && e.vertices[0] == f.vertices[0] && e.vertices[1] == f.vertices[1] &&
-           e.vertices[2] == f.vertices[2];
-}
-
 // Index of the first node that differs (leaf-table entries included), -1 when equal node for node.
 inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& ref) {
     if (static_cast<size_t>(h.getNumberNodes()) != ref.size()) return -2;
@@ -221,7 +210,10 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
         const RefNode& r = ref[static_cast<size_t>(i)];
         if (!sameBox(n.box, r.box) || h.getFaceIndex(n) != r.face || n.disabled != r.disabled || n.frozen != r.frozen)
             return i;
-        if (r.face >= 0 && !leafEntryMatches(h, i, r.face)) return i;
+        if (r.face < 0) continue;  // a leaf: its entry in the leaf table names the face and its vertices
+        const auto& e = h.getLeafFaces()[static_cast<size_t>(i - h.getNumberInternalNodes())];
+        const int* v = h.getTriangleMesh()->getFace(r.face).vertices;
+        if (e.face != r.face || e.vertices[0] != v[0] || e.vertices[1] != v[1] || e.vertices[2] != v[2]) return i;
     }
     return -1;
 }

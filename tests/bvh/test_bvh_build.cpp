@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "bvh_test_util.h"
 
 using namespace bvhtest;
@@ -151,30 +153,38 @@ TEST(BvhRefit, EqualsReferenceOfTheSameShape) {
 
 // ---- Lifecycle ------------------------------------------------------------------------------
 
-TEST(BvhLifecycle, EmptyMeshIsHarmless) {
-    GmTriangleMesh mesh;
-    mesh.finishConstruction();
-    GmBoundingVolumeHierarchy h(&mesh);
+// An empty mesh, and points that are not finite: every query finds nothing.
+TEST(BvhLifecycle, QueriesThatFindNothing) {
+    GmTriangleMesh empty, sphere = qgtools::makeIcosphere(2);
+    empty.finishConstruction();
+    GmBoundingVolumeHierarchy h(&empty);
     EXPECT_TRUE(h.empty());
     h.build();
     h.refit(std::vector<V3>());
     h.refit(0.5, nullptr, nullptr);
     h.setDisabledData(nullptr);
     EXPECT_FALSE(h.intersect(GmAxisAlignedBox(-1, -1, -1, 1, 1, 1)));
-    std::vector<GmPointIntersectionInfo> hits;
-    EXPECT_FALSE(h.intersect(GmRay(V3(0, 0, 0), V3(1, 0, 0)), hits, false, true));
-    V3 c, n;
-    int face = 7, v = 3;
-    double s, t;
-    EXPECT_EQ(h.findClosestPoint(V3(0, 0, 0), c, n, face, s, t, nullptr, true), DBL_MAX);
-    EXPECT_EQ(face, -1);
-    EXPECT_FALSE(h.isInsideMesh(V3(0, 0, 0), true));
-    EXPECT_EQ(h.findClosestVertex(V3(0, 0, 0), v, true), DBL_MAX);
-    EXPECT_EQ(v, -1);
-    GmBoundingTree tree(&mesh);
-    EXPECT_TRUE(tree.getRootAxisAlignedBox().isEmpty());
-    EXPECT_FALSE(tree & GmAxisAlignedBox(-1, -1, -1, 1, 1, 1));
-    tree.update(true);
+    GmBoundingTree emptyTree(&empty), sphereTree(&sphere);
+    EXPECT_TRUE(emptyTree.getRootAxisAlignedBox().isEmpty());
+    EXPECT_FALSE(emptyTree & GmAxisAlignedBox(-1, -1, -1, 1, 1, 1));
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const std::pair<const GmBoundingTree*, V3> cases[] = {
+        {&emptyTree, V3(0, 0, 0)}, {&sphereTree, V3(nan, 0, 0)}, {&sphereTree, V3(0, inf, 0)}, {&sphereTree, V3(-inf, nan, inf)}};
+    for (const auto& [tree, p] : cases) {
+        V3 c, n;
+        int face = 3, v = 2;
+        double s, t;
+        bool pinched;
+        EXPECT_TRUE(tree->findClosestPoint(p, c, n, face, s, t, nullptr, true) == DBL_MAX && face == -1) << p;
+        face = 3;
+        EXPECT_TRUE(tree->findClosestPoint(p, c, face, n, pinched, false, true) == DBL_MAX && face == -1) << p;
+        EXPECT_TRUE(tree->getNearestVertex(p, v, true) == DBL_MAX && v == -1) << p;
+        EXPECT_FALSE(tree->isInsideMesh(p, true));
+        std::vector<GmPointIntersectionInfo> hits;
+        EXPECT_FALSE(tree->intersect(GmRay(p, V3(1, 0, 0)), hits, false, true));
+        EXPECT_FALSE(tree->intersect(GmRayAxis<0, 0, -1>(p), hits, false, true));
+        EXPECT_FALSE(tree->intersect(GmRay(V3(0, 0, 0), p), hits, false, true));
+    }
 }
 
 // Exposes the facade's protected parts.
@@ -188,8 +198,12 @@ TEST(BvhFacade, UpdateResetAndCopies) {
     GmTriangleMesh mesh = qgtools::makeIcosphere(2);
     TestTree tree(&mesh);
     const GmAxisAlignedBox root = tree.getRootAxisAlignedBox();
-    EXPECT_TRUE(tree & GmAxisAlignedBox(root.maxX, root.maxY, root.maxZ, 5, 5, 5));  // touching
-    EXPECT_FALSE(tree & GmAxisAlignedBox(root.maxX + 1e-3f, 0, 0, 5, 5, 5));
+    // A box query tests the root box only: touching counts, the next float off does not.
+    EXPECT_TRUE(tree & GmAxisAlignedBox(0.1f, 0.1f, 0.1f, 0.2f, 0.2f, 0.2f));  // inside, meets no face
+    EXPECT_TRUE(tree & GmAxisAlignedBox(root.maxX, root.maxY, root.maxZ, 5, 5, 5));
+    EXPECT_TRUE(tree.getHierarchy()->intersect(GmAxisAlignedBox(-3, -3, -3, root.minX, 0, 0)));
+    EXPECT_FALSE(tree & GmAxisAlignedBox(std::nextafter(root.maxX, 10.0f), 0, 0, 5, 5, 5));
+    EXPECT_FALSE(tree & GmAxisAlignedBox());  // the empty box
 
     // update refits only when asked.
     const std::vector<V3> moved = jitteredPositions(mesh, 0.5, 2);

@@ -190,25 +190,4 @@ TEST(BvhClosestPoint, ClassifyWeights) {
         EXPECT_EQ(GmBoundingVolumeHierarchy::classifyWeights(c.w1, c.w2, c.w3), c.type) << c.w1 << " " << c.w2 << " " << c.w3;
 }
 
-TEST(BvhBadInput, NonFiniteQueriesReturnNothing) {
-    GmTriangleMesh mesh = qgtools::makeIcosphere(2);
-    GmBoundingTree tree(&mesh);
-    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
-    for (const V3& p : {V3(nan, 0, 0), V3(0, inf, 0), V3(-inf, nan, inf)}) {
-        V3 c, n;
-        int face = 3, v = 2;
-        double s, t;
-        bool pinched;
-        EXPECT_TRUE(tree.findClosestPoint(p, c, n, face, s, t, nullptr, true) == DBL_MAX && face == -1) << p;
-        face = 3;
-        EXPECT_TRUE(tree.findClosestPoint(p, c, face, n, pinched, false, true) == DBL_MAX && face == -1) << p;
-        EXPECT_TRUE(tree.getNearestVertex(p, v, true) == DBL_MAX && v == -1) << p;
-        EXPECT_FALSE(tree.isInsideMesh(p, true));
-        std::vector<GmPointIntersectionInfo> hits;
-        EXPECT_FALSE(tree.intersect(GmRay(p, V3(1, 0, 0)), hits, false, true));
-        EXPECT_FALSE(tree.intersect(GmRayAxis<0, 0, -1>(p), hits, false, true));
-        EXPECT_FALSE(tree.intersect(GmRay(V3(0, 0, 0), p), hits, false, true));
-    }
-}
-
 }  // namespace

@@ -53,12 +53,9 @@ GmTriangleMesh openBox() {  // the unit cube without its top
 GmTriangleMesh tetrahedraAtOneVertex() {
     qgtools::PolygonSoup a = qgtools::tetrahedronSoup(1.0), s = a;
     for (size_t k = 1; k < a.positions.size(); ++k) s.positions.push_back(a.positions[0] * 2.0 - a.positions[k]);
-    for (const auto& t : a.triangles) {
-        std::array<int, 3> u = {t[0], t[2], t[1]};  // the point reflection turns the orientation
-        for (int& i : u)
-            if (i != 0) i += 3;
-        s.triangles.push_back(u);
-    }
+    auto moved = [](int i) { return i != 0 ? i + 3 : 0; };
+    for (const auto& t : a.triangles)  // the point reflection turns the orientation: two corners swap
+        s.triangles.push_back({moved(t[0]), moved(t[2]), moved(t[1])});
     return qgtools::meshFromSoup(s);
 }
 
@@ -166,7 +163,6 @@ TEST(BvhInside, DefinedAnswersOnEveryMesh) {
         ParityTree h(&c.mesh);
         EXPECT_FALSE(h.insideQueriesPrepared(true)) << name;
         ASSERT_EQ(h.prepareInsideQueries(true), c.certified) << name;
-        EXPECT_EQ(h.insideQueriesPrepared(true), c.certified) << name;
         const Probes pr = makeProbes(mesh, 11);
         const int uniform = expectSameAnswers(h, pr.uniform, name + " uniform");
         const int away = expectSameAnswers(h, pr.away, name + " away");
@@ -375,12 +371,10 @@ TEST(BvhInside, MasksRefitsAndCopiesDropTheCheck) {
     EXPECT_TRUE(h.insideQueriesPrepared(true));
     EXPECT_EQ(expectSameAnswers(h, pr.uniform, "disabled again", false), 0);
 
-    // Copies start without the check.
     GmBoundingVolumeHierarchy copy(h), assigned(&mesh);
-    EXPECT_FALSE(copy.insideQueriesPrepared(true));
     ASSERT_TRUE(assigned.prepareInsideQueries(true));
     assigned = h;
-    EXPECT_FALSE(assigned.insideQueriesPrepared(true));
+    EXPECT_FALSE(copy.insideQueriesPrepared(true) || assigned.insideQueriesPrepared(true));  // copies start without
 
     // Two spheres apart, moved into each other, and apart again.
     GmTriangleMesh two = joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 1.0, V3(3, 0, 0))});
