@@ -4,7 +4,6 @@
 // from the tree's rules with their own outward float rounding, and brute-force scans.
 
 #include <algorithm>
-#include <array>
 #include <cfloat>
 #include <cmath>
 #include <numeric>
@@ -15,7 +14,6 @@
 
 #include <quarrygeom/bvh/bvh.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
-#include <quarrygeom/core/tarnCollision.h>
 #include <quarrygeom/mesh/mesh.h>
 #include <quarrygeom/primitives/GmGeometry.h>
 
@@ -90,17 +88,15 @@ struct NamedMesh {
 // The table every behaviour is checked on: a soup, closed meshes, flat and degenerate faces, and
 // a sphere scaled by powers of two off the origin.
 inline std::vector<NamedMesh> testMeshes() {
-    std::vector<NamedMesh> m;
-    m.push_back({"soup", randomSoup(300, 5)});
-    m.push_back({"icosphere", qgtools::makeIcosphere(3)});
-    m.push_back({"torus", qgtools::makeTorus(30, 12)});
-    m.push_back({"cube", qgtools::makeCube()});
-    m.push_back({"spot", loadData("spot.obj")});
-    m.push_back({"grid", qgtools::makeClothGrid(20, 13)});
-    m.push_back({"mixed", mixedMesh()});
-    m.push_back({"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)});
-    m.push_back({"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)});
-    return m;
+    return {{"soup", randomSoup(300, 5)},
+            {"icosphere", qgtools::makeIcosphere(3)},
+            {"torus", qgtools::makeTorus(30, 12)},
+            {"cube", qgtools::makeCube()},
+            {"spot", loadData("spot.obj")},
+            {"grid", qgtools::makeClothGrid(20, 13)},
+            {"mixed", mixedMesh()},
+            {"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)},
+            {"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)}};
 }
 
 // ---- Reference build and refit ---------------------------------------------------------------

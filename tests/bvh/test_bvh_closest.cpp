@@ -12,9 +12,8 @@ using namespace bvhtest;
 
 namespace {
 
-// Query points, vertices, and points outside the root box and on its corners. (Equal distances go
-// to the smallest face index while their rounding stays below the search slack, so the points
-// stay within a few hundred units of the mesh.)
+// Query points, vertices, cell centres, points outside the root box and on its corners (within a
+// few hundred units, where equal distances still go to the smallest face index).
 std::vector<V3> pointsFor(const GmTriangleMesh& mesh, int count, unsigned seed) {
     std::vector<V3> points = queryPoints(mesh, count, seed);
     for (int v = 0, step = 1 + mesh.getNumberVertices() / 40; v < mesh.getNumberVertices(); v += step)
@@ -32,9 +31,8 @@ std::vector<V3> pointsFor(const GmTriangleMesh& mesh, int count, unsigned seed) 
     return points;
 }
 
-// Every query form against the scans, with and without the disabled faces, and with normal
-// filters. Each point is also asked of a fresh copy, whose first searches read the nodes rather
-// than the compact copy.
+// Every query form against the scans, with and without the disabled faces, and normal filters;
+// also on a fresh copy per point, whose first searches read the nodes, not the compact copy.
 void expectMatchesScans(const std::string& name, const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& h,
                         const std::vector<V3>& points, const GmDisabledData* mask, bool fresh = true) {
     auto enabled = [&](int f) { return mask == nullptr || !mask->isFaceDisabled(f); };

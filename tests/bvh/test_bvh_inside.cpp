@@ -41,12 +41,12 @@ GmTriangleMesh joined(const std::vector<qgtools::PolygonSoup>& parts) {
 }
 
 GmTriangleMesh openBox() {  // the unit cube without its top
-    qgtools::PolygonSoup soup = qgtools::cubeSoup(), open;
-    open.positions = soup.positions;
-    for (const auto& t : soup.triangles)
-        if (soup.positions[size_t(t[0])].z + soup.positions[size_t(t[1])].z + soup.positions[size_t(t[2])].z < 3.0)
-            open.triangles.push_back(t);
-    return qgtools::meshFromSoup(open);
+    qgtools::PolygonSoup s = qgtools::cubeSoup();
+    auto top = [&](const std::array<int, 3>& t) {
+        return s.positions[size_t(t[0])].z + s.positions[size_t(t[1])].z + s.positions[size_t(t[2])].z == 3.0;
+    };
+    s.triangles.erase(std::remove_if(s.triangles.begin(), s.triangles.end(), top), s.triangles.end());
+    return qgtools::meshFromSoup(s);
 }
 
 // Two tetrahedra sharing one vertex: every edge has two faces, the vertex two fans.
@@ -99,7 +99,7 @@ std::vector<InsideCase> insideCases() {
 // distances either side of a face, on faces, vertices and edge midpoints, sharing coordinates with
 // vertices (axis rays through vertices and edges), and outside the root box.
 struct Probes {
-    std::vector<V3> uniform, surface, near, away, aligned, outside;
+    std::vector<V3> uniform, near, away, aligned, outside;  // near: on the surface too
 };
 
 Probes makeProbes(const GmTriangleMesh& mesh, unsigned seed) {
@@ -117,12 +117,11 @@ Probes makeProbes(const GmTriangleMesh& mesh, unsigned seed) {
         if (s + t > 1.0) s = 1.0 - s, t = 1.0 - t;
         const V3 q = mesh.getFaceVertex1(f) * (1.0 - s - t) + mesh.getFaceVertex2(f) * s + mesh.getFaceVertex3(f) * t;
         const V3 n = mesh.getFaceNormal(f);
-        pr.surface.push_back(q);
+        pr.near.push_back(q);
         for (const double d : {1e-12, 1e-10, 1e-8, -1e-12, -1e-10, -1e-8}) pr.near.push_back(q + n * (d * diag));
         for (const double d : {1e-6, 1e-4, -1e-6, -1e-4}) pr.away.push_back(q + n * (d * diag));
         const int e = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberEdges()));
-        pr.surface.push_back((mesh.getEdgeVertexFrom(e) + mesh.getEdgeVertexTo(e)) * 0.5);
-        pr.surface.push_back(anyVertex());
+        pr.near.insert(pr.near.end(), {(mesh.getEdgeVertexFrom(e) + mesh.getEdgeVertexTo(e)) * 0.5, anyVertex()});
     }
     for (int i = 0; i < 150; ++i) {
         const V3 a = anyVertex(), c = anyVertex();
@@ -170,7 +169,6 @@ TEST(BvhInside, DefinedAnswersOnEveryMesh) {
         expectSameAnswers(h, pr.outside, name + " outside");
         // On and very near the surface the search decides.
         EXPECT_EQ(expectSameAnswers(h, pr.near, name + " near"), 0) << name;
-        EXPECT_EQ(expectSameAnswers(h, pr.surface, name + " surface"), 0) << name;
         if (!c.certified) {
             EXPECT_EQ(uniform, 0) << name;
             continue;
@@ -312,8 +310,7 @@ TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
         r.distance = -d;
         if (d <= 0.0) expected.push_back(r);
     }
-    ASSERT_GT(expected.size(), 10u);
-    ASSERT_LT(expected.size(), static_cast<size_t>(probe.getNumberVertices()));
+    ASSERT_TRUE(expected.size() > 10u && expected.size() < static_cast<size_t>(probe.getNumberVertices()));
     for (const bool prepared : {false, true}) {
         if (prepared) { ASSERT_TRUE(bigTree.prepareInsideQueries(true)); }
         std::vector<GmInsideInfo> results(1);

@@ -86,11 +86,10 @@ void expectAxisRayMatches(const GmBoundingVolumeHierarchy& h, const GmTriangleMe
     expectSameRecords(hits, expected, "axis " + std::to_string(a) + " sign " + std::to_string(sgn));
 }
 
-// Every face brute force finds, one record each at its point; the wide copy gives the binary
-// walk's records in the same order (the binary walk read from fresh copies, which have not run
-// enough queries to make their own); the first hit is the nearest, ties to the smallest face.
-// Axis rays follow their own rule, also from points on faces (a face seen edge-on is never hit).
-// Then all again after a refit to swept boxes under a mask.
+// Every face brute force finds, one record each; the wide copy gives the records of the binary
+// walk (fresh copies, too new to make their own) in its order; the first hit is the nearest, ties
+// to the smallest face; axis rays follow their rule, also from points on faces (a face seen
+// edge-on is never hit). All again after a refit to swept boxes under a mask.
 TEST(BvhRays, AllHitsFirstHitAndAxisRaysMatchBruteForce) {
     for (NamedMesh& m : testMeshes()) {
         const GmTriangleMesh& mesh = m.mesh;

@@ -83,10 +83,8 @@ TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
     GmTriangleMesh single = qgtools::meshFromSoup({{Vec(0, 0, 0), Vec(1, 0, 0), Vec(0, 0.8, 0.6)}, {{0, 1, 2}}});
     GmTriangleMesh empty;
     empty.finishConstruction();
-    const struct {
-        GmTriangleMesh* mesh;
-        std::vector<int> levels;
-    } cases[] = {{&sphere, {0, 1, 3, 6, 7, 12, -1}}, {&single, {0, 1, 9, -1}}, {&empty, {0, 3}}};
+    const std::pair<GmTriangleMesh*, std::vector<int>> cases[] = {
+        {&sphere, {0, 1, 3, 6, 7, 12, -1}}, {&single, {0, 1, 9, -1}}, {&empty, {0, 3}}};
 
     const double l = -1.25, r = 1.25, b = -1.25, t = 1.25, n = -2, f = 2;  // holds every box drawn
     glMatrixMode(GL_PROJECTION);
@@ -97,9 +95,9 @@ TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
     auto window = [&](const Vec& p) {
         return Vec((p.x - l) / (r - l) * kWidth, (p.y - b) / (t - b) * kHeight, 0.5 * (1 + (-2 * p.z - f - n) / (f - n)));
     };
-    for (const auto& c : cases) {
-        GmBoundingTree tree(c.mesh);
-        for (int level : c.levels) {
+    for (const auto& [mesh, levels] : cases) {
+        GmBoundingTree tree(mesh);
+        for (int level : levels) {
             std::vector<GLfloat> feedback(1 << 16);
             glFeedbackBuffer(static_cast<GLsizei>(feedback.size()), GL_3D, feedback.data());
             glRenderMode(GL_FEEDBACK);
@@ -109,7 +107,7 @@ TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
             const GLint values = glRenderMode(GL_RENDER);
             ASSERT_GE(values, 0) << "feedback buffer overflow";
 
-            const auto expected = levelEdges(tree, c.mesh->getNumberFaces(), level);
+            const auto expected = levelEdges(tree, mesh->getNumberFaces(), level);
             size_t segment = 0;
             int misplaced = 0;
             for (GLint k = 0; k < values; k += 7, ++segment) {
@@ -124,7 +122,7 @@ TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
                 }
             }
             EXPECT_EQ(misplaced, 0) << "vertices off the expected edges at level " << level;
-            EXPECT_EQ(segment, expected.size()) << c.mesh->getNumberFaces() << " faces, level " << level;
+            EXPECT_EQ(segment, expected.size()) << mesh->getNumberFaces() << " faces, level " << level;
         }
     }
 }
