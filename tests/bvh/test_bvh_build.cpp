@@ -16,8 +16,9 @@ TEST(BvhLayout, DepthAndLevelRanges) {
     for (int n = 0; n <= 40; ++n) {
         GmTriangleMesh mesh = randomSoup(n, 11);
         GmBoundingVolumeHierarchy h(&mesh);
-        int depth = n > 0 ? 0 : -1, first, last;
+        int depth = 0, first, last;
         while ((1 << depth) < n) ++depth;
+        if (n == 0) depth = -1;
         EXPECT_EQ(h.getDepth(), depth) << n;
         h.getLeafRange(first, last);
         EXPECT_TRUE(first == std::max(n - 1, 0) && last == first + n) << n;
