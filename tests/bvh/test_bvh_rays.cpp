@@ -156,21 +156,29 @@ TEST(BvhRays, AllHitsFirstHitAndAxisRaysMatchBruteForce) {
     }
 }
 
-TEST(BvhRays, AppendMissAndDegenerate) {
+TEST(BvhRays, FacadeAppendMaskAndDegenerate) {
     GmTriangleMesh grid = qgtools::makeClothGrid(4, 4);
-    GmBoundingTree tree(&grid);
+    GmDisabledData lower(&grid);
+    for (int f = 0; f < 16; ++f) lower.setFaceDisabled(f);  // y < 0.5
+    GmBoundingTree tree(&grid, &lower, nullptr);
     std::vector<GmPointIntersectionInfo> hits(2);
     // A miss of the root box: false and cleared; with append: kept, and true because non-empty.
     EXPECT_TRUE(!tree.intersect(GmRay(V3(5, 5, 5), V3(0, 0, 1)), hits, false, true) && hits.empty());
     hits.resize(2);
     EXPECT_TRUE(tree.intersect(GmRay(V3(5, 5, 5), V3(0, 0, 1)), hits, true, true) && hits.size() == 2u);
-    EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.7, 1), V3(0, 0, -1)), hits, true, true));
+    EXPECT_TRUE(tree.intersect(GmRay(V3(0.3, 0.7, 1), V3(0, 0, -1)), hits, true, false));
     ASSERT_EQ(hits.size(), 3u);  // appended after the old records
     EXPECT_EQ(faceSet({hits[2]}), bruteRay(grid, V3(0.3, 0.7, 1), V3(0, 0, -1), [](int) { return true; }));
+    // Disabled faces give no records unless included.
+    GmPointIntersectionInfo hit;
+    EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.2, 1), V3(0, 0, -1)), hits, false, false));
+    EXPECT_FALSE(tree.intersect(GmRayAxis<0, 0, -1>(V3(0.3, 0.2, 1)), hits, false, false));
+    EXPECT_FALSE(tree.intersectFirst(GmRay(V3(0.3, 0.2, 1), V3(0, 0, -1)), hit, false));
+    EXPECT_TRUE(tree.intersect(GmRayAxis<0, 0, -1>(V3(0.3, 0.2, 1)), hits, false, true));
+    EXPECT_TRUE(tree.intersectFirst(GmRay(V3(0.3, 0.2, 1), V3(0, 0, -1)), hit, true));
     // No direction, or one too small to normalise: nothing.
     EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.4, 1), V3(0, 0, 0)), hits, false, true));
     EXPECT_FALSE(tree.intersect(GmRay(V3(0.3, 0.4, 1), V3(0, 0, -1e-300)), hits, false, true));
-    GmPointIntersectionInfo hit;
     EXPECT_FALSE(tree.intersectFirst(GmRay(V3(0.3, 0.4, 1.0), V3(0, 0, 0)), hit, true));
 }
 
