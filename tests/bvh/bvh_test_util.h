@@ -1,19 +1,19 @@
 #pragma once
 
-// Shared helpers of the hierarchy tests: meshes, a plain reference build of the tree written
-// from its rules, brute-force references.
+// Shared fixture of the hierarchy tests: one table of meshes, a reference build and refit written
+// from the tree's rules with their own outward float rounding, and brute-force scans.
 
 #include <algorithm>
-#include <array>
 #include <cfloat>
 #include <cmath>
+#include <numeric>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <quarrygeom/bvh/bvh.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
-#include <quarrygeom/core/tarnCollision.h>
 #include <quarrygeom/mesh/mesh.h>
 #include <quarrygeom/primitives/GmGeometry.h>
 
@@ -26,9 +26,15 @@ namespace bvhtest {
 
 typedef GmTVector<double> V3;
 
-
 inline GmTriangleMesh loadData(const std::string& name) {
     return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/" + name);
+}
+
+// Appends the triangle (a, b, c) as three new vertices.
+inline void addTriangle(qgtools::PolygonSoup& s, const V3& a, const V3& b, const V3& c) {
+    const int i = s.numVertices();
+    s.positions.insert(s.positions.end(), {a, b, c});
+    s.triangles.push_back({i, i + 1, i + 2});
 }
 
 // n random triangles in the unit cube (a soup: no shared vertices).
@@ -38,10 +44,18 @@ inline GmTriangleMesh randomSoup(int n, unsigned seed) {
     qgtools::PolygonSoup s;
     for (int i = 0; i < n; ++i) {
         const V3 c(u(rng), u(rng), u(rng));
-        for (int k = 0; k < 3; ++k) s.positions.push_back(c + V3(u(rng) - 0.5, u(rng) - 0.5, u(rng) - 0.5) * 0.2);
-        s.triangles.push_back({3 * i, 3 * i + 1, 3 * i + 2});
+        auto corner = [&] { return c + V3(u(rng) - 0.5, u(rng) - 0.5, u(rng) - 0.5) * 0.2; };
+        const V3 a = corner(), b = corner();
+        addTriangle(s, a, b, corner());
     }
     return qgtools::meshFromSoup(s);
+}
+
+inline GmTriangleMesh transformed(GmTriangleMesh mesh, const V3& offset, double scale) {
+    std::vector<V3> p = mesh.getVertices();
+    for (V3& v : p) v = (v + offset) * scale;
+    mesh.setVertices(p);
+    return mesh;
 }
 
 inline std::vector<V3> jitteredPositions(const GmTriangleMesh& mesh, double amount, unsigned seed) {
@@ -52,71 +66,103 @@ inline std::vector<V3> jitteredPositions(const GmTriangleMesh& mesh, double amou
     return p;
 }
 
-// ---- Reference build ----------------------------------------------------------------------
+// A flat sheet (exact coordinates, equal split keys) next to upright strips, needles and slivers
+// of height 1e-7: the split axes change from one subtree to the next.
+inline GmTriangleMesh mixedMesh() {
+    qgtools::PolygonSoup s = qgtools::clothGridSoup(24, 16);
+    for (int i = 0; i < 48; ++i) {
+        const double x = 0.6 + (i % 12) * 0.02, y = 0.1 + (i % 12) * 0.03, z = (i / 12) * 0.05, w = 0.02 * (i % 40);
+        addTriangle(s, V3(x, 0.5, z), V3(x + 0.02, 0.5, z), V3(x, 0.5, z + 0.05));
+        addTriangle(s, V3(0.2, y, z), V3(0.2, y + 0.03, z), V3(0.2, y, z + 0.05));
+        if (i < 20) addTriangle(s, V3(0.9, 0.9, w), V3(0.9001, 0.9, w + 0.1), V3(0.9, 0.9001, w));
+        if (i < 20) addTriangle(s, V3(w, 0.95, 0), V3(w + 0.1, 0.95, 0), V3(w, 0.95 + 1e-7, 0));
+    }
+    return qgtools::meshFromSoup(s);
+}
+
+struct NamedMesh {
+    std::string name;
+    GmTriangleMesh mesh;
+};
+
+// The table every behaviour is checked on: a soup, closed meshes, flat and degenerate faces, and
+// a sphere scaled by powers of two off the origin.
+inline std::vector<NamedMesh> testMeshes() {
+    return {{"soup", randomSoup(300, 5)},
+            {"icosphere", qgtools::makeIcosphere(3)},
+            {"torus", qgtools::makeTorus(30, 12)},
+            {"cube", qgtools::makeCube()},
+            {"spot", loadData("spot.obj")},
+            {"grid", qgtools::makeClothGrid(20, 13)},
+            {"mixed", mixedMesh()},
+            {"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)},
+            {"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)}};
+}
+
+// ---- Reference build and refit ---------------------------------------------------------------
 
 struct RefNode {
     GmAxisAlignedBox box;
     int face = -1;
-    bool disabled = false;
-    bool frozen = false;
+    bool disabled = false, frozen = false;
 };
 
-// The padded bounds of a face's points, rounded outwards to floats.
-inline GmAxisAlignedBox refLeafBox(const std::vector<V3>& pts, double pad) {
-    double mn[3] = {DBL_MAX, DBL_MAX, DBL_MAX}, mx[3] = {-DBL_MAX, -DBL_MAX, -DBL_MAX};
-    for (const V3& p : pts)
-        for (int a = 0; a < 3; ++a) {
-            mn[a] = std::min(mn[a], p[a]);
-            mx[a] = std::max(mx[a], p[a]);
+// The largest float at least pad below v, and the smallest at least pad above.
+inline float floatBelow(double v, double pad) {
+    const double t = v - pad;
+    float f = t > FLT_MAX ? HUGE_VALF : t < -FLT_MAX ? -HUGE_VALF : static_cast<float>(t);
+    while (static_cast<double>(f) > t || v - static_cast<double>(f) < pad) f = std::nextafter(f, -HUGE_VALF);
+    return f;
+}
+inline float floatAbove(double v, double pad) { return -floatBelow(-v, pad); }
+
+// Leaf boxes and flags by face. mode 0 plain, 1 swept to positions, 2 thickened.
+inline std::vector<RefNode> refLeaves(const GmTriangleMesh& mesh, int mode, const std::vector<V3>* positions,
+                                      double thickness, const GmDisabledData* disabled = nullptr,
+                                      const GmFrozenData* frozen = nullptr) {
+    std::vector<RefNode> leaves(static_cast<size_t>(mesh.getNumberFaces()));
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        std::vector<V3> pts;
+        for (const int v : mesh.getFace(f).vertices) {
+            pts.push_back(mesh.getVertex(v));
+            if (mode == 1) pts.push_back((*positions)[static_cast<size_t>(v)]);
         }
-    GmAxisAlignedBox b;
-    b.minX = GmAxisAlignedBox::padDown(mn[0], pad);
-    b.minY = GmAxisAlignedBox::padDown(mn[1], pad);
-    b.minZ = GmAxisAlignedBox::padDown(mn[2], pad);
-    b.maxX = GmAxisAlignedBox::padUp(mx[0], pad);
-    b.maxY = GmAxisAlignedBox::padUp(mx[1], pad);
-    b.maxZ = GmAxisAlignedBox::padUp(mx[2], pad);
-    return b;
+        const double pad = mode == 2 ? thickness + 1e-8 : 1e-8;
+        float lo[3], hi[3];
+        for (int a = 0; a < 3; ++a) {
+            double mn = DBL_MAX, mx = -DBL_MAX;
+            for (const V3& p : pts) mn = std::min(mn, p[a]), mx = std::max(mx, p[a]);
+            lo[a] = floatBelow(mn, pad);
+            hi[a] = floatAbove(mx, pad);
+        }
+        leaves[static_cast<size_t>(f)] = {GmAxisAlignedBox(lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]), f,
+                                          disabled && disabled->getCount() != 0 && disabled->isFaceDisabled(f),
+                                          frozen && frozen->getCount() != 0 && frozen->isFaceFrozen(f)};
+    }
+    return leaves;
 }
 
-// mode 0 plain, 1 swept (positions), 2 thickened (thickness).
-inline GmAxisAlignedBox refFaceBox(const GmTriangleMesh& mesh, int f, int mode, const std::vector<V3>* positions,
-                                   double thickness) {
-    std::vector<V3> pts;
-    for (int k = 0; k < 3; ++k) pts.push_back(mesh.getVertex(mesh.getFace(f).vertices[k]));
-    if (mode == 1)
-        for (int k = 0; k < 3; ++k) pts.push_back((*positions)[static_cast<size_t>(mesh.getFace(f).vertices[k])]);
-    return refLeafBox(pts, mode == 2 ? thickness + 1e-8 : 1e-8);
+inline RefNode joinedNode(const RefNode& a, const RefNode& b) {
+    RefNode n{a.box, -1, a.disabled && b.disabled, a.frozen && b.frozen};
+    n.box.expand(b.box);
+    return n;
 }
 
-// Straight from the rules: full sort of the node's items by (centre on the axis of the
-// largest box extent, face index), left count from the largest power of two not above k/2.
+// Straight from the rules: full sort of the node's items by (centre on the axis of the largest
+// box extent, face index), left count from the largest power of two not above k/2.
 inline void refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves, std::vector<int> items,
-                         int i, std::vector<RefNode>& nodes) {
+                         size_t i, std::vector<RefNode>& nodes) {
     const int k = static_cast<int>(items.size());
-    if (k == 1) {
-        nodes[static_cast<size_t>(i)] = leaves[static_cast<size_t>(items[0])];
-        return;
-    }
-    RefNode node;
-    node.disabled = node.frozen = true;
-    for (int f : items) {
-        const RefNode& l = leaves[static_cast<size_t>(f)];
-        node.box.expand(l.box);
-        node.disabled = node.disabled && l.disabled;
-        node.frozen = node.frozen && l.frozen;
-    }
-    nodes[static_cast<size_t>(i)] = node;
+    if (k == 1) return void(nodes[i] = leaves[static_cast<size_t>(items[0])]);
     int m = 1;
     if (k > 2) {
+        GmAxisAlignedBox box;
+        for (int f : items) box.expand(leaves[static_cast<size_t>(f)].box);
         int p = 1;
         while (2 * p <= k / 2) p *= 2;
         m = std::min(k - p, 2 * p);
-        const float ext[3] = {node.box.maxX - node.box.minX, node.box.maxY - node.box.minY,
-                              node.box.maxZ - node.box.minZ};
-        int axis = 0;
-        if (ext[1] > ext[axis]) axis = 1;
-        if (ext[2] > ext[axis]) axis = 2;
+        const float ext[3] = {box.maxX - box.minX, box.maxY - box.minY, box.maxZ - box.minZ};
+        const int axis = ext[2] > std::max(ext[0], ext[1]) ? 2 : ext[1] > ext[0] ? 1 : 0;
         std::sort(items.begin(), items.end(), [&](int a, int b) {
             const double ka = mesh.getFaceCenter(a)[axis], kb = mesh.getFaceCenter(b)[axis];
             return ka < kb || (ka == kb && a < b);
@@ -124,24 +170,25 @@ inline void refBuildNode(const GmTriangleMesh& mesh, const std::vector<RefNode>&
     }
     refBuildNode(mesh, leaves, std::vector<int>(items.begin(), items.begin() + m), 2 * i + 1, nodes);
     refBuildNode(mesh, leaves, std::vector<int>(items.begin() + m, items.end()), 2 * i + 2, nodes);
+    nodes[i] = joinedNode(nodes[2 * i + 1], nodes[2 * i + 2]);
 }
 
-inline std::vector<RefNode> referenceBuild(const GmTriangleMesh& mesh, int mode, const std::vector<V3>* positions,
-                                           double thickness, const GmDisabledData* disabled = nullptr,
-                                           const GmFrozenData* frozen = nullptr) {
+inline std::vector<RefNode> referenceBuild(const GmTriangleMesh& mesh, const std::vector<RefNode>& leaves) {
     const int n = mesh.getNumberFaces();
-    std::vector<RefNode> leaves(static_cast<size_t>(n));
-    for (int f = 0; f < n; ++f) {
-        leaves[static_cast<size_t>(f)].box = refFaceBox(mesh, f, mode, positions, thickness);
-        leaves[static_cast<size_t>(f)].face = f;
-        leaves[static_cast<size_t>(f)].disabled = disabled != nullptr && disabled->getCount() != 0 && disabled->isFaceDisabled(f);
-        leaves[static_cast<size_t>(f)].frozen = frozen != nullptr && frozen->getCount() != 0 && frozen->isFaceFrozen(f);
-    }
     std::vector<RefNode> nodes(static_cast<size_t>(n > 0 ? 2 * n - 1 : 0));
-    if (n == 0) return nodes;
     std::vector<int> items(static_cast<size_t>(n));
-    for (int f = 0; f < n; ++f) items[static_cast<size_t>(f)] = f;
-    refBuildNode(mesh, leaves, items, 0, nodes);
+    std::iota(items.begin(), items.end(), 0);
+    if (n > 0) refBuildNode(mesh, leaves, items, 0, nodes);
+    return nodes;
+}
+
+// What a refit must give the tree's present shape: leaves by face, internal nodes joined bottom-up.
+inline std::vector<RefNode> referenceRefit(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& leaves) {
+    std::vector<RefNode> nodes(static_cast<size_t>(h.getNumberNodes()));
+    for (int i = h.getNumberNodes() - 1; i >= 0; --i)
+        nodes[static_cast<size_t>(i)] = h.getNode(i).isLeaf()
+                                            ? leaves[static_cast<size_t>(h.getFaceIndex(h.getNode(i)))]
+                                            : joinedNode(nodes[static_cast<size_t>(2 * i + 1)], nodes[static_cast<size_t>(2 * i + 2)]);
     return nodes;
 }
 
@@ -150,18 +197,7 @@ inline bool sameBox(const GmAxisAlignedBox& a, const GmAxisAlignedBox& b) {
            a.maxZ == b.maxZ;
 }
 
-// Whether leaf node i's entry in the leaf table names face `face` and that face's vertices.
-inline bool leafEntryMatches(const GmBoundingVolumeHierarchy& h, int i, int face) {
-    const std::size_t k = static_cast<std::size_t>(i - h.getNumberInternalNodes());
-    if (k >= h.getLeafFaces().size()) return false;
-    const GmBoundingVolumeHierarchy::LeafFace& e = h.getLeafFaces()[k];
-    const GmTriangleFace& f = h.getTriangleMesh()->getFace(face);
-    return e.face == face && e.vertices[0] == f.vertices[0] && e.vertices[1] == f.vertices[1] &&
-           e.vertices[2] == f.vertices[2];
-}
-
-// Index of the first node that differs (leaf-table entries included), -1 when the trees are
-// equal node for node.
+// Index of the first node that differs (leaf-table entries included), -1 when equal node for node.
 inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector<RefNode>& ref) {
     if (static_cast<size_t>(h.getNumberNodes()) != ref.size()) return -2;
     if (h.getLeafFaces().size() != static_cast<size_t>(h.getNumberLeafNodes())) return -3;
@@ -170,57 +206,100 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
         const RefNode& r = ref[static_cast<size_t>(i)];
         if (!sameBox(n.box, r.box) || h.getFaceIndex(n) != r.face || n.disabled != r.disabled || n.frozen != r.frozen)
             return i;
-        if (r.face >= 0 && !leafEntryMatches(h, i, r.face)) return i;
+        if (r.face < 0) continue;  // a leaf: its entry in the leaf table names the face and its vertices
+        const auto& e = h.getLeafFaces()[static_cast<size_t>(i - h.getNumberInternalNodes())];
+        const int* v = h.getTriangleMesh()->getFace(r.face).vertices;
+        if (e.face != r.face || e.vertices[0] != v[0] || e.vertices[1] != v[1] || e.vertices[2] != v[2]) return i;
     }
     return -1;
 }
 
 inline int firstDifference(const GmBoundingVolumeHierarchy& a, const GmBoundingVolumeHierarchy& b) {
-    if (a.getNumberNodes() != b.getNumberNodes()) return -2;
-    for (int i = 0; i < a.getNumberNodes(); ++i) {
-        const auto& x = a.getNode(i);
-        const auto& y = b.getNode(i);
-        if (!sameBox(x.box, y.box) || x.primitive != y.primitive || x.disabled != y.disabled || x.frozen != y.frozen)
-            return i;
-        if (x.primitive != nullptr && (!leafEntryMatches(a, i, x.primitive->index) ||
-                                       !leafEntryMatches(b, i, y.primitive->index)))
-            return i;
-    }
-    return -1;
+    std::vector<RefNode> ref;
+    for (const auto& n : b.getNodes()) ref.push_back({n.box, b.getFaceIndex(n), n.disabled, n.frozen});
+    return firstDifference(a, ref);
 }
 
 // ---- Brute-force references ---------------------------------------------------------------
 
-// Smallest distance from p to any face (optionally skipping faces for which skip(f) holds).
-template <class Skip>
-inline double bruteDistance(const GmTriangleMesh& mesh, const V3& p, Skip skip, int* faceOut = nullptr) {
-    double best = DBL_MAX;
+// Closest face among those `keep` admits: smallest squared distance, ties to the smallest index.
+struct FaceAnswer {
+    int face = -1;
+    double d2 = DBL_MAX, s = 0.0, t = 0.0;
+    double distance() const { return face < 0 ? DBL_MAX : std::sqrt(d2); }
+};
+template <class Keep>
+FaceAnswer scanFaces(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    FaceAnswer best;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        if (skip(f)) continue;
         double s, t;
         const double d2 = GmGeometry::closestParametricPointOnTriangle(p, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
                                                                        mesh.getFaceVertex3(f), s, t);
-        if (d2 < best) {
-            best = d2;
-            if (faceOut) *faceOut = f;
-        }
+        if (d2 < best.d2 && keep(f, s, t)) best = FaceAnswer{f, d2, s, t};
     }
-    return best == DBL_MAX ? DBL_MAX : std::sqrt(best);
+    return best;
 }
 inline double bruteDistance(const GmTriangleMesh& mesh, const V3& p) {
-    return bruteDistance(mesh, p, [](int) { return false; });
+    return scanFaces(mesh, p, [](int, double, double) { return true; }).distance();
 }
 
-// Generalised winding number (sum of signed solid angles / 4 pi); 1 inside a closed outward
-// mesh, 0 outside.
+// Nearest vertex of the faces `keep` admits; ties to the smallest index.
+template <class Keep>
+int scanVertices(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
+    int best = -1;
+    double bestD2 = DBL_MAX;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        if (!keep(f)) continue;
+        for (const int v : mesh.getFace(f).vertices) {
+            const double d2 = (mesh.getVertex(v) - p).lengthSquared();
+            if (d2 < bestD2 || (d2 == bestD2 && v < best)) best = v, bestD2 = d2;
+        }
+    }
+    return best;
+}
+
+// Faces the ray meets, by the triangle test alone.
+template <class Keep>
+std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep) {
+    std::set<int> s;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (keep(f) && GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
+                                                   mesh.getFaceVertex3(f), point, t, u, v))
+            s.insert(f);
+    }
+    return s;
+}
+
+// Nearest hit: smallest (t, face), with the triangle test's own outputs.
+inline bool bruteFirst(const GmTriangleMesh& mesh, const V3& o, const V3& d, GmPointIntersectionInfo& best,
+                       double& bestT) {
+    bool found = false;
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        V3 point;
+        double t, u, v;
+        if (!GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
+                                         point, t, u, v) ||
+            (found && !(t < bestT)))
+            continue;
+        found = true;
+        bestT = t;
+        best.triangleIndex = f;
+        best.point = point;
+        best.barycentric = V3(1 - u - v, u, v);
+    }
+    return found;
+}
+
+// Generalised winding number: 1 inside a closed outward mesh, 0 outside.
 inline double windingNumber(const GmTriangleMesh& mesh, const V3& p) {
     double sum = 0.0;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
         const V3 a = mesh.getFaceVertex1(f) - p, b = mesh.getFaceVertex2(f) - p, c = mesh.getFaceVertex3(f) - p;
         const double la = a.length(), lb = b.length(), lc = c.length();
-        const double num = a.dot(b.cross(c));
         const double den = la * lb * lc + a.dot(b) * lc + b.dot(c) * la + c.dot(a) * lb;
-        sum += 2.0 * std::atan2(num, den);
+        sum += 2.0 * std::atan2(a.dot(b.cross(c)), den);
     }
     return sum / (4.0 * 3.14159265358979323846);
 }
@@ -235,10 +314,28 @@ inline GmAxisAlignedBox meshBounds(const GmTriangleMesh& mesh) {
 inline V3 randomPointAround(const GmTriangleMesh& mesh, std::mt19937& rng, double margin) {
     const GmAxisAlignedBox b = meshBounds(mesh);
     const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ);
-    const double pad = (mx - mn).length() * margin;
+    const V3 pad = V3(1, 1, 1) * ((mx - mn).length() * margin);
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    return V3(mn.x - pad + (mx.x - mn.x + 2 * pad) * u(rng), mn.y - pad + (mx.y - mn.y + 2 * pad) * u(rng),
-              mn.z - pad + (mx.z - mn.z + 2 * pad) * u(rng));
+    const V3 lo = mn - pad, size = mx - mn + pad * 2.0;
+    return V3(lo.x + size.x * u(rng), lo.y + size.y * u(rng), lo.z + size.z * u(rng));
+}
+
+// Random points around the mesh, and points exactly on faces, edges and vertices.
+inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    std::vector<V3> pts;
+    for (int i = 0; i < count; ++i) pts.push_back(randomPointAround(mesh, rng, 0.3));
+    for (int i = 0; i < count / 4; ++i) {
+        const int f = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces()));
+        const V3 &a = mesh.getFaceVertex1(f), &b = mesh.getFaceVertex2(f), &c = mesh.getFaceVertex3(f);
+        double s = u(rng), t = u(rng);
+        if (s + t > 1) s = 1 - s, t = 1 - t;
+        pts.push_back(a * (1 - s - t) + b * s + c * t);
+        pts.push_back(a * (1 - s) + b * s);
+        pts.push_back(c);
+    }
+    return pts;
 }
 
 }  // namespace bvhtest

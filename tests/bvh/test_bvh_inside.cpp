@@ -1,4 +1,6 @@
-// Inside-mesh decisions against the winding number, boundary tests and inside-vertex records.
+// Inside decisions. The defined answer is the sign of the closest-point search (a point on the
+// surface counts as inside); away from the surface it equals the winding number. The ray-parity
+// shortcut must agree wherever it decides, and is refused on meshes where parity may differ.
 
 #include <gtest/gtest.h>
 
@@ -8,106 +10,241 @@ using namespace bvhtest;
 
 namespace {
 
-// Compares isInsideMesh with the winding number on random points that are not within
-// minDistance of the surface (where both answers are well defined). Returns how many agreed.
-int expectAgreesWithWinding(const GmTriangleMesh& mesh, int count, unsigned seed, double minDistance,
-                            const std::string& name, int* insideCount = nullptr) {
-    GmBoundingVolumeHierarchy h(const_cast<GmTriangleMesh*>(&mesh));
+// A hierarchy that also exposes the ray-parity decision on its own.
+class ParityTree : public GmBoundingVolumeHierarchy {
+public:
+    using GmBoundingVolumeHierarchy::GmBoundingVolumeHierarchy;
+    int byRays(const V3& p, bool includeDisabled) const { return insideByRayParity(p, includeDisabled); }
+    bool inRootBox(const V3& p) const { return isInside(p); }
+};
+
+bool definedInside(const GmBoundingVolumeHierarchy& h, const V3& p, bool includeDisabled) {
+    V3 closest, normal;
+    int face = -1;
+    bool pinched = false;
+    return h.findClosestPoint(p, closest, face, normal, pinched, true, includeDisabled) <= 0.0;
+}
+
+GmTriangleMesh joined(const std::vector<qgtools::PolygonSoup>& parts) {
+    qgtools::PolygonSoup all;
+    for (const qgtools::PolygonSoup& s : parts) {
+        const int base = all.numVertices();
+        all.positions.insert(all.positions.end(), s.positions.begin(), s.positions.end());
+        for (const auto& t : s.triangles) all.triangles.push_back({t[0] + base, t[1] + base, t[2] + base});
+    }
+    return qgtools::meshFromSoup(all);
+}
+
+GmTriangleMesh openBox() {  // the unit cube without its top
+    qgtools::PolygonSoup s = qgtools::cubeSoup();
+    auto top = [&](const std::array<int, 3>& t) {
+        return s.positions[size_t(t[0])].z + s.positions[size_t(t[1])].z + s.positions[size_t(t[2])].z == 3.0;
+    };
+    s.triangles.erase(std::remove_if(s.triangles.begin(), s.triangles.end(), top), s.triangles.end());
+    return qgtools::meshFromSoup(s);
+}
+
+// Two tetrahedra sharing one vertex: every edge has two faces, the vertex two fans.
+GmTriangleMesh tetrahedraAtOneVertex() {
+    qgtools::PolygonSoup a = qgtools::tetrahedronSoup(1.0), s = a;
+    for (size_t k = 1; k < a.positions.size(); ++k) s.positions.push_back(a.positions[0] * 2.0 - a.positions[k]);
+    auto moved = [](int i) { return i != 0 ? i + 3 : 0; };
+    for (const auto& t : a.triangles)  // the point reflection turns the orientation: two corners swap
+        s.triangles.push_back({moved(t[0]), moved(t[2]), moved(t[1])});
+    return qgtools::meshFromSoup(s);
+}
+
+struct InsideCase {
+    std::string name;
+    GmTriangleMesh mesh;
+    bool certified;  // the ray shortcut is allowed
+};
+
+std::vector<InsideCase> insideCases() {
+    std::vector<InsideCase> c;
+    for (NamedMesh& m : testMeshes())  // (the tiny sphere: see SignedSearchInsideTinyMeshes)
+        if (m.mesh.isClosed() && m.name != "sphere 2^-12") c.push_back({m.name, std::move(m.mesh), true});
+    c.push_back({"tetrahedron", qgtools::makeTetrahedron(1.3), true});
+    c.push_back({"three parts", joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 0.5, V3(2.6, 0, 0)),
+                                        qgtools::cubeSoup(V3(0.5, 2.2, 0.3), V3(1.2, 2.6, 0.9))}),
+                 true});
+    c.push_back({"open box", openBox(), false});
+    c.push_back({"overlapping cubes",
+                 joined({qgtools::cubeSoup(), qgtools::cubeSoup(V3(0.5, 0.5, 0.5), V3(1.5, 1.5, 1.5))}), false});
+    qgtools::PolygonSoup inverted = qgtools::icosphereSoup(2);
+    inverted.flip();
+    c.push_back({"inverted sphere", qgtools::meshFromSoup(inverted), false});
+    c.push_back({"nested spheres",
+                 joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 0.5, V3(0.1, 0, 0))}), false});
+    c.push_back({"tetrahedra at one vertex", tetrahedraAtOneVertex(), false});
+    // Closed, positive volume, no separate faces meet, yet adjacent faces overlap: a folded flap,
+    // and a pyramid whose twisted apex fan pokes a base edge through a side face.
+    c.push_back({"folded flap",
+                 qgtools::meshFromSoup({{V3(0, 0, 0), V3(1, 0, 0), V3(0.5, 1, 0), V3(0.5, 0.8, 0), V3(0.5, 0.9, -1)},
+                                        {{0, 1, 2}, {1, 0, 3}, {2, 1, 4}, {0, 2, 4}, {3, 0, 4}, {1, 3, 4}}}),
+                 false});
+    c.push_back({"twisted pyramid",
+                 qgtools::meshFromSoup({{V3(0, 0, 1), V3(-1, 0, 0), V3(0, -1, 0), V3(1, 0, 0), V3(-0.5, -0.8, 0.1)},
+                                        {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 1}, {1, 4, 3}, {3, 2, 1}}}),
+                 false});
+    return c;
+}
+
+// Probes of every kind the inside test meets: uniform in the grown bounds, at small and larger
+// distances either side of a face, on faces, vertices and edge midpoints, sharing coordinates with
+// vertices (axis rays through vertices and edges), and outside the root box.
+struct Probes {
+    std::vector<V3> uniform, near, away, aligned, outside;  // near: on the surface too
+};
+
+Probes makeProbes(const GmTriangleMesh& mesh, unsigned seed) {
+    Probes pr;
     std::mt19937 rng(seed);
-    int checked = 0, inside = 0;
-    for (int i = 0; i < count; ++i) {
-        const V3 p = randomPointAround(mesh, rng, 0.1);
-        if (bruteDistance(mesh, p) < minDistance) continue;
-        const double w = windingNumber(mesh, p);
-        if (std::fabs(w - std::round(w)) > 0.05) continue;  // only for open meshes
-        const bool expected = std::round(w) >= 1.0;
-        EXPECT_EQ(h.isInsideMesh(p, true), expected) << name << " at " << p << " winding " << w;
-        inside += expected;
-        ++checked;
-    }
-    if (insideCount) *insideCount = inside;
-    return checked;
-}
-
-TEST(BvhInside, AgreesWithWindingNumberOnClosedMeshes) {
-    std::vector<std::pair<std::string, GmTriangleMesh>> m;
-    m.emplace_back("icosphere", qgtools::makeIcosphere(3));
-    m.emplace_back("torus", qgtools::makeTorus(48, 20));
-    m.emplace_back("cube", qgtools::makeCube(V3(-1, 0, 0), V3(1, 0.5, 3)));
-    m.emplace_back("tetrahedron", qgtools::makeTetrahedron(1.3));
-    m.emplace_back("spot", loadData("spot.obj"));
-    for (auto& [name, mesh] : m) {
-        ASSERT_TRUE(mesh.isClosed()) << name;
-        int inside = 0;
-        const int checked = expectAgreesWithWinding(mesh, 600, 31, 1e-6, name, &inside);
-        EXPECT_GT(checked, 500) << name;
-        EXPECT_GT(inside, 20) << name;
-        EXPECT_LT(inside, checked - 20) << name;
-    }
-}
-
-TEST(BvhInside, BunnyAwayFromItsHoles) {
-    // The bunny is open at its base; points whose winding number is clearly 0 or 1 must agree.
-    GmTriangleMesh bunny = loadData("stanford-bunny.obj");
-    ASSERT_FALSE(bunny.isClosed());
-    int inside = 0;
-    const int checked = expectAgreesWithWinding(bunny, 80, 7, 1e-6, "bunny", &inside);
-    EXPECT_GT(checked, 40);
-    EXPECT_GT(inside, 3);
-}
-
-TEST(BvhInside, SurfacePointsCountAsInside) {
-    GmTriangleMesh mesh = loadData("spot.obj");
-    GmBoundingVolumeHierarchy h(&mesh);
-    std::mt19937 rng(2);
-    for (int i = 0; i < 200; ++i) {
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    const GmAxisAlignedBox b = meshBounds(mesh);
+    const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ);
+    const double diag = (mx - mn).length();
+    auto anyVertex = [&] { return mesh.getVertex(static_cast<int>(rng() % unsigned(mesh.getNumberVertices()))); };
+    for (int i = 0; i < 400; ++i) pr.uniform.push_back(randomPointAround(mesh, rng, 0.1));
+    for (int i = 0; i < 100; ++i) {
         const int f = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberFaces()));
-        EXPECT_TRUE(h.isInsideMesh(mesh.getFaceVertex2(f), true)) << "vertex of face " << f;
-        // The exact midpoint of an edge need not be representable; the centroid of an
-        // axis-aligned face is checked below.
+        double s = u(rng), t = u(rng);
+        if (s + t > 1.0) s = 1.0 - s, t = 1.0 - t;
+        const V3 q = mesh.getFaceVertex1(f) * (1.0 - s - t) + mesh.getFaceVertex2(f) * s + mesh.getFaceVertex3(f) * t;
+        const V3 n = mesh.getFaceNormal(f);
+        pr.near.push_back(q);
+        for (const double d : {1e-12, 1e-10, 1e-8, -1e-12, -1e-10, -1e-8}) pr.near.push_back(q + n * (d * diag));
+        for (const double d : {1e-6, 1e-4, -1e-6, -1e-4}) pr.away.push_back(q + n * (d * diag));
+        const int e = static_cast<int>(rng() % static_cast<unsigned>(mesh.getNumberEdges()));
+        pr.near.insert(pr.near.end(), {(mesh.getEdgeVertexFrom(e) + mesh.getEdgeVertexTo(e)) * 0.5, anyVertex()});
     }
-    GmTriangleMesh cube = qgtools::makeCube();
-    GmBoundingVolumeHierarchy hc(&cube);
-    EXPECT_TRUE(hc.isInsideMesh(V3(0.25, 0.5, 1.0), true));   // top face
-    EXPECT_TRUE(hc.isInsideMesh(V3(0.0, 0.5, 0.5), true));    // side face
-    EXPECT_TRUE(hc.isInsideMesh(V3(1.0, 1.0, 0.5), true));    // an edge
-    EXPECT_TRUE(hc.isInsideMesh(V3(1.0, 1.0, 1.0), true));    // a corner
-    EXPECT_TRUE(hc.isInsideMesh(V3(0.5, 0.5, 0.5), true));
-    EXPECT_FALSE(hc.isInsideMesh(V3(0.5, 0.5, 1.0 + 1e-6), true));
-    EXPECT_FALSE(hc.isInsideMesh(V3(1.0 + 1e-6, 1.0, 1.0), true));
-    EXPECT_TRUE(hc.isInsideMesh(V3(0.5, 0.5, 1.0 - 1e-6), true));
-    EXPECT_FALSE(hc.isInsideMesh(V3(5, 5, 5), true));  // outside the root box
+    for (int i = 0; i < 150; ++i) {
+        const V3 a = anyVertex(), c = anyVertex();
+        const int k = static_cast<int>(rng() % 3u);
+        V3 p = a, r = (a + c) * 0.5;
+        p[k] = mn[k] + (mx[k] - mn[k]) * u(rng);  // the ray along k passes through vertex a
+        r[k] = mn[k] + (mx[k] - mn[k]) * u(rng);  // near or through the edge a-c, when it is one
+        pr.aligned.insert(pr.aligned.end(), {p, r, V3(a.x, c.y, mn.z + (mx.z - mn.z) * u(rng))});
+    }
+    for (int i = 0; i < 40; ++i) {
+        V3 p = randomPointAround(mesh, rng, 0.0);
+        const int k = static_cast<int>(rng() % 3u);
+        p[k] = (i % 2 ? mx[k] : mn[k]) + (i % 2 ? 1.0 : -1.0) * diag * (i % 4 < 2 ? 1e-3 : 2.0);
+        pr.outside.push_back(p);
+    }
+    return pr;
 }
 
-TEST(BvhInside, OpenBoundaryIsNeverInside) {
-    // The unit cube without its top (z = 1): an open box.
-    qgtools::PolygonSoup soup = qgtools::cubeSoup();
-    qgtools::PolygonSoup open;
-    open.positions = soup.positions;
-    for (const auto& t : soup.triangles) {
-        bool top = true;
-        for (int k = 0; k < 3; ++k) top = top && soup.positions[static_cast<size_t>(t[k])].z == 1.0;
-        if (!top) open.triangles.push_back(t);
+// isInsideMesh equals the defined answer, and so does the ray decision whenever it decides.
+// Returns the percentage of the probes in the root box that the rays decided.
+int expectSameAnswers(const ParityTree& h, const std::vector<V3>& points, const std::string& what,
+                      bool includeDisabled = true) {
+    int inBox = 0, decided = 0;
+    for (const V3& p : points) {
+        const bool expected = definedInside(h, p, includeDisabled);
+        EXPECT_EQ(h.isInsideMesh(p, includeDisabled), expected) << what << " at " << p;
+        const int r = h.byRays(p, includeDisabled);
+        if (r >= 0) { EXPECT_EQ(r != 0, expected) << what << " (rays) at " << p; }
+        if (h.inRootBox(p)) ++inBox, decided += r >= 0;
     }
-    ASSERT_EQ(open.triangles.size(), 10u);
-    GmTriangleMesh box = qgtools::meshFromSoup(open);
-    GmBoundingVolumeHierarchy h(&box);
-    EXPECT_FALSE(h.isMeshClosed(true));
-    EXPECT_TRUE(h.isInsideMesh(V3(0.5, 0.5, 0.1), true));    // near the bottom
-    EXPECT_TRUE(h.isInsideMesh(V3(0.1, 0.5, 0.5), true));    // near a wall
-    EXPECT_FALSE(h.isInsideMesh(V3(0.3, 0.5, 1.0), true));   // nearest to the open rim
-    EXPECT_FALSE(h.isInsideMesh(V3(0.5, 0.5, 1.0), true));
-    EXPECT_FALSE(h.isInsideMesh(V3(0.0, 0.5, 1.0), true));   // on the rim itself
-    EXPECT_TRUE(h.isInsideMesh(V3(0.0, 0.5, 0.5), true));    // on a wall
-    int rimEdge = -1;
-    for (int e = 0; e < box.getNumberEdges(); ++e)
-        if (box.getEdgeVertexFrom(e).z == 1.0 && box.getEdgeVertexTo(e).z == 1.0) rimEdge = e;
-    ASSERT_GE(rimEdge, 0);
-    EXPECT_TRUE(h.isBoundaryEdge(rimEdge, true));
-    EXPECT_TRUE(h.isBoundaryVertex(box.getEdge(rimEdge).from, true));
+    return inBox > 0 ? 100 * decided / inBox : 100;
 }
 
-TEST(BvhInside, DisabledFacesOpenTheMesh) {
+TEST(BvhInside, DefinedAnswersOnEveryMesh) {
+    for (InsideCase& c : insideCases()) {
+        const GmTriangleMesh& mesh = c.mesh;
+        const std::string& name = c.name;
+        ParityTree h(&c.mesh);
+        EXPECT_FALSE(h.insideQueriesPrepared(true)) << name;
+        ASSERT_EQ(h.prepareInsideQueries(true), c.certified) << name;
+        const Probes pr = makeProbes(mesh, 11);
+        const int uniform = expectSameAnswers(h, pr.uniform, name + " uniform");
+        const int away = expectSameAnswers(h, pr.away, name + " away");
+        const int aligned = expectSameAnswers(h, pr.aligned, name + " aligned");
+        expectSameAnswers(h, pr.outside, name + " outside");
+        // On and very near the surface the search decides.
+        EXPECT_EQ(expectSameAnswers(h, pr.near, name + " near"), 0) << name;
+        if (!c.certified) {
+            EXPECT_EQ(uniform, 0) << name;
+            continue;
+        }
+        EXPECT_GT(uniform, 95) << name;
+        EXPECT_GT(away, 90) << name;
+        if (mesh.getNumberVertices() > 8) { EXPECT_GT(aligned, 50) << name; }  // else most lie on the mesh
+        for (const V3& p : pr.outside) EXPECT_EQ(h.byRays(p, true), 0) << name << " at " << p;
+        for (int v = 0; v < mesh.getNumberVertices(); v += 7) EXPECT_TRUE(h.isInsideMesh(mesh.getVertex(v), true));
+        // Away from the surface the answer is the winding number's.
+        int checked = 0, inside = 0;
+        const double diag = meshBounds(mesh).getExtent().length();
+        for (const V3& p : pr.uniform) {
+            if (bruteDistance(mesh, p) < 1e-6 * diag) continue;
+            const double w = windingNumber(mesh, p);
+            EXPECT_EQ(h.isInsideMesh(p, true), w > 0.5) << name << " at " << p << " winding " << w;
+            inside += w > 0.5;
+            ++checked;
+        }
+        EXPECT_GT(inside, 10) << name;
+        EXPECT_LT(inside, checked - 10) << name;
+    }
+}
+
+TEST(BvhInside, ExactSurfaceAndBoundaryPoints) {
+    GmTriangleMesh cube = qgtools::makeCube(), box = openBox();
+    ParityTree hc(&cube), hb(&box);
+    ASSERT_TRUE(hc.prepareInsideQueries(true));
+    const struct {
+        const ParityTree* tree;
+        V3 p;
+        bool inside;
+    } cases[] = {{&hc, V3(0.25, 0.5, 1.0), true},        {&hc, V3(1.0, 1.0, 0.5), true},  // face, edge
+                 {&hc, V3(1.0, 1.0, 1.0), true},         {&hc, V3(0.5, 0.5, 1.0 - 1e-6), true},
+                 {&hc, V3(0.5, 0.5, 1.0 + 1e-6), false}, {&hc, V3(1.0 + 1e-6, 1.0, 1.0), false},
+                 {&hc, V3(5, 5, 5), false},              {&hb, V3(0.5, 0.5, 0.1), true},  // open box
+                 {&hb, V3(0.1, 0.5, 0.5), true},         {&hb, V3(0.3, 0.5, 1.0), false},  // nearest the rim
+                 {&hb, V3(0.0, 0.5, 1.0), false},        {&hb, V3(0.0, 0.5, 0.5), true}};
+    for (const auto& c : cases) EXPECT_EQ(c.tree->isInsideMesh(c.p, true), c.inside) << c.p;
+    // On the line through two opposite face centres the rays along it meet the crossing of the
+    // faces' diagonals; the rays along the other axes decide.
+    for (int k = 0; k < 3; ++k)
+        for (const double t : {0.1, 0.3, 0.7, 0.9}) {
+            V3 p(0.5, 0.5, 0.5);
+            p[k] = t;
+            EXPECT_EQ(hc.byRays(p, true), 1) << p;
+        }
+    // Exact grid points: axis rays through the cube's edges, corners and face diagonals.
+    std::vector<V3> points;
+    for (const double a : {0.0, 0.25, 0.5, 1.0})
+        for (const double b : {0.0, 0.25, 0.5, 1.0})
+            for (const double c : {0.125, 0.5, 0.75, -0.5, 1.5})
+                points.insert(points.end(), {V3(a, b, c), V3(c, a, b), V3(b, c, a)});
+    for (const double t : {0.2, 0.5, 0.7})
+        points.insert(points.end(), {V3(t, t, 0.4), V3(t, 0.4, t), V3(0.4, t, t), V3(t, 1.0 - t, 0.3)});
+    expectSameAnswers(hc, points, "cube");
+}
+
+TEST(BvhInside, AnswersDoNotDependOnScale) {
+    // Mesh and points scaled by 2^k (exactly) give the same answers before and after the check.
+    GmTriangleMesh unit = qgtools::makeTorus(48, 20);
+    GmBoundingVolumeHierarchy reference(&unit);
+    std::mt19937 rng(6);
+    std::vector<std::pair<V3, bool>> points;
+    for (int i = 0; i < 400; ++i) {
+        const V3 p = randomPointAround(unit, rng, 0.05);
+        points.emplace_back(p, definedInside(reference, p, true));
+    }
+    for (const int k : {-40, 40}) {
+        const double sc = std::ldexp(1.0, k);
+        GmTriangleMesh mesh = transformed(unit, V3(), sc);
+        GmBoundingVolumeHierarchy h(&mesh);
+        for (int round = 0; round < 2; ++round) {
+            for (const auto& [p, inside] : points)
+                ASSERT_EQ(h.isInsideMesh(p * sc, true), inside) << k << " round " << round << " at " << p;
+            ASSERT_TRUE(h.prepareInsideQueries(true));
+        }
+    }
+}
+
+TEST(BvhInside, BoundariesAndClosestFaceSets) {
     GmTriangleMesh mesh = qgtools::makeIcosphere(2);
     GmDisabledData disabled(&mesh);
     GmBoundingVolumeHierarchy h(&mesh, &disabled, nullptr);
@@ -119,77 +256,135 @@ TEST(BvhInside, DisabledFacesOpenTheMesh) {
     EXPECT_TRUE(h.isBoundaryEdge(e, false));
     EXPECT_FALSE(h.isBoundaryEdge(e, true));
     EXPECT_TRUE(h.isBoundaryVertex(mesh.getFace(0).vertices[0], false));
+    EXPECT_FALSE(h.isBoundaryVertex(mesh.getFace(0).vertices[0], true));
     EXPECT_TRUE(h.isBoundaryPoint(0, GmGeometry::INSIDE, false));
     EXPECT_FALSE(h.isBoundaryPoint(0, GmGeometry::INSIDE, true));
-    // A far-away face stays interior.
     int far = -1;
     for (int f = 0; f < mesh.getNumberFaces(); ++f)
         if ((mesh.getFaceCenter(f) - mesh.getFaceCenter(0)).length() > 1.5) far = f;
     ASSERT_GE(far, 0);
     EXPECT_FALSE(h.isBoundaryPoint(far, GmGeometry::ON_EDGE_2, false));
-}
 
-TEST(BvhInside, ClosestFaceSet) {
-    GmTriangleMesh mesh = qgtools::makeClothGrid(3, 3);
-    GmBoundingVolumeHierarchy h(&mesh);
-    std::vector<int> faces{99};
-    EXPECT_EQ(h.getClosestFaceSet(4, GmGeometry::INSIDE, faces), 1);
-    EXPECT_EQ(faces, (std::vector<int>{99, 4}));
-    faces.clear();
-    // Diagonal edge of quad (i, j) = (1, 1) is shared by faces 8 and 9 (edge 3 of face 8: v3-v1).
-    EXPECT_EQ(h.getClosestFaceSet(8, GmGeometry::ON_EDGE_3, faces), 2);
-    std::sort(faces.begin(), faces.end());
-    EXPECT_EQ(faces, (std::vector<int>{8, 9}));
-    faces.clear();
-    EXPECT_EQ(h.getClosestFaceSet(0, GmGeometry::ON_EDGE_1, faces), 1);  // boundary edge y = 0
-    faces = {1, 2, 3};
-    const int v = mesh.getFace(8).vertices[0];
-    EXPECT_EQ(h.getClosestFaceSet(8, GmGeometry::ON_VERTEX_1, faces), 6);
-    EXPECT_EQ(faces, mesh.getNeighborFacesToVertex(v));
-    faces.clear();
-    EXPECT_EQ(h.getClosestFaceSet(8, GmGeometry::INVALID, faces), 0);
-    EXPECT_TRUE(faces.empty());
+    // The faces sharing the feature a closest point lies on, against a scan of every face: appended
+    // to the list, except that a vertex's replace it.
+    GmTriangleMesh grid = qgtools::makeClothGrid(3, 3);
+    GmBoundingVolumeHierarchy hg(&grid);
+    for (int f = 0; f < grid.getNumberFaces(); ++f)
+        for (int type = GmGeometry::INSIDE; type <= GmGeometry::INVALID; ++type) {
+            const int* v = grid.getFace(f).vertices;
+            const bool vertexType = type >= GmGeometry::ON_VERTEX_1 && type <= GmGeometry::ON_VERTEX_3;
+            std::vector<int> expected, faces{99};
+            for (int g = 0; g < grid.getNumberFaces() && type != GmGeometry::INVALID; ++g) {
+                const int* w = grid.getFace(g).vertices;
+                auto has = [&](int x) { return w[0] == x || w[1] == x || w[2] == x; };
+                if (type == GmGeometry::INSIDE ? g == f
+                    : vertexType               ? has(v[type - 1])
+                                               : has(v[type - 4]) && has(v[(type - 3) % 3]))
+                    expected.push_back(g);
+            }
+            EXPECT_EQ(hg.getClosestFaceSet(f, GmGeometry::PointOnTriType(type), faces), int(expected.size()));
+            if (!vertexType) faces.erase(faces.begin());
+            std::sort(faces.begin(), faces.end());
+            EXPECT_EQ(faces, expected) << f << " " << type;
+        }
 }
 
 TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
     GmTriangleMesh big = qgtools::makeIcosphere(3, 1.0);
-    GmTriangleMesh probe = qgtools::makeTorus(16, 8, 0.8, 0.4);  // partly inside the sphere
+    GmTriangleMesh probe = qgtools::makeTorus(32, 12, 0.8, 0.4);  // partly inside the sphere
     GmBoundingTree bigTree(&big), probeTree(&probe);
-    std::vector<GmInsideInfo> results(1);
-    EXPECT_TRUE(bigTree.pointsInsideMesh(probeTree, results, true, true, 3, 4));
-    ASSERT_GT(results.size(), 1u);
-    std::vector<int> expected;
-    for (int v = 0; v < probe.getNumberVertices(); ++v)
-        if (bigTree.isInsideMesh(probe.getVertex(v), true)) expected.push_back(v);
-    ASSERT_EQ(results.size(), expected.size() + 1);
-    EXPECT_LT(expected.size(), static_cast<size_t>(probe.getNumberVertices()));
-    for (size_t k = 0; k < expected.size(); ++k) {
-        const GmInsideInfo& r = results[k + 1];
-        EXPECT_EQ(r.vertex, expected[k]);
-        EXPECT_EQ(r.objectIndex1, 3);
-        EXPECT_EQ(r.objectIndex2, 4);
-        EXPECT_NEAR(r.distance, bruteDistance(big, probe.getVertex(r.vertex)), 1e-9);
-        const V3 q = big.getFaceVertex1(r.closestFace) * r.barycentric.x +
-                     big.getFaceVertex2(r.closestFace) * r.barycentric.y +
-                     big.getFaceVertex3(r.closestFace) * r.barycentric.z;
-        EXPECT_NEAR((q - r.closestPoint).length(), 0.0, 1e-12);
+    // The records as the search gives them, vertex by vertex.
+    std::vector<GmInsideInfo> expected;
+    for (int v = 0; v < probe.getNumberVertices(); ++v) {
+        GmInsideInfo r;
+        V3 normal;
+        bool pinched;
+        const double d = bigTree.getHierarchy()->findClosestPoint(probe.getVertex(v), r.closestPoint, r.closestFace,
+                                                                  normal, pinched, true, true);
+        r.vertex = v;
+        r.distance = -d;
+        if (d <= 0.0) expected.push_back(r);
     }
-
-    // The multi-object form: vertices of the probe against the sphere, with metrics.
-    std::vector<GmInsideInfo> multi;
-    std::vector<int> objects{7};
-    GmBVHMetrics metrics;
-    EXPECT_TRUE(probeTree.intersect({&bigTree}, {nullptr}, 2, objects, multi, false, true, metrics));
-    EXPECT_EQ(multi.size(), expected.size());
-    for (const GmInsideInfo& r : multi) {
-        EXPECT_EQ(r.objectIndex1, 2);
-        EXPECT_EQ(r.objectIndex2, 7);
+    ASSERT_TRUE(expected.size() > 10u && expected.size() < static_cast<size_t>(probe.getNumberVertices()));
+    for (const bool prepared : {false, true}) {
+        if (prepared) { ASSERT_TRUE(bigTree.prepareInsideQueries(true)); }
+        std::vector<GmInsideInfo> results(1);
+        EXPECT_TRUE(bigTree.pointsInsideMesh(probeTree, results, true, true, 3, 4));  // appended
+        ASSERT_EQ(results.size(), expected.size() + 1);
+        for (size_t k = 0; k < expected.size(); ++k) {
+            const GmInsideInfo &r = results[k + 1], &e = expected[k];
+            EXPECT_TRUE(r.vertex == e.vertex && r.closestFace == e.closestFace && r.distance == e.distance &&
+                        r.closestPoint == e.closestPoint && r.objectIndex1 == 3 && r.objectIndex2 == 4) << k;
+            EXPECT_NEAR(r.distance, bruteDistance(big, probe.getVertex(r.vertex)), 1e-9);
+            const V3 q = big.getFaceVertex1(r.closestFace) * r.barycentric.x +
+                         big.getFaceVertex2(r.closestFace) * r.barycentric.y +
+                         big.getFaceVertex3(r.closestFace) * r.barycentric.z;
+            EXPECT_NEAR((q - r.closestPoint).length(), 0.0, 1e-12);
+        }
+        // The multi-object form.
+        std::vector<GmInsideInfo> multi;
+        std::vector<int> objects{7};
+        GmBVHMetrics metrics;
+        EXPECT_TRUE(probeTree.intersect({&bigTree}, {nullptr}, 2, objects, multi, false, true, metrics));
+        ASSERT_EQ(multi.size(), expected.size());
+        for (size_t k = 0; k < multi.size(); ++k)
+            EXPECT_TRUE(multi[k].vertex == expected[k].vertex && multi[k].objectIndex1 == 2 && multi[k].objectIndex2 == 7);
     }
-    // Nothing inside: false, vector cleared.
+    // Nothing inside: false, the vector cleared.
     GmTriangleMesh farAway = qgtools::makeIcosphere(1, 0.1, V3(10, 0, 0));
     GmBoundingTree farTree(&farAway);
+    std::vector<GmInsideInfo> results(2);
     EXPECT_FALSE(bigTree.pointsInsideMesh(farTree, results, false, true));
     EXPECT_TRUE(results.empty());
+}
+
+// ---- When the ray check holds ----------------------------------------------------------------
+
+TEST(BvhInside, MasksRefitsAndCopiesDropTheCheck) {
+    GmTriangleMesh mesh = qgtools::makeIcosphere(3);
+    GmDisabledData mask(&mesh);
+    mask.setFaceDisabled(7);
+    ParityTree h(&mesh, &mask, nullptr);
+    EXPECT_FALSE(h.prepareInsideQueries(false));
+    EXPECT_TRUE(h.prepareInsideQueries(true));  // every face taking part
+    const Probes pr = makeProbes(mesh, 3);
+    EXPECT_EQ(expectSameAnswers(h, pr.uniform, "masked", false), 0);
+    EXPECT_GT(expectSameAnswers(h, pr.uniform, "unmasked", true), 95);
+    // Mask emptied behind the tree's back: the nodes still carry the flag, the search decides.
+    mask.clear();
+    EXPECT_EQ(expectSameAnswers(h, pr.uniform, "stale flags", false), 0);
+    // Handing the mask over again refreshes the flags; disabling a face afterwards takes the ray
+    // path away from includeDisabled false only.
+    h.setDisabledData(&mask);
+    EXPECT_FALSE(h.insideQueriesPrepared(true));
+    EXPECT_TRUE(h.prepareInsideQueries(false));
+    mask.setFaceDisabled(3);
+    EXPECT_FALSE(h.insideQueriesPrepared(false));
+    EXPECT_TRUE(h.insideQueriesPrepared(true));
+    EXPECT_EQ(expectSameAnswers(h, pr.uniform, "disabled again", false), 0);
+
+    GmBoundingVolumeHierarchy copy(h), assigned(&mesh);
+    ASSERT_TRUE(assigned.prepareInsideQueries(true));
+    assigned = h;
+    EXPECT_FALSE(copy.insideQueriesPrepared(true) || assigned.insideQueriesPrepared(true));  // copies start without
+
+    // Two spheres apart, moved into each other, and apart again.
+    GmTriangleMesh two = joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 1.0, V3(3, 0, 0))});
+    const std::vector<V3> apart = two.getVertices();
+    std::vector<V3> together = apart;
+    for (size_t k = together.size() / 2; k < together.size(); ++k) together[k].x -= 2.5;
+    ParityTree ht(&two);
+    ASSERT_TRUE(ht.prepareInsideQueries(true));
+    two.setVertices(together);
+    ht.refit();
+    EXPECT_FALSE(ht.prepareInsideQueries(true));
+    EXPECT_EQ(expectSameAnswers(ht, makeProbes(two, 9).uniform, "overlapping"), 0);
+    two.setVertices(apart);
+    ht.refit();
+    EXPECT_TRUE(ht.prepareInsideQueries(true));
+    EXPECT_GT(expectSameAnswers(ht, makeProbes(two, 9).uniform, "apart"), 95);
+    ht.build();
+    EXPECT_FALSE(ht.insideQueriesPrepared(true));
 }
 
 }  // namespace
