@@ -30,27 +30,17 @@ void setRawPointType(GmTriangleInterferenceInfo& r, int value) { std::memcpy(&r.
 template <typename Record>
 Record sampleRecord(GmInterferenceType type) {
     Record r;
-    r.objectIndex1 = 2;
-    r.objectIndex2 = 4;
-    r.triangleIndex1 = 3;
-    r.triangleIndex2 = 7;
-    r.time = 0.25;
-    r.distance = 0.5;
-    r.falloff = 1.5;
+    r.objectIndex1 = 2, r.objectIndex2 = 4, r.triangleIndex1 = 3, r.triangleIndex2 = 7;
+    r.time = 0.25, r.distance = 0.5, r.falloff = 1.5;
     r.normal = GmTVector<double>(0, 0, 1);
     r.type = type;
-    r.feature1 = 11;
-    r.feature2 = 12;
+    r.feature1 = 11, r.feature2 = 12;
     r.point = GmTVector<double>(1, 2, 3);
     r.pointType = GmGeometry::ON_EDGE_2;
     r.barycentric2 = GmTVector<double>(0.5, 0.5, 0);
     r.barycentric1 = GmTVector<double>(0.25, 0.75, 0);
-    r.vertexIndices[0] = 20;
-    r.vertexIndices[1] = 21;
-    r.vertexIndices[2] = 22;
-    r.vertexIndices[3] = 23;
-    r.edgeIndices[0] = 30;
-    r.edgeIndices[1] = 31;
+    for (int i = 0; i < 4; ++i) r.vertexIndices[i] = 20 + i;
+    r.edgeIndices[0] = 30, r.edgeIndices[1] = 31;
     return r;
 }
 
@@ -62,42 +52,34 @@ TEST(InterferenceInfo, LayoutKeepsDeclarationOrderAndSharedPrefix) {
     static_assert(std::is_base_of<GmTriangleInterferenceInfo, GmProximityCheckInfo>::value, "shared layout");
     static_assert(std::is_base_of<GmTriangleInterferenceInfo, GmContinuousTimeIntersectionInfo>::value, "shared layout");
     GmContinuousTimeIntersectionInfo r;
-    auto at = [&](const void* p) { return static_cast<const char*>(p) - reinterpret_cast<const char*>(&r); };
-    EXPECT_LT(at(&r.objectIndex1), at(&r.objectIndex2));
-    EXPECT_LT(at(&r.triangleIndex2), at(&r.time));
-    EXPECT_LT(at(&r.falloff), at(&r.normal));
-    EXPECT_LT(at(&r.normal), at(&r.type));
-    EXPECT_LT(at(&r.feature2), at(&r.point));
-    EXPECT_LT(at(&r.pointType), at(&r.barycentric2));
-    EXPECT_LT(at(&r.barycentric2), at(&r.barycentric1));
-    EXPECT_LT(at(&r.barycentric1), at(&r.vertexIndices));
-    EXPECT_LT(at(&r.edgeIndices), at(&r.pinched0));
-    EXPECT_LT(at(&r.pinched0), at(&r.pinched1));
+    const char* base = reinterpret_cast<const char*>(&r);
+    const void* order[] = {&r.objectIndex1, &r.objectIndex2, &r.triangleIndex2, &r.time,        &r.falloff,
+                           &r.normal,       &r.type,         &r.feature2,       &r.point,       &r.pointType,
+                           &r.barycentric2, &r.barycentric1, &r.vertexIndices,  &r.edgeIndices, &r.pinched0, &r.pinched1};
+    for (std::size_t i = 1; i < sizeof order / sizeof order[0]; ++i)
+        EXPECT_LT(static_cast<const char*>(order[i - 1]) - base, static_cast<const char*>(order[i]) - base) << i;
     // Defaults: no object, invalid kind and classification, no pinch.
-    EXPECT_EQ(r.objectIndex1, -1);
-    EXPECT_EQ(r.type, GmInterferenceType::INVALID);
-    EXPECT_EQ(r.pointType, GmGeometry::INVALID);
-    EXPECT_FALSE(r.pinched0);
-    EXPECT_FALSE(r.pinched1);
+    EXPECT_TRUE(r.objectIndex1 == -1 && r.type == GmInterferenceType::INVALID && r.pointType == GmGeometry::INVALID);
+    EXPECT_FALSE(r.pinched0 || r.pinched1);
 }
 
 TEST(InterferenceInfo, HeaderWordingFollowsObjectIndices) {
-    GmTriangleInterferenceInfo r;
-    r.triangleIndex1 = 3;
-    r.triangleIndex2 = 7;
-    r.objectIndex1 = r.objectIndex2 = -1;
-    EXPECT_EQ(text(r), "Interference between triangles 3 and 7 of type INVALID.\n");
-    r.objectIndex1 = r.objectIndex2 = 2;
-    EXPECT_EQ(text(r), "Interference between object 2 triangles 3 and 7 of type INVALID.\n");
-    r.objectIndex2 = 4;
-    EXPECT_EQ(text(r), "Interference between object 2 triangle 3 and object 4 triangle 7 of type INVALID.\n");
-    // Only the first index is tested against -1.
-    r.objectIndex1 = -1;
-    r.objectIndex2 = 5;
-    EXPECT_EQ(text(r), "Interference between object -1 triangle 3 and object 5 triangle 7 of type INVALID.\n");
-    r.objectIndex1 = 5;
-    r.objectIndex2 = -1;
-    EXPECT_EQ(text(r), "Interference between object 5 triangle 3 and object -1 triangle 7 of type INVALID.\n");
+    const struct {
+        int object1, object2;
+        const char* text;
+    } cases[] = {
+        {-1, -1, "Interference between triangles 3 and 7 of type INVALID.\n"},
+        {2, 2, "Interference between object 2 triangles 3 and 7 of type INVALID.\n"},
+        {2, 4, "Interference between object 2 triangle 3 and object 4 triangle 7 of type INVALID.\n"},
+        // Only the first index is tested against -1.
+        {-1, 5, "Interference between object -1 triangle 3 and object 5 triangle 7 of type INVALID.\n"},
+        {5, -1, "Interference between object 5 triangle 3 and object -1 triangle 7 of type INVALID.\n"},
+    };
+    for (const auto& c : cases) {
+        GmTriangleInterferenceInfo r;
+        r.triangleIndex1 = 3, r.triangleIndex2 = 7, r.objectIndex1 = c.object1, r.objectIndex2 = c.object2;
+        EXPECT_EQ(text(r), c.text);
+    }
 }
 
 TEST(InterferenceInfo, UnknownKindPrintsOnlyTheHeader) {
@@ -199,17 +181,12 @@ TEST(InterferenceInfo, FeatureDecoderForEveryKindAndPointType) {
         {GmInterferenceType::INVALID, GmGeometry::INSIDE, kFeatureInvalid, -1, kFeatureInvalid, -1},
         {static_cast<GmInterferenceType>(9), GmGeometry::INSIDE, kFeatureInvalid, -1, kFeatureInvalid, -1},
     };
-    int n = 0;
     for (const Expect& e : cases) {
         auto r = sampleRecord<GmTriangleInterferenceInfo>(e.type);
         setRawPointType(r, e.pointType);
-        int k1 = -7, i1 = -7, k2 = -7, i2 = -7;
-        r.getFeatures(k1, i1, k2, i2);
-        EXPECT_EQ(k1, e.k1) << n;
-        EXPECT_EQ(i1, e.i1) << n;
-        EXPECT_EQ(k2, e.k2) << n;
-        EXPECT_EQ(i2, e.i2) << n;
-        ++n;
+        int k[4] = {-7, -7, -7, -7};
+        r.getFeatures(k[0], k[1], k[2], k[3]);
+        EXPECT_EQ(std::vector<int>(k, k + 4), (std::vector<int>{e.k1, e.i1, e.k2, e.i2})) << int(e.type) << " " << e.pointType;
     }
 }
 
@@ -288,9 +265,7 @@ TEST(InterferenceInfo, PointStaticCandidateAndTimeIndexForms) {
 TEST(InterferenceInfo, TimeIndexOrdersByTimeThenIndex) {
     std::vector<GmTimeIndex> v = {GmTimeIndex(2, 0.5), GmTimeIndex(0, 0.75), GmTimeIndex(1, 0.5), GmTimeIndex(3, 0.1)};
     std::sort(v.begin(), v.end());
-    ASSERT_EQ(v.size(), 4u);
-    EXPECT_EQ(v[0].index, 3);
-    EXPECT_EQ(v[1].index, 1);
-    EXPECT_EQ(v[2].index, 2);
-    EXPECT_EQ(v[3].index, 0);
+    std::vector<int> order;
+    for (const GmTimeIndex& x : v) order.push_back(x.index);
+    EXPECT_EQ(order, (std::vector<int>{3, 1, 2, 0}));
 }
