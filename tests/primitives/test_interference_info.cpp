@@ -1,3 +1,6 @@
+// Interference records: layout and defaults, the exact long and compact texts, the feature
+// decoder, the other record types' texts and the time-index order.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -82,17 +85,12 @@ TEST(InterferenceInfo, HeaderWordingFollowsObjectIndices) {
     }
 }
 
-TEST(InterferenceInfo, UnknownKindPrintsOnlyTheHeader) {
-    GmProximityCheckInfo r = sampleRecord<GmProximityCheckInfo>(static_cast<GmInterferenceType>(7));
-    EXPECT_EQ(text(r), "Proximity between object 2 triangle 3 and object 4 triangle 7");
-    r.type = static_cast<GmInterferenceType>(4);
-    EXPECT_EQ(text(r), "Proximity between object 2 triangle 3 and object 4 triangle 7");
-}
-
-TEST(InterferenceInfo, VertexFaceLongForm) {
-    auto r = sampleRecord<GmContinuousTimeIntersectionInfo>(GmInterferenceType::VERTEX_FACE);
-    r.pinched1 = true;
-    EXPECT_EQ(text(r),
+// Long forms: the wording of each kind and record type, the caller's stream settings, only the
+// header for a kind outside the enumeration, UNKNOWN for such a classification.
+TEST(InterferenceInfo, LongForms) {
+    auto vf = sampleRecord<GmContinuousTimeIntersectionInfo>(GmInterferenceType::VERTEX_FACE);
+    vf.pinched1 = true;
+    EXPECT_EQ(text(vf),
               "Continuous-Time Intersection between object 2 triangle 3 and object 4 triangle 7 of type VERTEX-FACE:\n"
               "\ttime 0.25; distance 0.5; falloff 1.5\n"
               "\tnormal (0, 0, 1); pinched0 false; pinched1 true\n"
@@ -101,14 +99,9 @@ TEST(InterferenceInfo, VertexFaceLongForm) {
               "\tbarycentric2 (0.5, 0.5, 0)\n"
               "\tvertexIndices {20, 21, 22, 23}\n"
               "\tedgeIndices {30, 31}\n");
-}
-
-TEST(InterferenceInfo, FaceVertexLongFormPutsTheFaceFirst) {
-    auto r = sampleRecord<GmProximityCheckInfo>(GmInterferenceType::FACE_VERTEX);
-    r.objectIndex2 = 2;
-    r.pinched = true;
-    r.pointType = GmGeometry::INSIDE;
-    EXPECT_EQ(text(r),
+    auto fv = sampleRecord<GmProximityCheckInfo>(GmInterferenceType::FACE_VERTEX);  // the face first
+    fv.objectIndex2 = 2, fv.pinched = true, fv.pointType = GmGeometry::INSIDE;
+    EXPECT_EQ(text(fv),
               "Proximity between object 2 triangles 3 and 7 of type FACE-VERTEX:\n"
               "\ttime 0.25; distance 0.5; falloff 1.5\n"
               "\tnormal (0, 0, 1); pinched true\n"
@@ -117,14 +110,9 @@ TEST(InterferenceInfo, FaceVertexLongFormPutsTheFaceFirst) {
               "\tbarycentric1 (0.25, 0.75, 0)\n"
               "\tvertexIndices {20, 21, 22, 23}\n"
               "\tedgeIndices {30, 31}\n");
-}
-
-TEST(InterferenceInfo, EdgeEdgeLongFormPrintsBothBarycentrics) {
-    auto r = sampleRecord<GmTriangleInterferenceInfo>(GmInterferenceType::EDGE_EDGE);
-    r.objectIndex1 = r.objectIndex2 = -1;
-    r.normal = GmTVector<double>(-0.6, 0.8, 0);
-    r.pointType = GmGeometry::INVALID;
-    EXPECT_EQ(text(r),
+    auto ee = sampleRecord<GmTriangleInterferenceInfo>(GmInterferenceType::EDGE_EDGE);  // both barycentrics
+    ee.objectIndex1 = ee.objectIndex2 = -1, ee.normal = GmTVector<double>(-0.6, 0.8, 0), ee.pointType = GmGeometry::INVALID;
+    EXPECT_EQ(text(ee),
               "Interference between triangles 3 and 7 of type EDGE-EDGE:\n"
               "\ttime 0.25; distance 0.5; falloff 1.5\n"
               "\tnormal (-0.6, 0.8, 0)\n"
@@ -134,26 +122,17 @@ TEST(InterferenceInfo, EdgeEdgeLongFormPrintsBothBarycentrics) {
               "\tbarycentric2 (0.5, 0.5, 0)\n"
               "\tvertexIndices {20, 21, 22, 23}\n"
               "\tedgeIndices {30, 31}\n");
-}
-
-TEST(InterferenceInfo, PointTypeOutsideTheEnumerationPrintsUnknown) {
-    auto r = sampleRecord<GmTriangleInterferenceInfo>(GmInterferenceType::VERTEX_FACE);
-    setRawPointType(r, 9);
-    const std::string s = text(r);
-    EXPECT_NE(s.find("\tpoint (1, 2, 3); pointType UNKNOWN\n"), std::string::npos) << s;
-    int k1, i1, k2, i2;
-    r.getFeatures(k1, i1, k2, i2);
-    EXPECT_EQ(k2, kFeatureFace);  // neither a corner nor an edge
-    EXPECT_EQ(i2, 7);
-}
-
-TEST(InterferenceInfo, StreamSettingsOfTheCallerApply) {
-    auto r = sampleRecord<GmTriangleInterferenceInfo>(GmInterferenceType::EDGE_EDGE);
-    r.time = 1.0 / 3.0;
+    ee.time = 1.0 / 3.0;
     std::ostringstream os;
     os.precision(3);
-    os << r;
+    os << ee;
     EXPECT_NE(os.str().find("\ttime 0.333; distance 0.5; falloff 1.5\n"), std::string::npos) << os.str();
+    setRawPointType(ee, 9);
+    EXPECT_NE(text(ee).find("\tpoint (1, 2, 3); pointType UNKNOWN\n"), std::string::npos) << text(ee);
+    for (const int kind : {4, 7}) {
+        auto r = sampleRecord<GmProximityCheckInfo>(static_cast<GmInterferenceType>(kind));
+        EXPECT_EQ(text(r), "Proximity between object 2 triangle 3 and object 4 triangle 7");
+    }
 }
 
 TEST(InterferenceInfo, FeatureDecoderForEveryKindAndPointType) {
@@ -171,6 +150,7 @@ TEST(InterferenceInfo, FeatureDecoderForEveryKindAndPointType) {
         {GmInterferenceType::VERTEX_FACE, GmGeometry::ON_EDGE_1, kFeatureVertex, 20, kFeatureEdge, 31},
         {GmInterferenceType::VERTEX_FACE, GmGeometry::ON_EDGE_3, kFeatureVertex, 20, kFeatureEdge, 31},
         {GmInterferenceType::VERTEX_FACE, GmGeometry::INVALID, kFeatureVertex, 20, kFeatureFace, 7},
+        {GmInterferenceType::VERTEX_FACE, 9, kFeatureVertex, 20, kFeatureFace, 7},  // neither corner nor edge
         {GmInterferenceType::FACE_VERTEX, GmGeometry::INSIDE, kFeatureFace, 3, kFeatureVertex, 23},
         {GmInterferenceType::FACE_VERTEX, GmGeometry::ON_VERTEX_1, kFeatureVertex, 20, kFeatureVertex, 23},
         {GmInterferenceType::FACE_VERTEX, GmGeometry::ON_VERTEX_2, kFeatureVertex, 21, kFeatureVertex, 23},
@@ -192,77 +172,50 @@ TEST(InterferenceInfo, FeatureDecoderForEveryKindAndPointType) {
 
 TEST(InterferenceInfo, CompactForm) {
     auto r = sampleRecord<GmTriangleInterferenceInfo>(GmInterferenceType::VERTEX_FACE);
-    r.pointType = GmGeometry::INSIDE;
-    r.objectIndex2 = 2;
+    r.pointType = GmGeometry::INSIDE, r.objectIndex2 = 2;
     EXPECT_EQ(compact(r), "V-F obj 2 vtx 20 self face 7 time 0.25 dist 0.5 P 1 2 3 N 0 0 1");
-
-    r.objectIndex2 = 4;
-    r.pointType = GmGeometry::ON_EDGE_1;
+    r.objectIndex2 = 4, r.pointType = GmGeometry::ON_EDGE_1;
     EXPECT_EQ(compact(r), "V-E obj 2 vtx 20 obj 4 edge 31 time 0.25 dist 0.5 P 1 2 3 N 0 0 1");
-
     // A face-vertex contact landing on the second corner of triangle 1 decodes to a vertex.
-    r.type = GmInterferenceType::FACE_VERTEX;
-    r.pointType = GmGeometry::ON_VERTEX_2;
+    r.type = GmInterferenceType::FACE_VERTEX, r.pointType = GmGeometry::ON_VERTEX_2;
     EXPECT_EQ(compact(r), "V-V obj 2 vtx 21 obj 4 vtx 23 time 0.25 dist 0.5 P 1 2 3 N 0 0 1");
     r.pointType = GmGeometry::INSIDE;
     EXPECT_EQ(compact(r), "F-V obj 2 face 3 obj 4 vtx 23 time 0.25 dist 0.5 P 1 2 3 N 0 0 1");
-
-    r.type = GmInterferenceType::EDGE_EDGE;
-    r.normal = GmTVector<double>(0.5, -0.25, 0);
+    r.type = GmInterferenceType::EDGE_EDGE, r.normal = GmTVector<double>(0.5, -0.25, 0);
     EXPECT_EQ(compact(r), "E-E obj 2 edge 30 obj 4 edge 31 time 0.25 dist 0.5 P 1 2 3 N 0.5 -0.25 0");
-
     r.type = GmInterferenceType::INVALID;
     EXPECT_EQ(compact(r), "INVALID");
     r.type = static_cast<GmInterferenceType>(5);
     EXPECT_EQ(compact(r), "X-X obj 2 invalid -1 obj 4 invalid -1 time 0.25 dist 0.5 P 1 2 3 N 0.5 -0.25 0");
-
     // Derived records print compactly as well, with no newline.
     auto c = sampleRecord<GmContinuousTimeIntersectionInfo>(GmInterferenceType::EDGE_EDGE);
     c.objectIndex1 = c.objectIndex2 = -1;
     EXPECT_EQ(compact(c), "E-E obj -1 edge 30 self edge 31 time 0.25 dist 0.5 P 1 2 3 N 0 0 1");
 }
 
-TEST(InterferenceInfo, InsideVertexForm) {
+TEST(InterferenceInfo, OtherRecordForms) {
     GmInsideInfo r;
     EXPECT_EQ(text(r), "Inside Vertex INVALID");
-    r.vertex = 5;
-    r.closestPoint = GmTVector<double>(1, 0.5, -2);
-    r.distance = 0.125;
-    r.closestFace = 9;
-    r.barycentric = GmTVector<double>(0.25, 0.25, 0.5);
-    r.pinched = true;
-    r.objectIndex1 = 0;
-    r.objectIndex2 = 3;
-    r.weight = 2;
+    r.vertex = 5, r.closestPoint = GmTVector<double>(1, 0.5, -2), r.distance = 0.125, r.closestFace = 9;
+    r.barycentric = GmTVector<double>(0.25, 0.25, 0.5), r.pinched = true, r.objectIndex1 = 0, r.objectIndex2 = 3, r.weight = 2;
     EXPECT_EQ(text(r),
               "Inside Vertex 5 { closestPoint (1, 0.5, -2), distance 0.125, closestFace 9, barycentric (0.25, 0.25, "
               "0.5), pinched true, objectIndex1 0, objectIndex2 3, weight 2 }");
     r.vertex = -3;
     EXPECT_EQ(text(r), "Inside Vertex INVALID");
-}
-
-TEST(InterferenceInfo, PointStaticCandidateAndTimeIndexForms) {
     GmPointIntersectionInfo p;
-    p.objectIndex = -1;
-    p.triangleIndex = 42;
-    p.point = GmTVector<double>(0.5, 1, 0);
-    p.barycentric = GmTVector<double>(0.5, 0.25, 0.25);
+    p.objectIndex = -1, p.triangleIndex = 42, p.point = GmTVector<double>(0.5, 1, 0), p.barycentric = GmTVector<double>(0.5, 0.25, 0.25);
     EXPECT_EQ(text(p), "Inside Point { objectIndex -1, triangleIndex 42, point (0.5, 1, 0), barycentric (0.5, 0.25, 0.25) }");
-
     GmIntersectionInfo s;
-    s.triangleIndex1 = 1;
-    s.triangleIndex2 = 8;
+    s.triangleIndex1 = 1, s.triangleIndex2 = 8;
     EXPECT_EQ(text(s), "Intersection between triangles 1 and 8:\n\tpoints {  }\n");
     s.points.push_back(GmTVector<double>(0, 1, 2));
     EXPECT_EQ(text(s), "Intersection between triangles 1 and 8:\n\tpoints { (0, 1, 2) }\n");
     s.points.push_back(GmTVector<double>(3, 4, 5.5));
     EXPECT_EQ(text(s), "Intersection between triangles 1 and 8:\n\tpoints { (0, 1, 2), (3, 4, 5.5) }\n");
-
     EXPECT_EQ(text(GmIntersectionCandidate(4, 17)), "Intersection Candidate (4, 17)\n");
     EXPECT_EQ(text(GmTimeIndex(3, 0.5)), "(time, index) = (0.5, 3)");
-}
-
-TEST(InterferenceInfo, TimeIndexOrdersByTimeThenIndex) {
+    // Time indices order by time, then index.
     std::vector<GmTimeIndex> v = {GmTimeIndex(2, 0.5), GmTimeIndex(0, 0.75), GmTimeIndex(1, 0.5), GmTimeIndex(3, 0.1)};
     std::sort(v.begin(), v.end());
     std::vector<int> order;
