@@ -8,7 +8,6 @@
 
 #include <array>
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -36,7 +35,7 @@ int exactOrient3d(const Point& a, const Point& b, const Point& c, const Point& d
     mpq_class m[3][3];
     const Point* p[3] = {&a, &b, &c};
     for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) m[i][j] = mpq_class((*p[i])[std::size_t(j)]) - mpq_class(d[std::size_t(j)]);
+        for (int j = 0; j < 3; ++j) m[i][j] = mpq_class((*p[i])[j]) - mpq_class(d[j]);
     return sgn(m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
                m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]));
 }
@@ -46,155 +45,132 @@ double nudge(double v, int ulps) {
     return v;
 }
 
-struct Family {
-    const char* name;
-    std::function<void(std::mt19937_64&, std::vector<Quad>&)> make;
-};
-
-// Each family adds cases; an exactly degenerate case is usually followed by a copy with one
+// The cases of one family; an exactly degenerate case is mostly followed by a copy with one
 // coordinate one ulp off.
-const Family kFamilies[] = {
-    {"random", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_real_distribution<double> u(-1.0, 1.0);
-         for (int n = 0; n < 3000; ++n) out.push_back({{{u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)},
-                                                         {u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}}});
-     }},
-    {"within a few ulps of a plane or line, at several scales", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_real_distribution<double> u(-1.0, 1.0);
-         std::uniform_int_distribution<int> ulps(-3, 3);
-         for (const double scale : {1.0, 1e15, 1e-15, 3.7e7})
-             for (int k = 0; k < 800; ++k) {
-                 Quad q;
-                 for (Point& x : q) x = {u(rng) * scale, u(rng) * scale, u(rng) * scale};
-                 // The third point near the line of the first two (in x, y), or the fourth near their plane.
-                 const double s = u(rng) * 3.0, t = u(rng);
-                 if (k % 2)
-                     for (int j = 0; j < 2; ++j) q[2][std::size_t(j)] = nudge(q[0][std::size_t(j)] + s * (q[1][std::size_t(j)] - q[0][std::size_t(j)]), ulps(rng));
-                 else
-                     for (std::size_t j = 0; j < 3; ++j) q[3][j] = q[0][j] + s * (q[1][j] - q[0][j]) + t * (q[2][j] - q[0][j]);
-                 q[3][std::size_t(k % 3)] = nudge(q[3][std::size_t(k % 3)], ulps(rng));
-                 out.push_back(q);
-             }
-     }},
-    {"integer points on a plane near 2e14, scaled by 2^k", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_int_distribution<long long> small(-1000000, 1000000);
-         std::uniform_int_distribution<int> coef(-4, 4);
-         for (const int e : {0, -50, -100, 20})
-             for (int k = 0; k < 400; ++k) {
-                 const long long base = (k % 2) ? 200000000000000LL : 0, p = coef(rng), q = coef(rng);
-                 Quad c;
-                 for (Point& x : c) {
-                     const long long xi = base + small(rng), yi = base + small(rng);
-                     x = {std::ldexp(double(xi), e), std::ldexp(double(yi), e), std::ldexp(double(p * xi + q * yi + 17), e)};
-                 }
-                 out.push_back(c);
-                 c[std::size_t(k % 4)][std::size_t((k / 4) % 3)] = nudge(c[std::size_t(k % 4)][std::size_t((k / 4) % 3)], (k & 8) ? 1 : -1);
-                 out.push_back(c);
-             }
-     }},
-    {"(x, y, x + y) and (x, 3x) at exponents far apart", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_int_distribution<long long> m20(1 << 19, (1 << 20) - 1), m51(1LL << 50, (1LL << 51) - 1);
-         std::uniform_int_distribution<int> e20(-60, 10), e51(-80, -30);
-         for (int k = 0; k < 2000; ++k) {
-             Quad c;
-             for (Point& x : c) {
-                 const int e = e20(rng);
-                 x[0] = std::ldexp(double(m20(rng)) * ((k & 1) ? -1 : 1), e);
-                 x[1] = std::ldexp(double(m20(rng)) * ((k & 2) ? -1 : 1), e);
-                 x[2] = x[0] + x[1];
-             }
-             if (k % 2) {  // the first three on the line y = 3x instead
-                 for (int i = 0; i < 3; ++i) {
-                     c[std::size_t(i)][0] = std::ldexp(double(m51(rng)) * ((k & 2) ? -1.0 : 1.0), e51(rng));
-                     c[std::size_t(i)][1] = 3.0 * c[std::size_t(i)][0];
-                 }
-             }
-             out.push_back(c);
-             c[std::size_t(k % 4)][std::size_t((k / 4) % 3)] = nudge(c[std::size_t(k % 4)][std::size_t((k / 4) % 3)], (k & 4) ? 1 : -1);
-             out.push_back(c);
-         }
-     }},
-    {"collinear integers near 1e15", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_int_distribution<long long> step(-100000, 100000);
-         for (int k = 0; k < 1000; ++k) {
-             const long long x0 = 900000000000000LL + step(rng), y0 = -700000000000000LL + step(rng);
-             const long long dx = step(rng) / 1000, dy = step(rng) / 1000, i = step(rng) % 37, j = step(rng) % 41;
-             Quad c{{{double(x0), double(y0), 1}, {double(x0 + i * dx), double(y0 + i * dy), 2},
-                     {double(x0 + j * dx), double(y0 + j * dy), 3}, {0, 0, 0}}};
-             out.push_back(c);
-             c[2][std::size_t(k % 2)] = nudge(c[2][std::size_t(k % 2)], (k & 2) ? 1 : -1);
-             out.push_back(c);
-         }
-     }},
-    {"repeated points and midpoints", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_real_distribution<double> u(-1.0, 1.0);
-         for (int k = 0; k < 500; ++k) {
-             const Point a{u(rng), u(rng), u(rng)}, b{u(rng), u(rng), u(rng)}, d{u(rng), u(rng), u(rng)};
-             const Point mid{0.5 * (a[0] + b[0]), 0.5 * (a[1] + b[1]), 0.5 * (a[2] + b[2])};
-             out.push_back({{a, a, b, d}});
-             out.push_back({{a, b, d, d}});
-             out.push_back({{a, b, mid, d}});
-         }
-     }},
-    {"every binary scale", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_int_distribution<int> small(-1000, 1000);
-         for (int k = -1070; k <= 990; k += 23)
-             for (int n = 0; n < 10; ++n) {
-                 const long long p = small(rng), q = small(rng), r = small(rng);
-                 Quad c;  // on a plane
-                 for (Point& x : c) {
-                     const long long xi = small(rng), yi = small(rng);
-                     x = {std::ldexp(double(xi), k), std::ldexp(double(yi), k), std::ldexp(double(p * xi + q * yi + r * 1000), k)};
-                 }
-                 Quad l = c;  // a, 2a and -a: collinear in x, y
-                 l[1] = {2.0 * c[0][0], 2.0 * c[0][1], c[1][2]};
-                 l[2] = {-c[0][0], -c[0][1], c[2][2]};
-                 out.push_back(c);
-                 out.push_back(l);
-                 c[3][std::size_t(n % 3)] = nudge(c[3][std::size_t(n % 3)], n % 2 ? 1 : -1);
-                 l[2][std::size_t(n % 2)] = nudge(l[2][std::size_t(n % 2)], 1);
-                 out.push_back(c);
-                 out.push_back(l);
-             }
-     }},
-    {"unrelated magnitudes within 2^1000 of each other", [](std::mt19937_64& rng, std::vector<Quad>& out) {
-         std::uniform_int_distribution<int> base(-1074, 0), exponent(0, 1000);
-         std::uniform_real_distribution<double> mant(-1.0, 1.0);
-         for (int n = 0; n < 4000; ++n) {
-             const int lowest = base(rng);
-             Quad c;
-             for (Point& x : c)
-                 for (double& v : x) v = std::ldexp(mant(rng), lowest + exponent(rng));
-             if (n % 2) {
-                 c[3] = c[std::size_t(n % 3)];
-                 c[3][std::size_t(n % 3)] = nudge(c[3][std::size_t(n % 3)], (n & 4) ? 1 : -1);
-             }
-             out.push_back(c);
-         }
-     }},
-};
+std::vector<Quad> family(int f, std::mt19937_64& rng) {
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<Quad> out;
+    auto nudged = [&](Quad c, int i, int j, int ulps) {
+        out.push_back(c);
+        c[i][j] = nudge(c[i][j], ulps);
+        out.push_back(c);
+    };
+    if (f == 0)  // random
+        for (int n = 0; n < 3000; ++n)
+            out.push_back({{{u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}}});
+    if (f == 1) {  // the third point within a few ulps of the line of the first two (in x, y), or the fourth of their plane
+        std::uniform_int_distribution<int> ulps(-3, 3);
+        for (const double scale : {1.0, 1e15, 1e-15, 3.7e7})
+            for (int k = 0; k < 800; ++k) {
+                Quad q;
+                for (Point& x : q) x = {u(rng) * scale, u(rng) * scale, u(rng) * scale};
+                const double s = u(rng) * 3.0, t = u(rng);
+                for (int j = 0; j < 3; ++j) {
+                    if (k % 2 && j < 2) q[2][j] = nudge(q[0][j] + s * (q[1][j] - q[0][j]), ulps(rng));
+                    if (k % 2 == 0) q[3][j] = q[0][j] + s * (q[1][j] - q[0][j]) + t * (q[2][j] - q[0][j]);
+                }
+                q[3][k % 3] = nudge(q[3][k % 3], ulps(rng));
+                out.push_back(q);
+            }
+    }
+    if (f == 2) {  // integer points on a plane, near 0 or 2e14, scaled by 2^e
+        std::uniform_int_distribution<long long> small(-1000000, 1000000);
+        std::uniform_int_distribution<int> coef(-4, 4);
+        for (const int e : {0, -50, -100, 20})
+            for (int k = 0; k < 400; ++k) {
+                const long long base = (k % 2) ? 200000000000000LL : 0, p = coef(rng), q = coef(rng);
+                Quad c;
+                for (Point& x : c) {
+                    const long long xi = base + small(rng), yi = base + small(rng);
+                    x = {std::ldexp(double(xi), e), std::ldexp(double(yi), e), std::ldexp(double(p * xi + q * yi + 17), e)};
+                }
+                nudged(c, k % 4, (k / 4) % 3, (k & 8) ? 1 : -1);
+            }
+    }
+    if (f == 3) {  // (x, y, x + y) at exponents far apart, the first three on y = 3x in every other case
+        std::uniform_int_distribution<long long> m20(1 << 19, (1 << 20) - 1), m51(1LL << 50, (1LL << 51) - 1);
+        std::uniform_int_distribution<int> e20(-60, 10), e51(-80, -30);
+        for (int k = 0; k < 2000; ++k) {
+            Quad c;
+            for (Point& x : c) {
+                const int e = e20(rng);
+                x[0] = std::ldexp(double(m20(rng)) * ((k & 1) ? -1 : 1), e);
+                x[1] = std::ldexp(double(m20(rng)) * ((k & 2) ? -1 : 1), e);
+                x[2] = x[0] + x[1];
+            }
+            for (int i = 0; i < 3 && k % 2; ++i) {
+                c[i][0] = std::ldexp(double(m51(rng)) * ((k & 2) ? -1.0 : 1.0), e51(rng));
+                c[i][1] = 3.0 * c[i][0];
+            }
+            nudged(c, k % 4, (k / 4) % 3, (k & 4) ? 1 : -1);
+        }
+    }
+    if (f == 4) {  // collinear integers near 1e15
+        std::uniform_int_distribution<long long> step(-100000, 100000);
+        for (int k = 0; k < 1000; ++k) {
+            const long long x0 = 900000000000000LL + step(rng), y0 = -700000000000000LL + step(rng);
+            const long long dx = step(rng) / 1000, dy = step(rng) / 1000, i = step(rng) % 37, j = step(rng) % 41;
+            nudged({{{double(x0), double(y0), 1}, {double(x0 + i * dx), double(y0 + i * dy), 2},
+                     {double(x0 + j * dx), double(y0 + j * dy), 3}, {0, 0, 0}}},
+                   2, k % 2, (k & 2) ? 1 : -1);
+        }
+    }
+    if (f == 5)  // repeated points and midpoints
+        for (int k = 0; k < 500; ++k) {
+            const Point a{u(rng), u(rng), u(rng)}, b{u(rng), u(rng), u(rng)}, d{u(rng), u(rng), u(rng)};
+            out.insert(out.end(), {{{a, a, b, d}}, {{a, b, d, d}}, {{a, b, {0.5 * (a[0] + b[0]), 0.5 * (a[1] + b[1]), 0.5 * (a[2] + b[2])}, d}}});
+        }
+    if (f == 6) {  // every binary scale: small integers on a plane; a, 2a and -a (collinear in x, y)
+        std::uniform_int_distribution<int> small(-1000, 1000);
+        for (int k = -1070; k <= 990; k += 23)
+            for (int n = 0; n < 10; ++n) {
+                const long long p = small(rng), q = small(rng), r = small(rng);
+                Quad c;
+                for (Point& x : c) {
+                    const long long xi = small(rng), yi = small(rng);
+                    x = {std::ldexp(double(xi), k), std::ldexp(double(yi), k), std::ldexp(double(p * xi + q * yi + r * 1000), k)};
+                }
+                Quad l = c;
+                l[1] = {2.0 * c[0][0], 2.0 * c[0][1], c[1][2]};
+                l[2] = {-c[0][0], -c[0][1], c[2][2]};
+                nudged(c, 3, n % 3, n % 2 ? 1 : -1);
+                nudged(l, 2, n % 2, 1);
+            }
+    }
+    if (f == 7) {  // unrelated magnitudes within 2^1000 of each other, half with a point one ulp from another
+        std::uniform_int_distribution<int> base(-1074, 0), exponent(0, 1000);
+        for (int n = 0; n < 4000; ++n) {
+            const int lowest = base(rng);
+            Quad c;
+            for (Point& x : c)
+                for (double& v : x) v = std::ldexp(u(rng), lowest + exponent(rng));
+            if (n % 2) c[3] = c[n % 3], c[3][n % 3] = nudge(c[3][n % 3], (n & 4) ? 1 : -1);
+            out.push_back(c);
+        }
+    }
+    return out;
+}
 
 }  // namespace
 
 TEST(PredicatesExact, SignsAgreeWithRationalArithmetic) {
-    for (const Family& f : kFamilies) {
+    for (int f = 0; f < 8; ++f) {
         std::mt19937_64 rng(11);
-        std::vector<Quad> cases;
-        f.make(rng, cases);
+        const std::vector<Quad> cases = family(f, rng);
         int counts[3] = {}, counts2[3] = {};
         for (std::size_t n = 0; n < cases.size(); ++n) {
             const Point &a = cases[n][0], &b = cases[n][1], &c = cases[n][2], &d = cases[n][3];
             const int want = exactOrient3d(a, b, c, d), want2 = exactOrient2d(a, b, c);
             ++counts[want + 1];
             ++counts2[want2 + 1];
-            ASSERT_EQ(signOf(GmPredicates::orient3d(a.data(), b.data(), c.data(), d.data())), want) << f.name << " " << n;
-            ASSERT_EQ(signOf(GmPredicates::orient3d(b.data(), a.data(), c.data(), d.data())), -want) << f.name << " " << n;
-            ASSERT_EQ(signOf(GmPredicates::orient3d(b.data(), c.data(), a.data(), d.data())), want) << f.name << " " << n;
-            ASSERT_EQ(signOf(GmPredicates::orient2d(a.data(), b.data(), c.data())), want2) << f.name << " " << n;
-            ASSERT_EQ(signOf(GmPredicates::orient2d(c.data(), b.data(), a.data())), -want2) << f.name << " " << n;
+            ASSERT_EQ(signOf(GmPredicates::orient3d(a.data(), b.data(), c.data(), d.data())), want) << "family " << f << " " << n;
+            ASSERT_EQ(signOf(GmPredicates::orient3d(b.data(), a.data(), c.data(), d.data())), -want) << "family " << f << " " << n;
+            ASSERT_EQ(signOf(GmPredicates::orient3d(b.data(), c.data(), a.data(), d.data())), want) << "family " << f << " " << n;
+            ASSERT_EQ(signOf(GmPredicates::orient2d(a.data(), b.data(), c.data())), want2) << "family " << f << " " << n;
+            ASSERT_EQ(signOf(GmPredicates::orient2d(c.data(), b.data(), a.data())), -want2) << "family " << f << " " << n;
         }
         // Each family reaches both signs, in three and in two dimensions.
-        EXPECT_TRUE(counts[0] > 0 && counts[2] > 0 && counts2[0] > 0 && counts2[2] > 0) << f.name;
+        EXPECT_TRUE(counts[0] > 0 && counts[2] > 0 && counts2[0] > 0 && counts2[2] > 0) << "family " << f;
     }
     const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
     const double o[3] = {0, 0, 0}, x[3] = {1, 0, 0}, y[3] = {0, 1, 0}, bad[2][3] = {{nan, 0, 1}, {inf, 0, 1}};
