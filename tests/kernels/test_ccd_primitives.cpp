@@ -1,13 +1,17 @@
 // Continuous-time vertex-face and edge-edge primitives: the cubic root walk, a table of hand-made
 // motions (each also scaled by powers of two, some under random rigid motions) with their exact
-// messages, random motions against a sampled reference, and generated hard cases (degenerate
-// arrangements, contacts at t = 0 and t = 1, rounding noise) checked in exact rational arithmetic.
+// messages, random motions against a sampled reference, generated hard cases (degenerate
+// arrangements, contacts at t = 0 and t = 1, rounding noise) checked in exact rational arithmetic,
+// the ground-truth sample queries, and the swept separation filter against all of these.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <cfloat>
 #include <cmath>
+#include <filesystem>
+#include <iostream>
 #include <initializer_list>
 #include <random>
 #include <sstream>
@@ -15,17 +19,50 @@
 #include <utility>
 #include <vector>
 
+#include <qgtools/ccd_queries.h>
+#include <qgtools/data_dir.h>
 #include <quarrygeom/primitives/GmIntersection.h>
 #include <quarrygeom/primitives/GmPredicates.h>
+#include <quarrygeom/primitives/GmSweptSeparation.h>
 
-#include "ccd_test_util.h"
 #include "exact_reference.h"
 
 namespace {
 
-using qgtest::Contact;
-using qgtest::Vec;
+using Vec = GmTVector<double>;
 namespace detail = GmIntersection::detail;
+constexpr double kNoBound = DBL_MAX;
+
+// Captures std::cerr for the lifetime of the object.
+class CerrCapture {
+public:
+    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
+    ~CerrCapture() { std::cerr.rdbuf(_old); }
+    std::string text() const { return _buf.str(); }
+
+private:
+    std::ostringstream _buf;
+    std::streambuf* _old;
+};
+
+// What a primitive reports; `time` keeps its sentinel unless the primitive writes it.
+struct Contact {
+    bool hit = false;
+    double time = -7.0, s = 0, t = 0;
+    Vec point, bary, normal;
+};
+
+// v: start positions of the four points, then their end positions (vertex-face p, a, b, c;
+// edge-edge a, b, c, d).
+inline Contact ccd(bool edgeEdge, const Vec* v, double bound = kNoBound) {
+    Contact c;
+    c.hit = edgeEdge ? GmIntersection::edgeEdgeIntersection(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], bound,
+                                                            c.time, c.s, c.t, c.normal)
+                     : GmIntersection::pointFaceIntersection(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], bound,
+                                                             c.time, c.point, c.bary, c.normal);
+    return c;
+}
+
 
 Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; }
 
@@ -77,10 +114,7 @@ Frame randomRigid(std::mt19937& rng) {
 // ---- The root walk ----------------------------------------------------------------------------
 
 TEST(CcdRootWalk, PreCheckRejectsOnlyCubicsWithoutRootInTheStep) {
-    const struct {
-        double c[4];
-        bool rejects;
-    } cases[] = {
+    const struct { double c[4]; bool rejects; } cases[] = {
         {{4, 1, 1, 1}, true},  {{1, 2, -1, -1}, true},   {{3, -3.5, 0.5, 0.3}, true}, {{1, 1, 1, -2.5}, true},
         {{1, 1, 1, -3.5}, false}, {{-0.5, 1, 0, 0}, false}, {{1.0 + 1e-13, -1.0, 0, 0}, true},
     };
@@ -96,12 +130,8 @@ TEST(CcdRootWalk, PreCheckRejectsOnlyCubicsWithoutRootInTheStep) {
 }
 
 TEST(CcdRootWalk, TimesTested) {
-    const struct {
-        const char* what;
-        double k, r0, r1, r2, shift;  // k (t - r0)(t - r1)(t - r2) + shift
-        std::vector<double> times;  // empty: none; a single time of a double root: the first one
-        bool all;
-    } cases[] = {
+    // k (t - r0)(t - r1)(t - r2) + shift, and the times tested (all, or for a double root the first).
+    const struct { const char* what; double k, r0, r1, r2, shift; std::vector<double> times; bool all; } cases[] = {
         {"root just after the step: clamped to 1", 1.0, -5.0, 0.5, 1.0000005, 0.0, {0.5, 1.0}, true},
         {"|p(1)| below 1e-12: solved although the pre-check rejects", 1e-7, 1.0000005, 2.0, 3.0, 0.0, {1.0}, true},
         {"first root beyond the step ends the search", 1e-8, 1.00001, 2.0, 3.0, 0.0, {}, true},
@@ -123,7 +153,7 @@ TEST(CcdRootWalk, TimesTested) {
             ASSERT_GE(n, 1) << k.what;
         }
         for (int i = 0; i < std::min(n, int(k.times.size())); ++i)
-            EXPECT_NEAR(times[i], k.times[std::size_t(i)], k.all ? 1e-12 : 1e-6) << k.what;
+            EXPECT_NEAR(times[i], k.times[i], k.all ? 1e-12 : 1e-6) << k.what;
     }
     double times[8];  // a cubic vanishing at 1 + 1e-13, which the pre-check rejects: tested at 1
     ASSERT_EQ(detail::rootWalkTimes(1.0 + 1e-13, -1.0, 0.0, 0.0, times), 1);
@@ -247,8 +277,8 @@ const Motion kMotions[] = {
 void expectMotion(const Motion& m, const Frame& f, double tol, const std::string& where) {
     Vec v[8];
     for (int i = 0; i < 8; ++i) v[i] = f(m.v[i]);
-    qgtest::CerrCapture cap;
-    const Contact c = qgtest::ccd(m.ee, v);
+    CerrCapture cap;
+    const Contact c = ccd(m.ee, v);
     EXPECT_EQ(cap.text(), m.message) << where;
     if (m.time < 0.0) {
         EXPECT_FALSE(c.hit) << where;
@@ -266,8 +296,8 @@ void expectMotion(const Motion& m, const Frame& f, double tol, const std::string
     }
     expectTouching(m.ee, v, c, 4.0 * tol * f.scale + 1e-14 * f.o.length(), where);
     if (c.time > 0.0 && f.o.lengthSquared() == 0.0) {
-        qgtest::CerrCapture quiet;
-        EXPECT_FALSE(qgtest::ccd(m.ee, v, c.time).hit) << where << ": contact at the time bound kept";
+        CerrCapture quiet;
+        EXPECT_FALSE(ccd(m.ee, v, c.time).hit) << where << ": contact at the time bound kept";
     }
 }
 
@@ -297,11 +327,11 @@ TEST(CcdMotions, ExtremeInputNeverThrowsNorGivesNaN) {
         {{1e150, 0, 0}, {0, 1e150, 0}, {0, 0, 1e150}, {-1e150, 0, 0}, {0, 0, 1e150}, {1e150, 0, 0}, {0, 1e150, 0}, {0, 0, -1e150}},
         {{0.5, 0.5, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.5, 0.5, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}},
     };
-    qgtest::CerrCapture cap;
+    CerrCapture cap;
     for (const auto& v : cases)
         for (const bool ee : {false, true}) {
             Contact c;
-            EXPECT_NO_THROW(c = qgtest::ccd(ee, v.data()));
+            EXPECT_NO_THROW(c = ccd(ee, v.data()));
             if (c.hit) {
                 EXPECT_TRUE(std::isfinite(c.time + c.s + c.t + c.normal.length() + c.point.length() + c.bary.length()));
                 EXPECT_NEAR(c.normal.length(), 1.0, 1e-12);
@@ -404,8 +434,8 @@ TEST(CcdRandom, MotionsAgainstASampledReference) {
             const double t0 = firstCoplanarTime(v);
             if (t0 >= 0.0 && clearlyMeet(ee, v, t0)) tref = t0;
         }
-        qgtest::CerrCapture cap;  // contacts on zero-area faces in plane motions may print their message
-        const Contact c = qgtest::ccd(ee, v);
+        CerrCapture cap;  // contacts on zero-area faces in plane motions may print their message
+        const Contact c = ccd(ee, v);
         const std::string where = "mode " + std::to_string(mode) + " trial " + std::to_string(trial);
         if (tref >= 0.0) {
             ++clear[mode];
@@ -495,7 +525,7 @@ TEST(CcdHardCases, NoConstructedContactIsMissedAtAnyScale) {
                     for (int k = 0; k < 3 && noisy; ++k) v[i][k] *= 1.0 + 1e-16 * unit(rng);
                 }
                 const std::string what = describe(q.family, q.time, v) + (noisy ? " (noisy)" : "");
-                const Contact c = qgtest::ccd(q.ee, v);
+                const Contact c = ccd(q.ee, v);
                 ASSERT_TRUE(c.hit) << what;
                 if (!noisy) {
                     EXPECT_LE(c.time, q.time + 1e-6) << what;
@@ -505,4 +535,110 @@ TEST(CcdHardCases, NoConstructedContactIsMissedAtAnyScale) {
                 if (std::string(q.family) != "face collapsing at contact") expectTouching(q.ee, v, c, 1e-9 * sc + 1e-14 * offset, what);
             }
     }
+}
+
+// ---- Sample queries and the swept separation filter ------------------------------------------------
+
+namespace {
+
+bool filterRejects(bool ee, const Vec* v) {
+    return ee ? GmSweptSeparation::edgeEdgeApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7])
+              : GmSweptSeparation::vertexFaceApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
+}
+
+// One query at one scale: the primitive's contact is consistent, and the filter keeps every
+// contact. Returns whether the filter rejected it.
+bool check(bool ee, const Vec* v, bool truth, const std::string& what, int& hits) {
+    const Contact c = ccd(ee, v);
+    hits += c.hit;
+    EXPECT_FALSE(truth && !c.hit) << "missed contact: " << what;
+    if (c.hit) {
+        EXPECT_TRUE(c.time >= 0.0 && c.time <= 1.0) << what << " time " << c.time;
+        EXPECT_NEAR(c.normal.length(), 1.0, 1e-12) << what;
+    }
+    const bool rejected = filterRejects(ee, v);
+    EXPECT_FALSE(rejected && c.hit) << "filter rejects a contact the primitive reports: " << what;
+    EXPECT_FALSE(rejected && truth) << "filter rejects a true contact: " << what;
+    return rejected;
+}
+
+}  // namespace
+
+// The ground-truth sample queries (ccd-queries/<set>/{vertex-face,edge-edge}/*.csv), each also
+// scaled by powers of two: no contact of the ground truth is missed, and the swept separation
+// filter never rejects a query that the primitives report as a contact or the truth calls one.
+TEST(CcdSampleQueries, NoContactIsMissedNorRejectedByTheFilter) {
+    const std::filesystem::path root = std::filesystem::path(qgtools::dataDir()) / "ccd-queries";
+    if (!std::filesystem::is_directory(root)) GTEST_SKIP() << "no ccd-queries folder under " << qgtools::dataDir();
+    int positives = 0, negatives = 0, hits = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (!entry.is_regular_file() || entry.path().extension() != ".csv") continue;
+        const bool ee = entry.path().parent_path().filename() == "edge-edge";
+        int index = 0;
+        for (const qgtools::CcdQuery& q : qgtools::readCcdQueries(entry.path().string())) {
+            (q.truth ? positives : negatives)++;
+            const std::string what = entry.path().string() + " #" + std::to_string(index++);
+            for (const double scale : {1.0, 0x1p-10, 0x1p12}) {  // exact
+                Vec v[8];
+                for (int k = 0; k < 8; ++k) v[k] = q.v[k] * scale;
+                check(ee, v, q.truth, what + " scaled " + std::to_string(scale), hits);
+            }
+        }
+    }
+    EXPECT_GT(positives, 0);
+    EXPECT_GT(negatives, 0);
+}
+
+// Contacts placed at chosen times (including the ends of the step), coplanar and nearly
+// coplanar motion, parallel edges and degenerate faces, rounding noise, scales and offsets by
+// powers of two: checked against the primitives.
+TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
+    std::mt19937_64 rng(0x9e3779b97f4a7c15ULL);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    auto vec = [&] { return Vec(u(rng), u(rng), u(rng)); };
+    int hits = 0, rejected = 0, total = 0;
+    for (int iter = 0; iter < 4000; ++iter) {
+        for (const bool ee : {false, true}) {
+            const int kind = iter % 9;
+            Vec v[8];
+            for (Vec& x : v) x = vec();
+            const double tc = kind == 1 ? 0.0 : (kind == 2 ? 1.0 : 0.5 * (u(rng) + 1.0));
+            if (kind >= 1 && kind <= 3) {
+                // The first point (with its edge) shifted so that it meets the face (the other edge) at tc.
+                const Vec pa = v[1] + (v[5] - v[1]) * tc, pb = v[2] + (v[6] - v[2]) * tc, pc = v[3] + (v[7] - v[3]) * tc;
+                const double s = 0.15 * (u(rng) + 1.0), w = 0.15 * (u(rng) + 1.0);
+                const Vec target = ee ? pb + (pc - pb) * s : pa + (pb - pa) * s + (pc - pa) * w;
+                const Vec shift = target - (v[0] + (v[4] - v[0]) * tc);
+                for (const int k : {0, 4}) v[k] += shift;
+                if (ee)
+                    for (const int k : {1, 5}) v[k] += shift;
+            } else if (kind == 4) {  // all in one plane throughout, with rounding noise
+                for (Vec& x : v) x.z = 1e-17 * u(rng);
+            } else if (kind == 5) {  // nearly coplanar
+                for (Vec& x : v) x.z = 0.25 + 1e-9 * u(rng);
+            } else if (kind == 6) {  // parallel edges / a degenerate face
+                for (int s = 0; s < 2; ++s) {
+                    v[4 * s + 3] = v[4 * s + 1] + (v[4 * s + 2] - v[4 * s + 1]) * 2.0;
+                    if (ee) v[4 * s + 1] = v[4 * s + 0] + (v[4 * s + 3] - v[4 * s + 2]);
+                }
+            } else if (kind == 7) {  // a grazing touch at the end of the step, nearly at rest before
+                for (int k = 0; k < 4; ++k) v[k] = v[k + 4] + vec() * 1e-3;
+                v[4].z = v[5].z = v[6].z = v[7].z = 0.5;
+            } else if (kind == 8) {  // small motion, the first point (edge) well above the others
+                for (int k = 0; k < 4; ++k) v[k + 4] = v[k] + vec() * 0.1;
+                for (const int k : {0, 4, 1, 5})
+                    if (ee || k == 0 || k == 4) v[k].z += 3.0;
+            }
+            for (const double sc : {0x1p-20, 1.0, 0x1p20})
+                for (const double off : {0.0, 0x1p10}) {
+                    Vec s[8];
+                    for (int k = 0; k < 8; ++k) s[k] = v[k] * sc + Vec(off, -off, off);
+                    ++total;
+                    rejected += check(ee, s, false, "kind " + std::to_string(kind) + " case " + std::to_string(iter), hits);
+                }
+        }
+    }
+    // Both outcomes occur: the generator produces contacts, and the filter is not a no-op.
+    EXPECT_GT(hits, total / 20);
+    EXPECT_GT(rejected, total / 20);
 }

@@ -3,13 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <algorithm>
+#include <array>
+#include <cfloat>
 #include <cmath>
+#include <iostream>
 #include <initializer_list>
 #include <limits>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -24,13 +27,25 @@
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 #include <quarrygeom/quarrygeom.h>
 
-#include "ccd_test_util.h"
 #include "exact_reference.h"
 
 namespace {
 
-using qgtest::kNoBound;
-using qgtest::Vec;
+using Vec = GmTVector<double>;
+constexpr double kNoBound = DBL_MAX;
+
+// Captures std::cerr for the lifetime of the object.
+class CerrCapture {
+public:
+    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
+    ~CerrCapture() { std::cerr.rdbuf(_old); }
+    std::string text() const { return _buf.str(); }
+
+private:
+    std::ostringstream _buf;
+    std::streambuf* _old;
+};
+
 using GmIntersection::ComponentTests;
 using Records = std::vector<GmContinuousTimeIntersectionInfo>;
 
@@ -49,7 +64,7 @@ GmTriangleMesh twoTriangles(const Vec& p, const Vec& q, const Vec& r) {
 
 std::vector<Vec> moved(const GmTriangleMesh& m, std::initializer_list<int> which, const Vec& d) {
     std::vector<Vec> end = m.getVertices();
-    for (int v : which) end[std::size_t(v)] += d;
+    for (int v : which) end[v] += d;
     return end;
 }
 
@@ -91,7 +106,7 @@ TEST(ContinuousKernels, VertexFaceRecordsBitOrderAndMetrics) {
     ASSERT_TRUE(GmContactKernels::continuousSelf(m, end, 1, 0, GmIntersection::kAllTests, metrics, kNoBound, nullptr, 7, out));
     ASSERT_EQ(out.size(), 3u);
     for (int k = 0; k < 3; ++k) {
-        const GmContinuousTimeIntersectionInfo& r = out[std::size_t(k)];
+        const GmContinuousTimeIntersectionInfo& r = out[k];
         EXPECT_EQ(r.type, GmInterferenceType::VERTEX_FACE);
         EXPECT_EQ(r.feature1, 3 + k);  // bit order: corners 1, 2, 3 of face 1
         EXPECT_EQ(r.feature2, 0);
@@ -105,7 +120,7 @@ TEST(ContinuousKernels, VertexFaceRecordsBitOrderAndMetrics) {
         EXPECT_FALSE(r.pinched0 || r.pinched1);
         const Vec& w = r.barycentric2;  // face 0: point = w1 (1,0,0) + w2 (0,1,0)
         EXPECT_NEAR((r.point - Vec(w.y, w.z, 0)).length() + std::fabs(w.x + w.y + w.z - 1.0), 0.0, 1e-12);
-        EXPECT_NEAR((r.point - end[std::size_t(3 + k)] * 0.5 - m.getVertices()[std::size_t(3 + k)] * 0.5).length(), 0, 1e-12);
+        EXPECT_NEAR((r.point - end[3 + k] * 0.5 - m.getVertices()[3 + k] * 0.5).length(), 0, 1e-12);
     }
     EXPECT_EQ(metrics.vertexFaceCandidates(), 6u);
     EXPECT_EQ(metrics.vertexFaceSuccesses(), 3u);
@@ -119,7 +134,7 @@ TEST(ContinuousKernels, VertexFaceRecordsBitOrderAndMetrics) {
     ASSERT_TRUE(GmContactKernels::continuousSelf(m, end, 0, 1, GmIntersection::kAllTests, metrics, kNoBound, nullptr, -1, out));
     ASSERT_EQ(out.size(), 3u);
     for (int k = 0; k < 3; ++k) {
-        const GmContinuousTimeIntersectionInfo& r = out[std::size_t(k)];
+        const GmContinuousTimeIntersectionInfo& r = out[k];
         EXPECT_EQ(r.type, GmInterferenceType::FACE_VERTEX);
         EXPECT_EQ(r.feature1 * 10 + r.feature2, (3 + k) * 10);
         EXPECT_EQ(std::vector<int>(r.vertexIndices, r.vertexIndices + 4), (std::vector<int>{0, 1, 2, 3 + k}));
@@ -270,7 +285,7 @@ TEST(ProximityPrimitives, NormalsAndMessages) {
     EXPECT_NEAR(std::fabs(n.z), 1.0, 1e-15);
     EXPECT_NEAR(s, 0.5, 1e-15);
     // A point on a zero-area face, overlapping collinear segments: no direction, the message.
-    qgtest::CerrCapture cap;
+    CerrCapture cap;
     d = 0.1;
     EXPECT_FALSE(GmProximityCheck::pointFaceProximity(Vec(0.5, 0, 0), Vec(0, 0, 0), Vec(1, 0, 0), Vec(2, 0, 0), d, n, q, wa,
                                                       wb, wc));
@@ -285,11 +300,8 @@ TEST(ProximityPrimitives, NormalsAndMessages) {
 
 TEST(StaticKernels, IntersectionPointsAndMeshRecord) {
     const Vec a(0, 0, 0), b(1, 0, 0), c(0, 1, 0);
-    const struct {
-        const char* what;
-        Vec p, q, r;
-        std::size_t points;  // at least, for the overlap polygon
-    } cases[] = {
+    // The number of intersection points (at least, for the overlap polygon).
+    const struct { const char* what; Vec p, q, r; std::size_t points; } cases[] = {
         {"piercing along x = 0.25", {0.25, -1, -1}, {0.25, 0.5, 1}, {0.25, 2, -1}, 2},
         {"apart", {0, 0, 1}, {1, 0, 1}, {0, 1, 1}, 0},
         {"touching at a corner", {1, 0, 0}, {2, 0, 1}, {2, 1, -1}, 1},
@@ -389,7 +401,7 @@ TEST(TrianglePairExact, AgreesWithRationalReferenceAtEveryScale) {
             for (const int k : f.exponents) {
                 const double sc = std::ldexp(1.0, k);
                 Vec s[6];
-                for (int i = 0; i < 6; ++i) s[i] = p[std::size_t(i)] * sc;
+                for (int i = 0; i < 6; ++i) s[i] = p[i] * sc;
                 std::vector<Vec> pts;
                 ASSERT_EQ(libraryMeets(&s[0], &s[3], pts), want) << "2^" << k << ": " << s[0] << s[1] << s[2] << " / " << s[3] << s[4] << s[5];
                 if (k == 0) {
@@ -445,10 +457,7 @@ TEST(SegmentDistance, MatchesDenseSampling) {
 }
 
 TEST(SegmentDistance, ExactIntersectionFlag) {
-    const struct {
-        Vec p0, p1, q0, q1;
-        bool meet;
-    } cases[] = {
+    const struct { Vec p0, p1, q0, q1; bool meet; } cases[] = {
         {{-1, 0, 0}, {1, 0, 0}, {0, -1, 0}, {0, 1, 0}, true},               // crossing
         {{-1, 0, 0}, {1, 0, 0}, {0, -1, 1e-300}, {0, 1, 1e-300}, false},   // 1e-300 apart
         {{0, 0, 0}, {1, 1, 1}, {1, 1, 1}, {2, 0, 5}, true},                 // shared end
@@ -487,10 +496,7 @@ TEST(OrphanEntries, EachEntryGivesTheBitOfItsOneTest) {
 }
 
 TEST(OrphanEntries, BarycentricClassification) {
-    const struct {
-        Vec w;
-        GmGeometry::PointOnTriType type;
-    } cases[] = {
+    const struct { Vec w; GmGeometry::PointOnTriType type; } cases[] = {
         {{0.2, 0.3, 0.5}, GmGeometry::INSIDE},     {{1, 0, 0}, GmGeometry::ON_VERTEX_1},
         {{1e-15, 1, 1e-15}, GmGeometry::ON_VERTEX_2}, {{0.5, 0.5, 0}, GmGeometry::ON_EDGE_1},
         {{0, 0.5, 0.5}, GmGeometry::ON_EDGE_2},    {{0.5, 1e-14, 0.5}, GmGeometry::ON_EDGE_3},

@@ -73,12 +73,7 @@ double bruteForceDist2(const V& p, const V& v0, const V& v1, const V& v2) {
 
 TEST(ClosestPointOnTriangle, EachRegion) {
     const V unit[3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, off[3] = {{1, 2, 3}, {4, 2, 3}, {1, 6, 3}};
-    const struct {
-        const char* what;
-        const V* tri;
-        V p;
-        double s, t, d2;
-    } cases[] = {
+    const struct { const char* what; const V* tri; V p; double s, t, d2; } cases[] = {
         {"0: above the interior", unit, {0.25, 0.25, 2.0}, 0.25, 0.25, 4.0},
         {"1: beyond edge v1 v2", unit, {1.0, 1.0, 0.0}, 0.5, 0.5, 0.5},
         {"1: nearest point v2", unit, {0.2, 1.2, 0.0}, 0.0, 1.0, 0.08},

@@ -67,10 +67,7 @@ TEST(InterferenceInfo, LayoutKeepsDeclarationOrderAndSharedPrefix) {
 }
 
 TEST(InterferenceInfo, HeaderWordingFollowsObjectIndices) {
-    const struct {
-        int object1, object2;
-        const char* text;
-    } cases[] = {
+    const struct { int object1, object2; const char* text; } cases[] = {
         {-1, -1, "Interference between triangles 3 and 7 of type INVALID.\n"},
         {2, 2, "Interference between object 2 triangles 3 and 7 of type INVALID.\n"},
         {2, 4, "Interference between object 2 triangle 3 and object 4 triangle 7 of type INVALID.\n"},

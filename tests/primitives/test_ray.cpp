@@ -139,7 +139,7 @@ bool exactRayBox(const std::array<double, 6>& box, const V& o, const V& d) {
     mpq_class lo(0), hi(0);
     bool bounded = false;
     for (int i = 0; i < 3; ++i) {
-        const mpq_class m(box[std::size_t(i)]), M(box[std::size_t(i) + 3]), oi(o[i]), di(d[i]);
+        const mpq_class m(box[i]), M(box[std::size_t(i) + 3]), oi(o[i]), di(d[i]);
         if (d[i] == 0.0) {
             if (oi < m || oi > M) return false;
             continue;
