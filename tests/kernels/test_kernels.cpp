@@ -435,9 +435,7 @@ TEST(TrianglePairExact, CleanSphereHasNoSelfIntersectionAtAnyScale) {
     }
 }
 
-// ---- Segment distance --------------------------------------------------------------------------------
-
-TEST(SegmentDistance, MatchesDenseSampling) {
+TEST(SegmentDistance, DenseSamplingAndExactIntersectionFlag) {
     std::mt19937 rng(5);
     std::uniform_real_distribution<double> u(-1, 1);
     auto vec = [&] { return Vec(u(rng), u(rng), u(rng)); };
@@ -454,9 +452,6 @@ TEST(SegmentDistance, MatchesDenseSampling) {
         EXPECT_LE(std::sqrt(d2), best + 1e-12);
         EXPECT_GE(std::sqrt(d2), best - 0.02);
     }
-}
-
-TEST(SegmentDistance, ExactIntersectionFlag) {
     const struct { Vec p0, p1, q0, q1; bool meet; } cases[] = {
         {{-1, 0, 0}, {1, 0, 0}, {0, -1, 0}, {0, 1, 0}, true},               // crossing
         {{-1, 0, 0}, {1, 0, 0}, {0, -1, 1e-300}, {0, 1, 1e-300}, false},   // 1e-300 apart
@@ -472,9 +467,7 @@ TEST(SegmentDistance, ExactIntersectionFlag) {
     EXPECT_NEAR(r.s, 0.5, 1e-15);
 }
 
-// ---- Orphan entries and classification ------------------------------------------------------------
-
-TEST(OrphanEntries, EachEntryGivesTheBitOfItsOneTest) {
+TEST(OrphanEntries, BitOfEachEntryAndBarycentricClassification) {
     const GmTriangleMesh tet = qgtools::makeTetrahedron();
     const GmAdjacentOrphanSet* set = tet.getOrphanSet();
     ASSERT_NE(set, nullptr);
@@ -493,9 +486,6 @@ TEST(OrphanEntries, EachEntryGivesTheBitOfItsOneTest) {
             EXPECT_EQ(tet.getFace(t.secondFace).edges[(bit - 6) % 3], t.secondFeature);
         }
     }
-}
-
-TEST(OrphanEntries, BarycentricClassification) {
     const struct { Vec w; GmGeometry::PointOnTriType type; } cases[] = {
         {{0.2, 0.3, 0.5}, GmGeometry::INSIDE},     {{1, 0, 0}, GmGeometry::ON_VERTEX_1},
         {{1e-15, 1, 1e-15}, GmGeometry::ON_VERTEX_2}, {{0.5, 0.5, 0}, GmGeometry::ON_EDGE_1},
@@ -504,8 +494,6 @@ TEST(OrphanEntries, BarycentricClassification) {
     };
     for (const auto& k : cases) EXPECT_EQ(GmContactKernels::classifyBarycentric(k.w), k.type) << k.w;
 }
-
-// ---- Vertex-radius mesh test ------------------------------------------------------------------------
 
 TEST(MeshTests, VertexRadiusTest) {
     auto pos = std::make_shared<std::vector<Vec>>(std::vector<Vec>{

@@ -18,13 +18,7 @@ namespace {
 using V = GmTVector<double>;
 const double kAny = std::numeric_limits<double>::quiet_NaN();
 
-void expectNear(double got, double want, double tol, const char* what, const char* name) {
-    EXPECT_TRUE(std::isnan(want) || std::fabs(got - want) <= tol) << what << ": " << name << " " << got;
-}
-
 }  // namespace
-
-// ---- Ray-triangle -------------------------------------------------------------------------------
 
 TEST(RayTriangle, HitsMissesAndClampedEdgeHits) {
     const V unit[3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, two[3] = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}};
@@ -76,10 +70,8 @@ TEST(RayTriangle, HitsMissesAndClampedEdgeHits) {
             continue;
         }
         EXPECT_TRUE(u >= 0 && v >= 0 && u + v <= 1.0) << c.what;
-        expectNear(t, c.t, c.tol, c.what, "t");
-        expectNear(u, c.u, c.tol, c.what, "u");
-        expectNear(v, c.v, c.tol, c.what, "v");
-        for (int k = 0; k < 3; ++k) expectNear(point[k], c.point[k], c.tol, c.what, "point");
+        const double got[] = {t, u, v, point.x, point.y, point.z}, want[] = {c.t, c.u, c.v, c.point.x, c.point.y, c.point.z};
+        for (int k = 0; k < 6; ++k) EXPECT_TRUE(std::isnan(want[k]) || std::fabs(got[k] - want[k]) <= c.tol) << c.what << " " << k;
     }
 }
 
@@ -129,8 +121,6 @@ TEST(RayTriangle, RandomRaysAtEveryScale) {
     }
     EXPECT_GT(hits, 500);
 }
-
-// ---- Ray-box ------------------------------------------------------------------------------------
 
 namespace {
 
