@@ -297,8 +297,7 @@ TEST(CcdMotions, HandMadeCasesAtEveryScaleAndOrientation) {
     std::mt19937 rng(31);
     for (const Motion& m : kMotions) {
         expectMotion(m, Frame(), 1e-9, m.what);
-        if (m.frames & kScaled)
-            for (const int k : {-60, -20, 20, 40}) {
+        if (m.frames & kScaled) for (const int k : {-60, -20, 20, 40}) {
                 Frame f;
                 f.scale = std::ldexp(1.0, k);
                 expectMotion(m, f, 1e-9, std::string(m.what) + " at 2^" + std::to_string(k));
@@ -318,8 +317,7 @@ TEST(CcdMotions, ExtremeInputNeverThrowsNorGivesNaN) {
         {{0.5, 0.5, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.5, 0.5, 0}, {0, 0, 0}, {1, 0, 0}, {0, 1, 0}},
     };
     CerrCapture cap;
-    for (const auto& v : cases)
-        for (const bool ee : {false, true}) {
+    for (const auto& v : cases) for (const bool ee : {false, true}) {
             Contact c;
             EXPECT_NO_THROW(c = ccd(ee, v.data()));
             if (c.hit) {
@@ -401,8 +399,7 @@ TEST(CcdRandom, MotionsAgainstASampledReference) {
         if (mode & 2) {
             const Vec e1 = vec().safeNormalized(), y = vec(), e2 = (y - e1 * e1.dot(y)).safeNormalized(), o = vec();
             for (Vec& x : v) x = o + e1 * u(rng) + e2 * u(rng);
-            for (int i = 0; i <= 400 && tref < 0.0; ++i)
-                if (clearlyMeet(ee, v, i / 400.0)) tref = i / 400.0;
+            for (int i = 0; i <= 400 && tref < 0.0; ++i) if (clearlyMeet(ee, v, i / 400.0)) tref = i / 400.0;
         } else {
             Vec c[4] = {vec(), vec(), vec(), vec()};
             if (ee) {
@@ -600,8 +597,7 @@ TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
                 const Vec target = ee ? pb + (pc - pb) * s : pa + (pb - pa) * s + (pc - pa) * w;
                 const Vec shift = target - (v[0] + (v[4] - v[0]) * tc);
                 for (const int k : {0, 4}) v[k] += shift;
-                if (ee)
-                    for (const int k : {1, 5}) v[k] += shift;
+                if (ee) for (const int k : {1, 5}) v[k] += shift;
             } else if (kind == 4) {  // all in one plane throughout, with rounding noise
                 for (Vec& x : v) x.z = 1e-17 * u(rng);
             } else if (kind == 5) {  // nearly coplanar
@@ -616,11 +612,9 @@ TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
                 v[4].z = v[5].z = v[6].z = v[7].z = 0.5;
             } else if (kind == 8) {  // small motion, the first point (edge) well above the others
                 for (int k = 0; k < 4; ++k) v[k + 4] = v[k] + vec() * 0.1;
-                for (const int k : {0, 4, 1, 5})
-                    if (ee || k == 0 || k == 4) v[k].z += 3.0;
+                for (const int k : {0, 4, 1, 5}) if (ee || k == 0 || k == 4) v[k].z += 3.0;
             }
-            for (const double sc : {0x1p-20, 1.0, 0x1p20})
-                for (const double off : {0.0, 0x1p10}) {
+            for (const double sc : {0x1p-20, 1.0, 0x1p20}) for (const double off : {0.0, 0x1p10}) {
                     Vec s[8];
                     for (int k = 0; k < 8; ++k) s[k] = v[k] * sc + Vec(off, -off, off);
                     ++total;

@@ -365,8 +365,7 @@ std::vector<Family> families() {
     for (int n = 0; n < 2000; ++n) {
         Pair p;
         for (Vec& v : p) v = Vec(g(rng), g(rng), g(rng));
-        if (n % 3 == 1)
-            for (Vec& v : p) v.z = 0.5 * v.x - v.y;
+        if (n % 3 == 1) for (Vec& v : p) v.z = 0.5 * v.x - v.y;
         if (n % 3 == 2) p[3] = p[1], p[4] = p[0];
         grid.pairs.push_back(p);
     }
@@ -460,8 +459,7 @@ TEST(SegmentDistance, DenseSamplingAndExactIntersectionFlag) {
         const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(p0, p1, q0, q1, s, t);
         EXPECT_NEAR(((p0 + (p1 - p0) * s) - (q0 + (q1 - q0) * t)).lengthSquared(), d2, 1e-12);
         double best = 1e300;
-        for (int i = 0; i <= 200; ++i)
-            for (int j = 0; j <= 200; ++j)
+        for (int i = 0; i <= 200; ++i) for (int j = 0; j <= 200; ++j)
                 best = std::min(best, ((p0 + (p1 - p0) * (i / 200.0)) - (q0 + (q1 - q0) * (j / 200.0))).length());
         EXPECT_LE(std::sqrt(d2), best + 1e-12);
         EXPECT_GE(std::sqrt(d2), best - 0.02);

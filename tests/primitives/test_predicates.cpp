@@ -34,8 +34,7 @@ int exactOrient2d(const Point& a, const Point& b, const Point& c) {
 int exactOrient3d(const Point& a, const Point& b, const Point& c, const Point& d) {
     mpq_class m[3][3];
     const Point* p[3] = {&a, &b, &c};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) m[i][j] = mpq_class((*p[i])[j]) - mpq_class(d[j]);
+    for (int i = 0; i < 3; ++i) for (int j = 0; j < 3; ++j) m[i][j] = mpq_class((*p[i])[j]) - mpq_class(d[j]);
     return sgn(m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
                m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]));
 }
@@ -60,8 +59,7 @@ std::vector<Quad> family(int f, std::mt19937_64& rng) {
             out.push_back({{{u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}, {u(rng), u(rng), u(rng)}}});
     if (f == 1) {  // the third point within a few ulps of the line of the first two (in x, y), or the fourth of their plane
         std::uniform_int_distribution<int> ulps(-3, 3);
-        for (const double scale : {1.0, 1e15, 1e-15, 3.7e7})
-            for (int k = 0; k < 800; ++k) {
+        for (const double scale : {1.0, 1e15, 1e-15, 3.7e7}) for (int k = 0; k < 800; ++k) {
                 Quad q;
                 for (Point& x : q) x = {u(rng) * scale, u(rng) * scale, u(rng) * scale};
                 const double s = u(rng) * 3.0, t = u(rng);
@@ -76,8 +74,7 @@ std::vector<Quad> family(int f, std::mt19937_64& rng) {
     if (f == 2) {  // integer points on a plane, near 0 or 2e14, scaled by 2^e
         std::uniform_int_distribution<long long> small(-1000000, 1000000);
         std::uniform_int_distribution<int> coef(-4, 4);
-        for (const int e : {0, -50, -100, 20})
-            for (int k = 0; k < 400; ++k) {
+        for (const int e : {0, -50, -100, 20}) for (int k = 0; k < 400; ++k) {
                 const long long base = (k % 2) ? 200000000000000LL : 0, p = coef(rng), q = coef(rng);
                 Quad c;
                 for (Point& x : c) {
@@ -112,8 +109,7 @@ std::vector<Quad> family(int f, std::mt19937_64& rng) {
         }
     if (f == 6) {  // every binary scale: small integers on a plane; a, 2a and -a (collinear in x, y)
         std::uniform_int_distribution<int> small(-1000, 1000);
-        for (int k = -1070; k <= 990; k += 23)
-            for (int n = 0; n < 10; ++n) {
+        for (int k = -1070; k <= 990; k += 23) for (int n = 0; n < 10; ++n) {
                 const long long p = small(rng), q = small(rng), r = small(rng);
                 Quad c;
                 for (Point& x : c) {
@@ -132,8 +128,7 @@ std::vector<Quad> family(int f, std::mt19937_64& rng) {
         for (int n = 0; n < 4000; ++n) {
             const int lowest = base(rng);
             Quad c;
-            for (Point& x : c)
-                for (double& v : x) v = std::ldexp(u(rng), lowest + exponent(rng));
+            for (Point& x : c) for (double& v : x) v = std::ldexp(u(rng), lowest + exponent(rng));
             if (n % 2) c[3] = c[n % 3], c[3][n % 3] = nudge(c[3][n % 3], (n & 4) ? 1 : -1);
             out.push_back(c);
         }
@@ -188,8 +183,7 @@ TEST(Predicates, ErrorBoundsAndThreads) {
     const double expected = GmPredicates::orient3d(pa, pb, pc, pd);
     std::vector<double> results(4);
     std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < results.size(); ++i)
-        threads.emplace_back([&, i] {
+    for (std::size_t i = 0; i < results.size(); ++i) threads.emplace_back([&, i] {
             GmPredicates::exactinit();
             for (int n = 0; n < 1000; ++n) results[i] = GmPredicates::orient3d(pa, pb, pc, pd);
         });
