@@ -365,7 +365,8 @@ std::vector<Family> families() {
     for (int n = 0; n < 2000; ++n) {
         Pair p;
         for (Vec& v : p) v = Vec(g(rng), g(rng), g(rng));
-        if (n % 3 == 1) for (Vec& v : p) v.z = 0.5 * v.x - v.y;
+        if (n % 3 == 1)
+            for (Vec& v : p) v.z = 0.5 * v.x - v.y;
         if (n % 3 == 2) p[3] = p[1], p[4] = p[0];
         grid.pairs.push_back(p);
     }
@@ -459,7 +460,8 @@ TEST(SegmentDistance, DenseSamplingAndExactIntersectionFlag) {
         const double d2 = GmSegmentDistance::segmentSegmentDistanceSquared(p0, p1, q0, q1, s, t);
         EXPECT_NEAR(((p0 + (p1 - p0) * s) - (q0 + (q1 - q0) * t)).lengthSquared(), d2, 1e-12);
         double best = 1e300;
-        for (int i = 0; i <= 200; ++i) for (int j = 0; j <= 200; ++j)
+        for (int i = 0; i <= 200; ++i)
+            for (int j = 0; j <= 200; ++j)
                 best = std::min(best, ((p0 + (p1 - p0) * (i / 200.0)) - (q0 + (q1 - q0) * (j / 200.0))).length());
         EXPECT_LE(std::sqrt(d2), best + 1e-12);
         EXPECT_GE(std::sqrt(d2), best - 0.02);
@@ -508,24 +510,18 @@ TEST(OrphanEntries, BitOfEachEntryAndBarycentricClassification) {
 }
 
 TEST(MeshTests, VertexRadiusTest) {
-    auto pos = std::make_shared<std::vector<Vec>>(std::vector<Vec>{
-        {0, 0, 0}, {1, 0, 0}, {0, 1, 0},                      // triangle 0
-        {0.2, 0.2, 0.3}, {0.4, 0.2, 0.3}, {0.2, 0.4, 0.3},    // 0.3 above
-        {0.2, 0.2, 0}, {0.4, 0.2, 0}, {0.2, 0.4, 0},          // touching (coplanar, inside)
-        {0.25, -1, -1}, {0.25, 0.5, 1}, {0.25, 2, -1}});      // piercing
+    // Triangle 0, one 0.3 above it, one touching it (coplanar, inside), one piercing it.
+    auto pos = std::make_shared<std::vector<Vec>>(std::vector<Vec>{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0.2, 0.2, 0.3},
+        {0.4, 0.2, 0.3}, {0.2, 0.4, 0.3}, {0.2, 0.2, 0}, {0.4, 0.2, 0}, {0.2, 0.4, 0}, {0.25, -1, -1}, {0.25, 0.5, 1}, {0.25, 2, -1}});
     const int t0[3] = {0, 1, 2}, above[3] = {3, 4, 5}, touching[3] = {6, 7, 8}, piercing[3] = {9, 10, 11};
     GmIntersection::MeshTests t;
     EXPECT_TRUE(!t.hasAnyTests() && t.vertexRadiusTest(t0, above));  // off: everything passes
     const float weights[12] = {1, 2, 3, 4};
     t.setVertexRadiusTest(pos, 0.5, weights);
-    EXPECT_TRUE(t.doVertexRadiusTest());
-    EXPECT_FLOAT_EQ(t.getVertexRadius(3), 2.0f);  // radius * weight
+    EXPECT_TRUE(t.doVertexRadiusTest() && t.getVertexRadius(3) == 2.0f);  // radius * weight
     EXPECT_EQ(GmIntersection::MeshTests(t).getVertexRadiusRefPos().get(), pos.get());  // copies share
-    const struct {
-        double radius;
-        const int* other;
-        bool passes;
-    } cases[] = {{0.25, above, false}, {0.35, above, true}, {0.0, above, false}, {0.0, touching, true}, {0.0, piercing, true}};
+    const struct { double radius; const int* other; bool passes; } cases[] = {
+        {0.25, above, false}, {0.35, above, true}, {0.0, above, false}, {0.0, touching, true}, {0.0, piercing, true}};
     for (const auto& k : cases) {
         t.setVertexRadiusTest(pos, k.radius);
         EXPECT_EQ(t.vertexRadiusTest(t0, k.other), k.passes) << k.radius;

@@ -2,8 +2,8 @@
 // and past triangles at every binary scale. Ray-box: against an exact rational slab test on
 // random, touching, grazing and rounding-limit rays; the octant class. Closest point on a
 // triangle: each region by hand, then random, needle, sliver, zero-area and offset triangles
-// against an independent reference (each edge and the interior in long double) and a brute-force
-// search; scaled by 2^k the same parameters and the distance scaled.
+// against an independent reference (each edge and the interior in long double); scaled by 2^k the
+// same parameters and the distance scaled.
 
 #include <gtest/gtest.h>
 
@@ -283,23 +283,6 @@ LD referenceDist2(const V& p, const V& v0, const V& v1, const V& v2) {
     return best;
 }
 
-// Brute force: a barycentric grid, then shrinking local searches around the best sample.
-double bruteForceDist2(const V& p, const V& v0, const V& v1, const V& v2) {
-    auto dist = [&](double s, double t) { return (pointAt(v0, v1, v2, s, t) - p).lengthSquared(); };
-    double bestS = 0, bestT = 0, best = dist(0, 0);
-    for (int i = 0; i <= 40; ++i) for (int j = 0; i + j <= 40; ++j)
-            if (dist(i / 40.0, j / 40.0) < best) best = dist(i / 40.0, j / 40.0), bestS = i / 40.0, bestT = j / 40.0;
-    for (double h = 1.0 / 40; h > 1e-10; h *= 0.5) for (int round = 0, improved = 1; improved && round < 8; ++round) {
-            improved = 0;
-            for (int di = -1; di <= 1; ++di) for (int dj = -1; dj <= 1; ++dj) {
-                    double s = std::max(0.0, bestS + di * h), t = std::max(0.0, bestT + dj * h);
-                    if (s + t > 1) s /= s + t, t = 1 - s;
-                    if (dist(s, t) < best) best = dist(s, t), bestS = s, bestT = t, improved = 1;
-                }
-        }
-    return best;
-}
-
 }  // namespace
 
 TEST(ClosestPointOnTriangle, EachRegion) {
@@ -334,7 +317,7 @@ TEST(ClosestPointOnTriangle, EachRegion) {
     }
 }
 
-TEST(ClosestPointOnTriangle, AgreesWithReferenceAndBruteForceAtEveryScale) {
+TEST(ClosestPointOnTriangle, AgreesWithReferenceAtEveryScale) {
     std::mt19937_64 rng(21);
     std::uniform_real_distribution<double> u(-1, 1);
     auto vec = [&](double r) { return V(u(rng), u(rng), u(rng)) * r; };
@@ -352,10 +335,8 @@ TEST(ClosestPointOnTriangle, AgreesWithReferenceAndBruteForceAtEveryScale) {
         const double tol = 1e-10 * size2 + 1e-14 * coord * std::sqrt(size2) + 1e-300;
         EXPECT_NEAR(d2, (pointAt(v0, v1, v2, s, t) - p).lengthSquared(), tol) << what;  // belongs to (s, t)
         EXPECT_NEAR(d2, double(referenceDist2(p, v0, v1, v2)), tol) << what;
-        if (index % 10 == 0) {
-            EXPECT_LE(d2, bruteForceDist2(p, v0, v1, v2) + tol) << what;
-        }
-        if (index % 4 == 0 && coord < 4.0) for (const int k : {-480, -300, -60, 60, 300, 480}) {
+        if (index % 4 == 0 && coord < 4.0)
+            for (const int k : {-480, -300, -60, 60, 300, 480}) {
                 const double sc = std::ldexp(1.0, k);
                 double s2, t2;
                 const double d = GmGeometry::closestParametricPointOnTriangle(p * sc, v0 * sc, v1 * sc, v2 * sc, s2, t2);
