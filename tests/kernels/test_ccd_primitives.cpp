@@ -33,16 +33,11 @@ using Vec = GmTVector<double>;
 namespace detail = GmIntersection::detail;
 constexpr double kNoBound = DBL_MAX;
 
-// Captures std::cerr for the lifetime of the object.
-class CerrCapture {
-public:
-    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
-    ~CerrCapture() { std::cerr.rdbuf(_old); }
-    std::string text() const { return _buf.str(); }
-
-private:
-    std::ostringstream _buf;
-    std::streambuf* _old;
+// Captures std::cerr for its lifetime.
+struct CerrCapture {
+    std::ostringstream buf;
+    std::streambuf* old = std::cerr.rdbuf(buf.rdbuf());
+    ~CerrCapture() { std::cerr.rdbuf(old); }
 };
 
 // What a primitive reports; `time` keeps its sentinel unless the primitive writes it.
@@ -274,7 +269,7 @@ void expectMotion(const Motion& m, const Frame& f, double tol, const std::string
     for (int i = 0; i < 8; ++i) v[i] = f(m.v[i]);
     CerrCapture cap;
     const Contact c = ccd(m.ee, v);
-    EXPECT_EQ(cap.text(), m.message) << where;
+    EXPECT_EQ(cap.buf.str(), m.message) << where;
     if (m.time < 0.0) {
         EXPECT_FALSE(c.hit) << where;
         EXPECT_EQ(c.time, -7.0) << where << ": outputs written";
@@ -330,7 +325,7 @@ TEST(CcdMotions, ExtremeInputNeverThrowsNorGivesNaN) {
                 EXPECT_NEAR(c.normal.length(), 1.0, 1e-12);
             }
         }
-    std::istringstream lines(cap.text());
+    std::istringstream lines(cap.buf.str());
     for (std::string line; std::getline(lines, line);)
         EXPECT_TRUE(line + "\n" == kNoNormalVF || line + "\n" == kNoNormalEE) << line;
 }

@@ -35,16 +35,11 @@ namespace {
 using Vec = GmTVector<double>;
 constexpr double kNoBound = DBL_MAX;
 
-// Captures std::cerr for the lifetime of the object.
-class CerrCapture {
-public:
-    CerrCapture() : _old(std::cerr.rdbuf(_buf.rdbuf())) {}
-    ~CerrCapture() { std::cerr.rdbuf(_old); }
-    std::string text() const { return _buf.str(); }
-
-private:
-    std::ostringstream _buf;
-    std::streambuf* _old;
+// Captures std::cerr for its lifetime.
+struct CerrCapture {
+    std::ostringstream buf;
+    std::streambuf* old = std::cerr.rdbuf(buf.rdbuf());
+    ~CerrCapture() { std::cerr.rdbuf(old); }
 };
 
 using GmIntersection::ComponentTests;
@@ -291,7 +286,7 @@ TEST(ProximityPrimitives, ValuesAndMessages) {
     EXPECT_FALSE(GmProximityCheck::pointFaceProximity(Vec(0.5, 0, 0), Vec(0, 0, 0), Vec(1, 0, 0), Vec(2, 0, 0), d, n, q, wa, wb, wc));
     d = 0.1;
     EXPECT_FALSE(GmProximityCheck::edgeEdgeProximity(Vec(0, 0, 0), Vec(2, 0, 0), Vec(1, 0, 0), Vec(3, 0, 0), d, n, s, t));
-    EXPECT_EQ(cap.text(),
+    EXPECT_EQ(cap.buf.str(),
               "Error in GmProximityCheck::pointFaceProximity() ... Unable to compute proximity normal.\n"
               "Error in GmProximityCheck::edgeEdgeProximity() ... Unable to compute proximity normal.\n");
     // Input that is not finite, or a bound that is not, never gives a contact.

@@ -14,12 +14,11 @@
 namespace {
 
 template <typename T>
-std::string text(const T& record) {
+std::string text(const T& r) {
     std::ostringstream os;
-    os << record;
+    os << r;
     return os.str();
 }
-
 std::string compact(const GmTriangleInterferenceInfo& r) {
     std::ostringstream os;
     r.printCompact(os);
