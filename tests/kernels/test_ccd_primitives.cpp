@@ -58,7 +58,6 @@ inline Contact ccd(bool edgeEdge, const Vec* v, double bound = kNoBound) {
     return c;
 }
 
-
 Vec lerp(const Vec& a, const Vec& b, double t) { return a + (b - a) * t; }
 
 // Monomial coefficients of k (t - r0)(t - r1)(t - r2).
@@ -109,8 +108,6 @@ Frame randomRigid(std::mt19937& rng) {
     return f;
 }
 
-}  // namespace
-
 // ---- The root walk ----------------------------------------------------------------------------
 
 // The pre-check rejects only cubics without a root in the step; the times the walk tests.
@@ -160,8 +157,6 @@ TEST(CcdRootWalk, PreCheckAndTimesTested) {
 }
 
 // ---- Hand-made motions --------------------------------------------------------------------------
-
-namespace {
 
 enum : int { kScaled = 1, kRotated = 2 };
 const std::string kNoNormalVF = "Error in GmIntersection::pointFaceIntersection() ... Unable to compute collision normal.\n";
@@ -291,8 +286,6 @@ void expectMotion(const Motion& m, const Frame& f, double tol, const std::string
     }
 }
 
-}  // namespace
-
 TEST(CcdMotions, HandMadeCasesAtEveryScaleAndOrientation) {
     std::mt19937 rng(31);
     for (const Motion& m : kMotions) {
@@ -331,8 +324,6 @@ TEST(CcdMotions, ExtremeInputNeverThrowsNorGivesNaN) {
 }
 
 // ---- Random motions against a sampled reference ------------------------------------------------
-
-namespace {
 
 int orientAt(const Vec* v, double t) {
     Vec p[4];
@@ -379,8 +370,6 @@ bool clearlyMeet(bool ee, const Vec* v, double t) {
     const double s = (B * E - C * D) / den, u = (A * E - B * D) / den;
     return std::min(s, u) > 1e-3 && std::max(s, u) < 1.0 - 1e-3;
 }
-
-}  // namespace
 
 // Four modes: vertex-face or edge-edge; points through a contact at a random time with random
 // velocities, or all moving inside one tilted plane (where the coplanarity cubic is rounding
@@ -439,8 +428,6 @@ TEST(CcdRandom, MotionsAgainstASampledReference) {
 
 // ---- Generated hard cases ------------------------------------------------------------------------
 
-namespace {
-
 // Features that meet at `time` by construction (on a dyadic grid, so every construction is exact):
 // edges crossing, parallel edges passing through each other, collinear edges meeting end to end,
 // edges or a vertex and a face moving inside one plane, a vertex through a face's interior, edge or
@@ -489,8 +476,6 @@ std::string describe(const char* family, double time, const Vec* v) {
     return s.str();
 }
 
-}  // namespace
-
 // Each construction checked in exact rational arithmetic, then scaled by powers of two (feature
 // sizes 1e-12 to 1e12, coordinates up to 1e15), with rounding noise of 1e-16 relative where it
 // cannot part the features: none is missed, none found later than constructed, each one real.
@@ -528,8 +513,6 @@ TEST(CcdHardCases, NoConstructedContactIsMissedAtAnyScale) {
 
 // ---- Sample queries and the swept separation filter ------------------------------------------------
 
-namespace {
-
 // One query at one scale: the primitive's contact is consistent, and the filter keeps every
 // contact. Returns whether the filter rejected it.
 bool check(bool ee, const Vec* v, bool truth, const std::string& what, int& hits) {
@@ -545,8 +528,6 @@ bool check(bool ee, const Vec* v, bool truth, const std::string& what, int& hits
     EXPECT_FALSE(rejected && truth) << "filter rejects a true contact: " << what;
     return rejected;
 }
-
-}  // namespace
 
 // The ground-truth sample queries (ccd-queries/<set>/{vertex-face,edge-edge}/*.csv), each also
 // scaled by powers of two: no contact of the ground truth is missed, and the swept separation
@@ -616,3 +597,5 @@ TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
     EXPECT_GT(hits, total / 20);
     EXPECT_GT(rejected, total / 20);
 }
+
+}  // namespace

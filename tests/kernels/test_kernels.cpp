@@ -64,8 +64,6 @@ std::vector<Vec> moved(const GmTriangleMesh& m, std::initializer_list<int> which
     return end;
 }
 
-}  // namespace
-
 TEST(ComponentTests, BitPositionsAndRange) {
     EXPECT_EQ(GmIntersection::kVertexFaceTests.to_ulong(), 0x7u);
     EXPECT_EQ(GmIntersection::kFaceVertexTests.to_ulong(), 0x38u);
@@ -90,8 +88,6 @@ TEST(ComponentTests, BitPositionsAndRange) {
         EXPECT_THROW(t.reset(pos), std::out_of_range);
     }
 }
-
-// ---- Continuous-time kernels ----------------------------------------------------------------------
 
 // One pair of faces over a step: the mesh's vertices at the start, `end` at the end.
 class ContinuousKernels : public ::testing::Test {
@@ -223,8 +219,6 @@ TEST_F(ContinuousKernels, TwoMeshPairCarriesObjectIndices) {
     EXPECT_EQ(out[2].feature1, a.getFace(0).edges[1]);
 }
 
-// ---- Proximity ------------------------------------------------------------------------------------
-
 TEST(ProximityKernels, VertexFaceAndEdgeEdgeWithinDistance) {
     GmTriangleMesh m = twoTriangles(Vec(0.2, 0.2, 0.05), Vec(0.3, 0.2, 0.05), Vec(0.2, 0.3, 0.05));
     std::vector<GmProximityCheckInfo> out;
@@ -305,8 +299,6 @@ TEST(ProximityPrimitives, ValuesAndMessages) {
     }
 }
 
-// ---- Static triangle intersection ----------------------------------------------------------------
-
 TEST(StaticKernels, IntersectionPointsAndMeshRecord) {
     const Vec a(0, 0, 0), b(1, 0, 0), c(0, 1, 0);
     // The number of intersection points (at least, for the overlap polygon).
@@ -340,8 +332,6 @@ TEST(StaticKernels, IntersectionPointsAndMeshRecord) {
 // face, shared edges and vertices, zero-area triangles), random pairs, and vertices within rounding
 // of the other's plane near the origin and far from it, where floating-point plane distances are
 // pure noise. Every intersection point lies on both triangles.
-
-namespace {
 
 using Pair = std::array<Vec, 6>;
 
@@ -396,8 +386,6 @@ std::vector<Family> families() {
 bool libraryMeets(const Vec* a, const Vec* b, std::vector<Vec>& pts) {
     return GmContactKernels::triangleTriangleIntersection(a[0], a[1], a[2], b[0], b[1], b[2], pts);
 }
-
-}  // namespace
 
 TEST(TrianglePairExact, AgreesWithRationalReferenceAtEveryScale) {
     int meeting = 0, total = 0;
@@ -534,3 +522,5 @@ TEST(MeshTests, VertexRadiusTest) {
     t.setVertexRadiusTest(nullptr, 1.0);
     EXPECT_FALSE(t.hasAnyTests());
 }
+
+}  // namespace

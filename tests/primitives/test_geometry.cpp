@@ -24,8 +24,6 @@ namespace {
 using V = GmTVector<double>;
 const double kAny = std::numeric_limits<double>::quiet_NaN();
 
-}  // namespace
-
 TEST(RayTriangle, HitsMissesAndClampedEdgeHits) {
     const V unit[3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, two[3] = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}};
     const V tiny[3] = {{0, 0, 0}, {1e-12, 0, 0}, {0, 1e-12, 0}}, flat[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
@@ -128,8 +126,6 @@ TEST(RayTriangle, RandomRaysAtEveryScale) {
     EXPECT_GT(hits, 500);
 }
 
-namespace {
-
 // Exact slab test in rational arithmetic: does o + t d, t >= 0, meet the closed box?
 bool exactRayBox(const std::array<double, 6>& box, const V& o, const V& d) {
     mpq_class lo(0), hi(0);
@@ -215,8 +211,6 @@ std::vector<BoxRay> boxRays() {
     return out;
 }
 
-}  // namespace
-
 // Never a miss of a ray that meets the box; a hit only within a few units of rounding of it.
 TEST(RayBoxExact, AgreesWithExactSlabsUpToRounding) {
     int hits[8] = {}, misses[8] = {};
@@ -248,11 +242,6 @@ TEST(RayBoxExact, AgreesWithExactSlabsUpToRounding) {
     }
 }
 
-// ---- Closest point ------------------------------------------------------------------------------
-
-namespace {
-
-
 using LD = long double;
 
 V pointAt(const V& v0, const V& v1, const V& v2, double s, double t) { return v0 + (v1 - v0) * s + (v2 - v0) * t; }
@@ -282,8 +271,6 @@ LD referenceDist2(const V& p, const V& v0, const V& v1, const V& v2) {
     }
     return best;
 }
-
-}  // namespace
 
 TEST(ClosestPointOnTriangle, EachRegion) {
     const V unit[3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, off[3] = {{1, 2, 3}, {4, 2, 3}, {1, 6, 3}};
@@ -373,3 +360,5 @@ TEST(ClosestPointOnTriangle, AgreesWithReferenceAtEveryScale) {
         check("scaled", offset + vec(2 * scale), offset + vec(scale), offset + vec(scale), offset + vec(scale));
     }
 }
+
+}  // namespace

@@ -45,8 +45,6 @@ Record sampleRecord(GmInterferenceType type) {
     return r;
 }
 
-}  // namespace
-
 TEST(InterferenceInfo, DefaultsAndHeaderWording) {
     // Defaults: no object, invalid kind and classification, no pinch.
     const GmContinuousTimeIntersectionInfo d;
@@ -204,3 +202,5 @@ TEST(InterferenceInfo, OtherRecordForms) {
     for (const GmTimeIndex& x : v) order.push_back(x.index);
     EXPECT_EQ(order, (std::vector<int>{3, 1, 2, 0}));
 }
+
+}  // namespace

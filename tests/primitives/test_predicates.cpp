@@ -141,8 +141,6 @@ std::vector<Quad> family(int f, std::mt19937_64& rng) {
     return out;
 }
 
-}  // namespace
-
 TEST(PredicatesExact, SignsAgreeWithRationalArithmetic) {
     for (int f = 0; f < 7; ++f) {
             std::mt19937_64 rng(11);
@@ -204,3 +202,5 @@ TEST(PredicatesExact, DISABLED_CoordinatesSpreadBeyondTheDoubleRange) {
     const Point d{0x1.3cf57cb971323p-676, 0x1.005e32bb8cbp-575, -0x1.cd10a181a359p-76};
     EXPECT_EQ(signOf(GmPredicates::orient3d(a.data(), b.data(), c.data(), d.data())), exactOrient3d(a, b, c, d));
 }
+
+}  // namespace
