@@ -227,6 +227,7 @@ const Motion kMotions[] = {
        {-1, 0, 0}, kScaled, true),
     ex("edges in one plane, apart", {3, 2, 0}, {3, 0.5, 0}, {3, 0, 0}, {3, -1.5, 0}, -1),
     ex("end point landing on the other edge", {0.3, 0, 1}, {0.3, 0, 2}, {0.3, 0, -1}, {0.3, 0, 0}, 0.5, {}, {0.65, 0, 0}),
+    ex("edge landing across the other at the end", {0.5, -1, 1}, {0.5, 1, 1}, {0.5, -1, 0}, {0.5, 1, 0}, 1.0, {0, 0, -1}),
     // Edges 1e-5 long crossing at 1e-6 rad: their cross product is 1e-16 long, far above its noise.
     // Unscaled: from 2^10 up its normal currently comes out in the edges' plane.
     {"short, shallow crossing", true,
@@ -242,6 +243,8 @@ const Motion kMotions[] = {
      {{0.5, 0, 0}, o, {1, 0, 0}, {2, 0, 0}, {0.5, 0, -1}, o, {1, 0, 0}, {2, 0, 0}}, 0.0, {0, 0, 1}},
     {"parallel edge landing on another", true,
      {{0, 0, 1}, {1, 0, 1}, {0.5, 0, 0}, {1.5, 0, 0}, o, {1, 0, 0}, {0.5, 0, 0}, {1.5, 0, 0}}, 1.0, {0, 0, 1}},
+    {"parallel edge landing obliquely: the start direction, not the motion", true,
+     {{0, 0, 1}, {1, 0, 1}, {0.5, 0, 0}, {1.5, 0, 0}, {0.5, 0, 0}, {1.5, 0, 0}, {0.5, 0, 0}, {1.5, 0, 0}}, 1.0, {0, 0, 1}},
     {"parallel edges meeting inside their plane", true,
      {{0, 1, 0}, {1, 1, 0}, {0.5, 0, 0}, {1.5, 0, 0}, {0, -1, 0}, {1, -1, 0}, {0.5, 0, 0}, {1.5, 0, 0}}, 0.5, {0, 1, 0}},
     {"collinear edges parting", true,

@@ -156,6 +156,7 @@ TEST_F(ContinuousKernels, EdgeEdgeRecord) {
     ASSERT_EQ(out.size(), 2u);
     // Bit order: the vertex-face test of corner 2 (bit 1) before the edge pair (bit 6).
     EXPECT_TRUE(out[0].type == GmInterferenceType::VERTEX_FACE && out[0].feature1 == 4);
+    for (const auto& x : out) EXPECT_NEAR(x.falloff, 1.0 - x.time, 1e-12);
     const GmContinuousTimeIntersectionInfo& r = out[1];
     EXPECT_EQ(r.type, GmInterferenceType::EDGE_EDGE);
     EXPECT_NEAR(r.time, 2.0 / 3.0, 1e-12);
@@ -327,11 +328,9 @@ TEST(StaticKernels, IntersectionPointsAndMeshRecord) {
     EXPECT_EQ(out[0].points.size(), 2u);
 }
 
-// The static pair test against exact rational arithmetic, in both orders and scaled by powers of
-// two: pairs on a small integer grid (coplanar, an edge in the other's plane, a vertex on the other
-// face, shared edges and vertices, zero-area triangles), random pairs, and vertices within rounding
-// of the other's plane near the origin and far from it, where floating-point plane distances are
-// pure noise. Every intersection point lies on both triangles.
+// The static pair test against exact rationals, in both orders, scaled by powers of two: integer
+// grid pairs (coplanar, shared edges and vertices, zero area), random pairs, and vertices within
+// rounding of the other's plane. Every intersection point lies on both triangles.
 
 using Pair = std::array<Vec, 6>;
 

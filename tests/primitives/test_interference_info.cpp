@@ -116,11 +116,7 @@ TEST(InterferenceInfo, LongForms) {
 }
 
 TEST(InterferenceInfo, FeatureDecoderForEveryKindAndPointType) {
-    struct Expect {
-        GmInterferenceType type;
-        int pointType;
-        int k1, i1, k2, i2;
-    };
+    struct Expect { GmInterferenceType type; int pointType, k1, i1, k2, i2; };
     // vertexIndices 20..23, edgeIndices 30, 31, triangles 3 and 7.
     const Expect cases[] = {
         {GmInterferenceType::VERTEX_FACE, GmGeometry::INSIDE, kFeatureVertex, 20, kFeatureFace, 7},
