@@ -1,10 +1,4 @@
-# The sample-query tests read rational coordinates; GMP/MPFR round them correctly to doubles.
-find_package(PkgConfig QUIET)
-if(PkgConfig_FOUND)
-  pkg_check_modules(QG_KERNELS_GMP IMPORTED_TARGET gmp)
-  pkg_check_modules(QG_KERNELS_MPFR IMPORTED_TARGET mpfr)
-  if(QG_KERNELS_GMP_FOUND AND QG_KERNELS_MPFR_FOUND)
-    target_link_libraries(qg_tests_kernels PRIVATE PkgConfig::QG_KERNELS_GMP PkgConfig::QG_KERNELS_MPFR)
-    target_compile_definitions(qg_tests_kernels PRIVATE QG_HAVE_GMP)
-  endif()
-endif()
+# Exact rational arithmetic (GMP) is the reference of the generated hard cases.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(QG_KERNELS_GMP REQUIRED IMPORTED_TARGET gmpxx gmp)
+target_link_libraries(qg_tests_kernels PRIVATE PkgConfig::QG_KERNELS_GMP)
