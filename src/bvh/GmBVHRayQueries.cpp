@@ -542,9 +542,9 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
                 const GmTriangleFace& f = _mesh->getFaces()[static_cast<size_t>(face)];
                 GmTVector<double> point;
                 double tt, u, v;
-                GmGeometry::RayTri::intersect(tests.tri, vertices[f.vertices[0]], vertices[f.vertices[1]],
-                                              vertices[f.vertices[2]], point, tt, u, v);
-                keep(face, point, tt, GmTVector<double>(1.0 - u - v, u, v));
+                if (GmGeometry::RayTri::intersect(tests.tri, vertices[f.vertices[0]], vertices[f.vertices[1]],
+                                                  vertices[f.vertices[2]], point, tt, u, v))
+                    keep(face, point, tt, GmTVector<double>(1.0 - u - v, u, v));
             });
     return found;
 }

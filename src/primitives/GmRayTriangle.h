@@ -61,11 +61,18 @@ struct Ray {
     }
 };
 
-// The triangle part, on coordinates relative to v0 (tvec = origin - v0); m is the largest
-// coordinate of the origin and the vertices. Acceptance is decided on the numerators (the
-// weights times |det|), so that the divisions are left to the triangles that are hit.
-inline bool relative(const Vec& tvec, const Vec& dir, const Vec& edge1, const Vec& edge2, double a, double c,
-                     double m, double& uOut, double& vOut) {
+#if defined(__GNUC__)
+#define QG_RAYTRI_INLINE inline __attribute__((always_inline))
+#else
+#define QG_RAYTRI_INLINE inline
+#endif
+
+// The triangle part, on coordinates relative to v0 (tvec = origin - v0): the clamped weights
+// of v1 and v2 and the hit's advance along dir from the origin. Acceptance is decided on the
+// numerators (the weights times |det|), so that the divisions are left to the triangles that
+// are hit.
+QG_RAYTRI_INLINE bool relative(const Vec& tvec, const Vec& dir, const Vec& edge1, const Vec& edge2, double a,
+                               double c, double& uOut, double& vOut, double& along) {
     const Vec pvec = dir.cross(edge2);
     const double det = pvec.dot(edge1);
     const double ad = std::fabs(det);
@@ -82,37 +89,39 @@ inline bool relative(const Vec& tvec, const Vec& dir, const Vec& edge1, const Ve
 
     const double uc = std::min(1.0, std::max(0.0, un / ad));
     const double vc = std::min(1.0 - uc, std::max(0.0, vn / ad));
-    // Behind the origin by more than the rounding of positions of magnitude m.
-    const Vec hit = edge1 * uc + edge2 * vc - tvec;
-    if (hit.dot(dir) < -kTol * m) return false;
+    along = (edge1 * uc + edge2 * vc - tvec).dot(dir);
     uOut = uc;
     vOut = vc;
     return true;
 }
 
 // The ray of r against the triangle (v0, v1, v2); the outputs as GmGeometry::intersectRayTri.
-inline bool intersect(const Ray& r, const Vec& v0, const Vec& v1, const Vec& v2, Vec& point, double& t, double& u,
-                      double& v) {
+// Coordinates relative to v0 are scaled by a power of two (exactly) when the squared edge
+// lengths leave [2^-400, 2^400] or the origin lies beyond 2^200 from v0, so that no product
+// overflows or underflows; the answer does not depend on the scale.
+QG_RAYTRI_INLINE bool intersect(const Ray& r, const Vec& v0, const Vec& v1, const Vec& v2, Vec& point, double& t,
+                                double& u, double& v) {
     if (!r.valid) return false;
     Vec edge1 = v1 - v0, edge2 = v2 - v0, tvec = r.origin - v0;
-    double m = std::max(std::max(r.originMax, maxAbs(v0)), std::max(maxAbs(v1), maxAbs(v2)));
-    if (!std::isfinite(m)) return false;  // also NaN
     double a = edge1.lengthSquared(), c = edge2.lengthSquared();
     const double e2 = std::max(a, c);
-    if (!(e2 >= kSquareLow && e2 <= kSquareHigh && m <= 0x1p200)) {
-        // Far from unit scale: relative coordinates scaled by a power of two (exact).
+    double sc = 1.0;
+    if (!(e2 >= kSquareLow && e2 <= kSquareHigh && maxAbs(tvec) <= 0x1p200)) {
         const double mr = std::max(maxAbs(edge1), std::max(maxAbs(edge2), maxAbs(tvec)));
-        if (!(mr > 0.0) || !std::isfinite(mr)) return false;
-        const double sc = inversePowerOfTwoAbove(mr);
+        if (!(mr > 0.0) || !std::isfinite(mr)) return false;  // also NaN
+        sc = inversePowerOfTwoAbove(mr);
         edge1 *= sc;
         edge2 *= sc;
         tvec *= sc;
-        m *= sc;
         a = edge1.lengthSquared();
         c = edge2.lengthSquared();
     }
-    double uc, vc;
-    if (!relative(tvec, r.dir, edge1, edge2, a, c, m, uc, vc)) return false;
+    double uc, vc, along;
+    if (!relative(tvec, r.dir, edge1, edge2, a, c, uc, vc, along)) return false;
+    // Behind the origin by more than the rounding of positions of magnitude m, the largest
+    // coordinate of the origin and the vertices.
+    const double m = std::max(std::max(r.originMax, maxAbs(v0)), std::max(maxAbs(v1), maxAbs(v2)));
+    if (!std::isfinite(m) || along < -kTol * (m * sc)) return false;
     const Vec hit = v0 * (1.0 - uc - vc) + v1 * uc + v2 * vc;
     double tt = (hit - r.origin).dot(r.dir) / r.len;
     if (!(tt >= 0.0)) tt = 0.0;
@@ -123,6 +132,8 @@ inline bool intersect(const Ray& r, const Vec& v0, const Vec& v1, const Vec& v2,
     v = vc;
     return true;
 }
+
+#undef QG_RAYTRI_INLINE
 
 }  // namespace RayTri
 }  // namespace GmGeometry
