@@ -323,29 +323,11 @@ struct LeafTriangle {
     }
 };
 
-// The same from the wide copy's gathered corners (nine coordinates per entry).
-struct GatheredTriangle {
-    const GmBoundingVolumeHierarchy::LeafFace* leaves;
-    const double* corners;
-    const GmGeometry::RayTri::Ray& ray;
-
-    QG_BVH_ALWAYS_INLINE void fetch(int k) const { prefetchBytes<9 * sizeof(double)>(corners + 9 * static_cast<std::ptrdiff_t>(k)); }
-    template <class Hit>
-    QG_BVH_ALWAYS_INLINE void operator()(int k, Hit&& hit) const {
-        const double* const c = corners + 9 * static_cast<std::ptrdiff_t>(k);
-        GmTVector<double> point;
-        double t, u, v;
-        if (GmGeometry::RayTri::intersect(ray, GmTVector<double>(c[0], c[1], c[2]), GmTVector<double>(c[3], c[4], c[5]),
-                                          GmTVector<double>(c[6], c[7], c[8]), point, t, u, v))
-            hit(leaves[k].face, point, t, GmTVector<double>(1.0 - u - v, u, v));
-    }
-};
-
 QG_BVH_ALWAYS_INLINE void fetchWide(const RayNode* nodes, int w) { prefetchBytes<sizeof(RayNode)>(nodes + w); }
 
 // Every face the ray meets, in the binary walk's order: lanes are taken left to right.
-template <class Leaf, class Hit>
-void walkWideAll(const RayTree& tree, const WideRay& ray, const Leaf& leaf, bool includeDisabled, Hit&& hit) {
+template <class Hit>
+void walkWideAll(const RayTree& tree, const WideRay& ray, const LeafTriangle& leaf, bool includeDisabled, Hit&& hit) {
     const RayNode* const nodes = tree.nodes();
     const float tMax = std::numeric_limits<float>::infinity();
     int stack[4 * 32];
@@ -381,8 +363,8 @@ void walkWideAll(const RayTree& tree, const WideRay& ray, const Leaf& leaf, bool
 
 // The nearest hit: lanes nearest entry first, subtrees entered only while their entry is not
 // beyond the best parameter found (with the ray's slack, so equal parameters are all seen).
-template <class Leaf, class Hit>
-void walkWideFirst(const RayTree& tree, const WideRay& ray, const Leaf& leaf, bool includeDisabled,
+template <class Hit>
+void walkWideFirst(const RayTree& tree, const WideRay& ray, const LeafTriangle& leaf, bool includeDisabled,
                    float& tMax, Hit&& hit) {
     const RayNode* const nodes = tree.nodes();
     struct Entry {
@@ -445,29 +427,12 @@ GmBoundingVolumeHierarchy::RayCache& GmBoundingVolumeHierarchy::RayCache::operat
 }
 GmBoundingVolumeHierarchy::RayCache::~RayCache() { delete _cache; }
 
-const RayTree* GmBoundingVolumeHierarchy::_rayTree() const {
-    return _rayCache.get().use(RaySource{_nodes, _leafFaces, _mesh->getVertices()});
-}
+const RayTree* GmBoundingVolumeHierarchy::_rayTree() const { return _rayCache.get().use(_nodes); }
 
 bool GmBoundingVolumeHierarchy::prepareRayQueries() const {
     if (_mesh == nullptr || _nodes.empty()) return false;
-    return _rayCache.get().make(RaySource{_nodes, _leafFaces, _mesh->getVertices()}, true) != nullptr;
+    return _rayCache.get().make(_nodes, true) != nullptr;
 }
-
-namespace {
-
-// The wide walk with the gathered corners while they are current, else with the mesh's.
-template <class Walk>
-void withLeaves(const RayTree& tree, const GmBoundingVolumeHierarchy::LeafFace* leaves, const GmTriangleMesh& mesh,
-                const GmGeometry::RayTri::Ray& ray, Walk&& walk) {
-    if (const double* corners = tree.corners(mesh.getVertices())) {
-        walk(GatheredTriangle{leaves, corners, ray});
-    } else {
-        walk(LeafTriangle{leaves, mesh.getVertices().data(), ray});
-    }
-}
-
-}  // namespace
 
 template <class Ray>
 bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPointIntersectionInfo>& hits, bool append,
@@ -488,12 +453,11 @@ bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPoint
         if (wide != nullptr && wray.usable) {  // finite origin and direction, not zero
             if (!includeDisabled && _nodes[0].disabled) return !hits.empty();
             const GmGeometry::RayTri::Ray tri(ray.getOrigin(), ray.getDirection());
-            withLeaves(*wide, _leafFaces.data(), *_mesh, tri, [&](const auto& leaf) {
-                walkWideAll(*wide, wray, leaf, includeDisabled,
-                            [&](int face, const GmTVector<double>& point, double, const GmTVector<double>& weights) {
-                                record(face, point, weights);
-                            });
-            });
+            const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), tri};
+            walkWideAll(*wide, wray, leaf, includeDisabled,
+                        [&](int face, const GmTVector<double>& point, double, const GmTVector<double>& weights) {
+                            record(face, point, weights);
+                        });
             return !hits.empty();
         }
     }
@@ -523,13 +487,12 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
     if (wide != nullptr && wray.usable) {
         const GmGeometry::RayTri::Ray tri(ray.getOrigin(), ray.getDirection());
         float tMax = std::numeric_limits<float>::infinity();
-        withLeaves(*wide, _leafFaces.data(), *_mesh, tri, [&](const auto& leaf) {
-            walkWideFirst(*wide, wray, leaf, includeDisabled, tMax,
-                          [&](int face, const GmTVector<double>& point, double tt, const GmTVector<double>& weights) {
-                              keep(face, point, tt, weights);
-                              tMax = wray.limit(t);
-                          });
-        });
+        const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), tri};
+        walkWideFirst(*wide, wray, leaf, includeDisabled, tMax,
+                      [&](int face, const GmTVector<double>& point, double tt, const GmTVector<double>& weights) {
+                          keep(face, point, tt, weights);
+                          tMax = wray.limit(t);
+                      });
         return found;
     }
     // The binary walk reports every hit; the nearest is kept. Its parameter comes from the

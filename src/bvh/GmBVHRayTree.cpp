@@ -33,32 +33,10 @@ float boxArea(const GmAxisAlignedBox& b) {
 void RayTree::clear() {
     _nodes.clear();
     _source.clear();
-    _corners.clear();
-    _gatheredFrom = nullptr;
-    _gatheredCount = 0;
 }
 
-void RayTree::gather(const RaySource& source) {
-    const std::size_t count = source.leaves.size();
-    if (_corners.size() != 9 * count) GmHugePages::resize(_corners, 9 * count);
-    const GmTVector<double>* const v = source.vertices.data();
-    double* out = _corners.data();
-    for (const GmBoundingVolumeHierarchy::LeafFace& leaf : source.leaves) {
-        for (int j = 0; j < 3; ++j) {
-            const GmTVector<double>& p = v[leaf.vertices[j]];
-            out[0] = p.x;
-            out[1] = p.y;
-            out[2] = p.z;
-            out += 3;
-        }
-    }
-    _gatheredFrom = source.vertices.data();
-    _gatheredCount = source.vertices.size();
-}
-
-bool RayTree::assign(const RaySource& source) {
+bool RayTree::assign(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes) {
     clear();
-    const std::vector<GmBoundingVolumeHierarchy::Node>& nodes = source.nodes;
     const std::int32_t count = static_cast<std::int32_t>(nodes.size());
     if (count < 3) return false;  // a single leaf: nothing to gain
     _leafBase = count / 2;
@@ -115,21 +93,20 @@ bool RayTree::assign(const RaySource& source) {
         node.disabled = 0;
         node.pad[0] = node.pad[1] = 0;
     }
-    if (update(source)) return true;
+    if (update(nodes)) return true;
     clear();
     return false;
 }
 
-bool RayTree::update(const RaySource& source) {
-    const std::vector<GmBoundingVolumeHierarchy::Node>& nodes = source.nodes;
+bool RayTree::update(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes) {
     constexpr float inf = std::numeric_limits<float>::infinity();
     bool ok = true;
-    const std::int32_t* lanes = _source.data();
+    const std::int32_t* source = _source.data();
     const GmBoundingVolumeHierarchy::Node* binary = nodes.data();
     for (RayNode& node : _nodes) {
         std::uint32_t disabled = 0;
         for (int j = 0; j < 4; ++j) {
-            const std::int32_t s = lanes[j];
+            const std::int32_t s = source[j];
             if (s < 0) {
                 for (int a = 0; a < 3; ++a) {
                     node.lo[a][j] = inf;
@@ -150,28 +127,27 @@ bool RayTree::update(const RaySource& source) {
             disabled |= b.disabled ? 1u << j : 0u;
         }
         node.disabled = disabled;
-        lanes += 4;
+        source += 4;
     }
-    if (ok) gather(source);
     return ok;
 }
 
-const RayTree* RayTreeCache::use(const RaySource& source) {
+const RayTree* RayTreeCache::use(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes) {
     const int status = _status.load(std::memory_order_acquire);
     if (status == kReady) return &_tree;
     if (status == kRefused) return nullptr;
-    const long long faces = static_cast<long long>(source.nodes.size() + 1) / 2;
+    const long long faces = static_cast<long long>(nodes.size() + 1) / 2;
     const long long queries = _queries.fetch_add(1, std::memory_order_relaxed) + 1;
     if (queries < std::max(kMinQueries, faces / kFacesPerQuery)) return nullptr;
-    return make(source, false);
+    return make(nodes, false);
 }
 
-const RayTree* RayTreeCache::make(const RaySource& source, bool wait) {
+const RayTree* RayTreeCache::make(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes, bool wait) {
     const std::unique_lock<std::mutex> lock = lockCache(_mutex, wait);
     if (!lock.owns_lock()) return nullptr;
     int status = _status.load(std::memory_order_relaxed);
     if (status == kAbsent) {
-        const bool ok = _tree.hasShape() ? _tree.update(source) : _tree.assign(source);
+        const bool ok = _tree.hasShape() ? _tree.update(nodes) : _tree.assign(nodes);
         if (!ok) _tree.clear();
         status = ok ? kReady : kRefused;
         _status.store(status, std::memory_order_release);

@@ -11,12 +11,6 @@
 //
 // The shape depends only on the tree (made after a build); after a refit or a mask change only
 // boxes and flags are copied again from the binary nodes.
-//
-// The corners of every leaf's face are gathered too, in leaf order (nine doubles per face), so
-// that a leaf costs one read where the face record and three vertices cost two dependent ones.
-// They are the mesh's positions when the copy was made or brought up to date; the walk uses
-// them while the mesh still holds its positions in the same storage (a swapVertices moves
-// them, and the walk then reads the mesh's own).
 
 #include <atomic>
 #include <cstdint>
@@ -38,39 +32,21 @@ struct alignas(64) RayNode {
 };
 static_assert(sizeof(RayNode) == 128, "two cache lines per wide node");
 
-// What the copy is made from.
-struct RaySource {
-    const std::vector<GmBoundingVolumeHierarchy::Node>& nodes;
-    const std::vector<GmBoundingVolumeHierarchy::LeafFace>& leaves;
-    const std::vector<GmTVector<double>>& vertices;
-};
-
 class RayTree {
 public:
-    // Shape and boxes from the binary nodes, the leaves' corners from the mesh. False (and left
-    // empty) when a box is not finite or has a coordinate beyond 2^60: the ray queries then
-    // keep to the binary walk.
-    bool assign(const RaySource& source);
-    // Boxes, flags and corners again, the shape kept. False as for assign.
-    bool update(const RaySource& source);
+    // Shape and boxes from the binary nodes. False (and left empty) when a box is not finite
+    // or has a coordinate beyond 2^60: the ray queries then keep to the binary walk.
+    bool assign(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes);
+    // Boxes and flags again from the binary nodes, the shape kept. False as for assign.
+    bool update(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes);
     bool hasShape() const { return !_nodes.empty(); }
     void clear();
 
     const RayNode* nodes() const { return _nodes.data(); }
     std::size_t size() const { return _nodes.size(); }
-    // Nine coordinates per leaf-table entry (its face's vertices 1, 2, 3), or null when the mesh
-    // no longer holds the positions they were gathered from in the same storage.
-    const double* corners(const std::vector<GmTVector<double>>& vertices) const {
-        return vertices.data() == _gatheredFrom && vertices.size() == _gatheredCount ? _corners.data() : nullptr;
-    }
 
 private:
-    void gather(const RaySource& source);
-
     std::vector<RayNode> _nodes;
-    std::vector<double> _corners;
-    const GmTVector<double>* _gatheredFrom = nullptr;
-    std::size_t _gatheredCount = 0;
     std::vector<std::int32_t> _source;  // binary node of every lane (-1 empty), 4 per wide node
     std::int32_t _leafBase = 0;         // first binary leaf node
 };
@@ -81,10 +57,10 @@ class RayTreeCache {
 public:
     // The copy, or null while it does not pay yet, while another thread makes it, or when the
     // boxes cannot be copied. Counts one query.
-    const RayTree* use(const RaySource& source);
+    const RayTree* use(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes);
     // The copy, made now unless it is current (null when the boxes cannot be copied, or
     // without wait while another thread makes it).
-    const RayTree* make(const RaySource& source, bool wait);
+    const RayTree* make(const std::vector<GmBoundingVolumeHierarchy::Node>& nodes, bool wait);
     // After a refit or a mask change (the shape stays valid) or a build (it does not); not
     // concurrent with use().
     void reset(bool keepShape);

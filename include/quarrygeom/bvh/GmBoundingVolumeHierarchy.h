@@ -262,12 +262,9 @@ public:
 
     // General rays (intersect(GmRay, ...) and intersectFirst) walk a four-wide copy of the tree
     // (float boxes of four nodes tested at once, 128 bytes per wide node, about one per three
-    // faces, plus the faces' corners gathered in leaf order, 72 bytes per face) once about one
-    // ray query per 64 faces has run since the last build, refit or mask change; the hit
-    // records are the same either way. A refit keeps the copy's shape and only copies the boxes
-    // and corners again. Like the boxes, the corners are those of the last build, refit or
-    // preparation: positions changed in place without a refit are not seen (a swapVertices is,
-    // the walk then reads the mesh). prepareRayQueries brings the copy up to date now; false when the
+    // faces) once about one ray query per 64 faces has run since the last build, refit or mask
+    // change; the hit records are the same either way. A refit keeps the copy's shape and only
+    // copies the boxes again. prepareRayQueries brings the copy up to date now; false when the
     // boxes are not finite, beyond 2^60, or the tree has a single face: rays then keep to the
     // binary walk.
     bool prepareRayQueries() const;
