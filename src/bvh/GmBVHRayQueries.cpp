@@ -11,6 +11,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 #include <quarrygeom/primitives/GmGeometry.h>
 
+#include "../primitives/GmRayTriangle.h"
 #include "GmBVHInternal.h"
 #include "GmBVHRayTree.h"
 
@@ -48,8 +49,10 @@ struct RayTests<GmRay> {
     bool anyFlat;
     double o[3], inv[3];
     std::size_t enter[3], exit[3];  // per axis the offset in a box of the bound where the ray enters / leaves
+    GmGeometry::RayTri::Ray tri;    // the triangle test's per-ray values
 
-    explicit RayTests(const GmRay& r) : ray(r), slabs(true), anyFlat(false) {
+    explicit RayTests(const GmRay& r)
+        : ray(r), slabs(true), anyFlat(false), tri(r.getOrigin(), r.getDirection()) {
         const GmTVector<double>& d = ray.getDirection();
         for (int a = 0; a < 3; ++a) {
             o[a] = ray.getOrigin()[a];
@@ -93,8 +96,7 @@ struct RayTests<GmRay> {
     bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
                   GmTVector<double>& point, GmTVector<double>& weights) const {
         double t, u, v;
-        if (!GmGeometry::intersectRayTri(ray.getOrigin(), ray.getDirection(), v1, v2, v3, point, t, u, v))
-            return false;
+        if (!GmGeometry::RayTri::intersect(tri, v1, v2, v3, point, t, u, v)) return false;
         weights.set(1.0 - u - v, u, v);
         return true;
     }
@@ -306,7 +308,7 @@ struct WideRay {
 struct LeafTriangle {
     const GmBoundingVolumeHierarchy::LeafFace* leaves;
     const GmTVector<double>* vertices;
-    const GmRay& ray;
+    const GmGeometry::RayTri::Ray& ray;
 
     // Start loading the face's vertices (reads the entry).
     QG_BVH_ALWAYS_INLINE void fetch(int k) const { prefetchFaceVertices(vertices, leaves[k]); }
@@ -315,8 +317,8 @@ struct LeafTriangle {
         const GmBoundingVolumeHierarchy::LeafFace& e = leaves[k];
         GmTVector<double> point;
         double t, u, v;
-        if (GmGeometry::intersectRayTri(ray.getOrigin(), ray.getDirection(), vertices[e.vertices[0]],
-                                        vertices[e.vertices[1]], vertices[e.vertices[2]], point, t, u, v))
+        if (GmGeometry::RayTri::intersect(ray, vertices[e.vertices[0]], vertices[e.vertices[1]],
+                                          vertices[e.vertices[2]], point, t, u, v))
             hit(e.face, point, t, GmTVector<double>(1.0 - u - v, u, v));
     }
 };
@@ -450,7 +452,8 @@ bool GmBoundingVolumeHierarchy::intersectRay(const Ray& ray, std::vector<GmPoint
         const WideRay wray(ray);
         if (wide != nullptr && wray.usable) {  // finite origin and direction, not zero
             if (!includeDisabled && _nodes[0].disabled) return !hits.empty();
-            const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), ray};
+            const GmGeometry::RayTri::Ray tri(ray.getOrigin(), ray.getDirection());
+            const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), tri};
             walkWideAll(*wide, wray, leaf, includeDisabled,
                         [&](int face, const GmTVector<double>& point, double, const GmTVector<double>& weights) {
                             record(face, point, weights);
@@ -482,8 +485,9 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
     const RayTree* wide = _rayTree();
     const WideRay wray(ray);
     if (wide != nullptr && wray.usable) {
-        const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), ray};
+        const GmGeometry::RayTri::Ray tri(ray.getOrigin(), ray.getDirection());
         float tMax = std::numeric_limits<float>::infinity();
+        const LeafTriangle leaf{_leafFaces.data(), _mesh->getVertices().data(), tri};
         walkWideFirst(*wide, wray, leaf, includeDisabled, tMax,
                       [&](int face, const GmTVector<double>& point, double tt, const GmTVector<double>& weights) {
                           keep(face, point, tt, weights);
@@ -501,9 +505,9 @@ bool GmBoundingVolumeHierarchy::intersectFirst(const GmRay& ray, GmPointIntersec
                 const GmTriangleFace& f = _mesh->getFaces()[static_cast<size_t>(face)];
                 GmTVector<double> point;
                 double tt, u, v;
-                GmGeometry::intersectRayTri(ray.getOrigin(), ray.getDirection(), vertices[f.vertices[0]],
-                                            vertices[f.vertices[1]], vertices[f.vertices[2]], point, tt, u, v);
-                keep(face, point, tt, GmTVector<double>(1.0 - u - v, u, v));
+                if (GmGeometry::RayTri::intersect(tests.tri, vertices[f.vertices[0]], vertices[f.vertices[1]],
+                                                  vertices[f.vertices[2]], point, tt, u, v))
+                    keep(face, point, tt, GmTVector<double>(1.0 - u - v, u, v));
             });
     return found;
 }

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "GmRayTriangle.h"
+
 namespace GmGeometry {
 
 namespace {
@@ -46,19 +48,10 @@ double closestOnEdges(const Vec& p, const Vec& v0, const Vec& v1, const Vec& v2,
     return best;
 }
 
-// 2^-e for the e with m 2^-e in [0.5, 1) (m positive and finite), kept a finite normal number.
-double inversePowerOfTwoAbove(double m) {
-    int e;
-    std::frexp(m, &e);
-    return std::ldexp(1.0, -std::min(std::max(e, -1020), 1020));
-}
-
-inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
-
-// Squares of lengths beyond these are too close to overflow or underflow for the region method's
-// products (of up to four lengths): the inputs are then scaled by a power of two first.
-constexpr double kSquareHigh = 0x1p400;
-constexpr double kSquareLow = 0x1p-400;
+using RayTri::inversePowerOfTwoAbove;
+using RayTri::kSquareHigh;
+using RayTri::kSquareLow;
+using RayTri::maxAbs;
 
 double closestRegion(const Vec& e0, const Vec& e1, const Vec& diff, const Vec& p, const Vec& v0, const Vec& v1,
                      const Vec& v2, double& s, double& t);
@@ -259,75 +252,9 @@ double closestRegion(const Vec& e0, const Vec& e1, const Vec& diff, const Vec& p
 
 }  // namespace
 
-namespace {
-
-// The ray test on coordinates relative to v0 (tvec = origin - v0), with a unit direction.
-bool rayTriRelative(const Vec& tvec, const Vec& dir, const Vec& edge1, const Vec& edge2, double m, double& uOut,
-                    double& vOut) {
-    constexpr double kTol = 100.0 * DBL_EPSILON;
-    const Vec pvec = dir.cross(edge2);
-    const double det = pvec.dot(edge1);
-    // Parallel to the plane (relative to the edges' lengths, so at any scale).
-    if (!(std::fabs(det) > DBL_EPSILON * std::sqrt(edge1.lengthSquared() * edge2.lengthSquared()))) return false;
-
-    const double uu = tvec.dot(pvec) / det;
-    if (!(uu >= -kTol && uu <= 1.0 + kTol)) return false;
-    const double uc = std::min(1.0, std::max(0.0, uu));
-
-    const Vec qvec = tvec.cross(edge1);
-    const double vv = dir.dot(qvec) / det;
-    if (!(vv >= -kTol && uc + vv <= 1.0 + kTol)) return false;
-    const double vc = std::min(1.0 - uc, std::max(0.0, vv));
-
-    // Behind the origin by more than the rounding of positions of magnitude m.
-    const Vec hit = edge1 * uc + edge2 * vc - tvec;
-    if (hit.dot(dir) < -kTol * m) return false;
-    uOut = uc;
-    vOut = vc;
-    return true;
-}
-
-}  // namespace
-
 bool intersectRayTri(const Vec& origin, const Vec& direction, const Vec& v0, const Vec& v1, const Vec& v2,
                      Vec& point, double& t, double& u, double& v) {
-    const double len = direction.length();
-    if (!(len > 0.0) || !std::isfinite(len)) {
-        // A zero direction never hits; a very short or very long one is rescaled (exactly).
-        const double md = maxAbs(direction);
-        if (!(md > 0.0) || !std::isfinite(md)) return false;
-        const double sc = inversePowerOfTwoAbove(md);
-        if (!intersectRayTri(origin, direction * sc, v0, v1, v2, point, t, u, v)) return false;
-        t *= sc;
-        return true;
-    }
-    const Vec dir = direction / len;
-    Vec edge1 = v1 - v0, edge2 = v2 - v0, tvec = origin - v0;
-    double m = std::max(std::max(maxAbs(origin), maxAbs(v0)), std::max(maxAbs(v1), maxAbs(v2)));
-    if (!std::isfinite(m)) return false;  // also NaN
-    const double e2 = std::max(edge1.lengthSquared(), edge2.lengthSquared());
-    if (!(e2 >= kSquareLow && e2 <= kSquareHigh && m <= 0x1p200)) {
-        // Far from unit scale: relative coordinates scaled by a power of two (exact).
-        const double mr = std::max(maxAbs(edge1), std::max(maxAbs(edge2), maxAbs(tvec)));
-        if (!(mr > 0.0) || !std::isfinite(mr)) return false;
-        const double sc = inversePowerOfTwoAbove(mr);
-        edge1 *= sc;
-        edge2 *= sc;
-        tvec *= sc;
-        m *= sc;
-    }
-    double uc, vc;
-    if (!rayTriRelative(tvec, dir, edge1, edge2, m, uc, vc)) return false;
-    const Vec hit = v0 * (1.0 - uc - vc) + v1 * uc + v2 * vc;
-    double tt = (hit - origin).dot(dir) / len;
-    if (!(tt >= 0.0)) tt = 0.0;
-    if (!std::isfinite(tt)) return false;
-
-    point = hit;
-    t = tt;
-    u = uc;
-    v = vc;
-    return true;
+    return RayTri::intersect(RayTri::Ray(origin, direction), v0, v1, v2, point, t, u, v);
 }
 
 }  // namespace GmGeometry
