@@ -61,7 +61,9 @@ TEST(RayTriangle, HitsMissesAndClampedEdgeHits) {
         {"parallel in the plane", {-1, 0.2, 0}, {1, 0, 0}, unit, false},
         {"zero-area triangle", {0.2, 0, 1}, {0, 0, -1}, flat, false},
         {"origin not finite", {kAny, 0.2, 0.2}, {0, 0, -1}, unit, false},
-        {"direction not finite", {0.2, 0.2, 1}, {-HUGE_VAL, 0.2, 0.2}, unit, false},
+        {"direction not finite in x", {0.2, 0.2, 1}, {-HUGE_VAL, 0.2, 0.2}, unit, false},
+        {"direction not finite in y", {0.2, 0.2, 1}, {0.2, kAny, -1}, unit, false},
+        {"direction not finite in z", {0.2, 0.2, 1}, {0.2, 0.2, kAny}, unit, false},
         {"vertex not finite", {0.2, 0.2, 1}, {0, 0, -1}, bad, false},
     };
     for (const auto& c : cases) {
