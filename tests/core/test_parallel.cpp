@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,31 +19,23 @@
 
 namespace {
 
-
 TEST(ParallelFrame, SwitchDefaultsToParallelAndSelectsThePath) {
     EXPECT_TRUE(tarnCollision::isMultiThreading());
     EXPECT_TRUE(GmParallel::isParallel());
-    const std::thread::id caller = std::this_thread::get_id();
-    {
-        ScopedThreading serial(false);
-        EXPECT_FALSE(GmParallel::isParallel());
-        int which = 0;
+    for (bool on : {false, true}) {
+        ScopedThreading threads(on);
+        EXPECT_EQ(GmParallel::isParallel(), on);
+        int which = 0, arenaWidth = 0;
         std::thread::id ranOn;
-        GmParallel::dispatch([&] { which = 1; ranOn = std::this_thread::get_id(); }, [&] { which = 2; });
-        EXPECT_EQ(which, 1);
-        EXPECT_EQ(ranOn, caller);
-    }
-    {
-        ScopedThreading parallel(true);
-        int which = 0;
-        int arenaWidth = 0;
-        GmParallel::dispatch([&] { which = 1; },
+        GmParallel::dispatch([&] { which = 1; ranOn = std::this_thread::get_id(); },
                              [&] {
                                  which = 2;
                                  arenaWidth = tbb::this_task_arena::max_concurrency();
                              });
-        EXPECT_EQ(which, 2);
-        if (GmParallel::workerCount() >= 1) {
+        EXPECT_EQ(which, on ? 2 : 1);
+        if (!on) {
+            EXPECT_EQ(ranOn, std::this_thread::get_id());
+        } else if (GmParallel::workerCount() >= 1) {
             EXPECT_EQ(arenaWidth, GmParallel::workerCount());
         }
     }
@@ -53,204 +46,139 @@ TEST(ParallelFrame, WorkerCountComesFromTheHardwareWithoutTheVariable) {
     EXPECT_EQ(GmParallel::workerCount(), static_cast<int>(std::thread::hardware_concurrency()));
 }
 
-TEST(ParallelFrame, ParallelForVisitsEveryIndexOnce) {
-    std::vector<std::atomic<int>> hits(1000);
-    GmParallel::runInArena([&] { GmParallel::parallelFor(-3, 997, [&](int i) { hits[i + 3].fetch_add(1); }); });
-    for (const auto& h : hits) EXPECT_EQ(h.load(), 1);
-    // Empty and reversed ranges do nothing.
+TEST(ParallelFrame, LoopsVisitEveryIndexOnce) {
+    std::vector<std::atomic<int>> hits(5000), ranged(5000);
     int calls = 0;
     GmParallel::runInArena([&] {
+        GmParallel::parallelFor(-3, 4997, [&](int i) { hits[static_cast<std::size_t>(i + 3)].fetch_add(1); });
+        GmParallel::parallelForRanges(0, 5000, [&](int first, int last) {
+            EXPECT_LT(first, last);
+            for (int i = first; i < last; ++i) ranged[static_cast<std::size_t>(i)].fetch_add(1);
+        });
+        // Empty and reversed ranges do nothing.
         GmParallel::parallelFor(5, 5, [&](int) { ++calls; });
         GmParallel::parallelFor(5, 2, [&](int) { ++calls; });
+        GmParallel::parallelForRanges(5, 2, [&](int, int) { ++calls; });
     });
+    for (std::size_t i = 0; i < hits.size(); ++i) ASSERT_EQ(hits[i].load() * 10 + ranged[i].load(), 11) << i;
     EXPECT_EQ(calls, 0);
 }
 
-TEST(ParallelFrame, SingleContributorIsSwappedInWithoutACopy) {
-    GmParallel::ThreadResults<int> results;
-    std::vector<int>& local = results.records();
-    for (int i = 0; i < 100; ++i) local.push_back(i * i);
-    results.metrics().addNarrowPhaseCandidates(100);
-    const int* data = local.data();
+// One merge: `out` starts with `prefix`; the calling thread appends `caller` records (straight
+// into `out` when direct); each worker appends its count of records, flushing every `flush`
+// (0: never), all workers alive at once. The result: the prefix, the caller's direct
+// records in place, then every thread's block whole and in its own order, blocks in any order.
+struct MergeCase {
+    const char* name;
+    std::vector<int> prefix;
+    bool direct;
+    int caller;
+    std::vector<int> workers;
+    int flush;
+    bool swapped;  // a single block, swapped in without a copy
+};
 
-    std::vector<int> out;
+class Merge : public ::testing::TestWithParam<MergeCase> {};
+
+TEST_P(Merge, KeepsEveryThreadsRecordsInOrder) {
+    const MergeCase& c = GetParam();
+    std::vector<int> out = c.prefix;
+    std::uint32_t records = 1 + static_cast<std::uint32_t>(c.caller);
+    for (int n : c.workers) records += static_cast<std::uint32_t>(n);
+    out.reserve(out.size() + records);
+    const int* before = out.data();
+    const int* swappedData = nullptr;
     GmBVHMetrics total;
-    total.addNarrowPhaseCandidates(1);
-    results.mergeInto(out, total);
-    ASSERT_EQ(out.size(), 100u);
-    EXPECT_EQ(out.data(), data);  // the thread's buffer itself
-    EXPECT_EQ(out[99], 99 * 99);
-    EXPECT_EQ(total.narrowPhaseCandidates(), 101u);
-}
-
-TEST(ParallelFrame, RecordsFollowWhatTheOutputAlreadyHeld) {
-    GmParallel::ThreadResults<std::string> results;
-    results.records() = {"c", "d"};
-    std::vector<std::string> out = {"a", "b"};
-    GmBVHMetrics total;
-    results.mergeInto(out, total);
-    EXPECT_EQ(out, (std::vector<std::string>{"a", "b", "c", "d"}));
-}
-
-TEST(ParallelFrame, SeveralContributorsAreConcatenatedInOrder) {
-    // Two threads with records and one that touched its vector but added nothing. They
-    // stay alive together (thread ids of finished threads may be reused by the next one).
-    GmParallel::ThreadResults<int> results;
-    std::atomic<int> arrived{0};
-    auto together = [&arrived] {
-        arrived.fetch_add(1);
-        while (arrived.load() < 3) std::this_thread::yield();
-    };
-    std::thread a([&] {
-        for (int i = 0; i < 5; ++i) results.records().push_back(100 + i);
-        results.metrics().addBroadPhaseTests(5);
-        together();
-    });
-    std::thread b([&] {
-        for (int i = 0; i < 3; ++i) results.records().push_back(200 + i);
-        results.metrics().addBroadPhaseTests(3);
-        together();
-    });
-    std::thread c([&] {
-        results.records();
-        results.metrics();
-        together();
-    });
-    a.join();
-    b.join();
-    c.join();
-    EXPECT_EQ(results.recordThreadCount(), 3u);
-
-    std::vector<int> out = {1};
-    GmBVHMetrics total;
-    results.mergeInto(out, total);
-    ASSERT_EQ(out.size(), 9u);
-    EXPECT_EQ(out[0], 1);
-    // Each thread's block keeps its own order; the blocks may come in either order.
-    const bool aFirst = out[1] == 100;
-    const std::vector<int> expected = aFirst ? std::vector<int>{1, 100, 101, 102, 103, 104, 200, 201, 202}
-                                             : std::vector<int>{1, 200, 201, 202, 100, 101, 102, 103, 104};
-    EXPECT_EQ(out, expected);
-    EXPECT_EQ(total.broadPhaseTests(), 8u);
-}
-
-TEST(ParallelFrame, EmptyThreadVectorsDoNotPreventTheSwap) {
-    GmParallel::ThreadResults<int> results;
-    results.records().assign({7, 8, 9});
-    std::thread idle([&] { results.records().reserve(4); });  // a second thread, its vector stays empty
-    idle.join();
-    EXPECT_EQ(results.recordThreadCount(), 2u);
-    const int* data = results.records().data();
-    std::vector<int> out;
-    GmBVHMetrics total;
-    results.mergeInto(out, total);
-    EXPECT_EQ(out, (std::vector<int>{7, 8, 9}));
-    EXPECT_EQ(out.data(), data);
-
-    // Nothing recorded at all: the output is untouched.
-    GmParallel::ThreadResults<int> none;
-    std::vector<int> keep = {1, 2};
-    none.mergeInto(keep, total);
-    EXPECT_EQ(keep, (std::vector<int>{1, 2}));
-    EXPECT_EQ(total, GmBVHMetrics());
-}
-
-TEST(ParallelFrame, CallingThreadRecordsLandInTheOutputInPlace) {
-    std::vector<int> out = {1, 2};
-    out.reserve(64);
-    const int* data = out.data();
-    GmBVHMetrics total;
+    total.addBroadPhaseTests(1);
     {
-        GmParallel::ThreadResults<int> results(out);
-        EXPECT_EQ(&results.records(), &out);  // the calling thread appends to the output itself
-        results.records().push_back(3);
-        results.metrics().addEdgeEdgeTests(1);
-        std::thread worker([&] {
-            GmParallel::ThreadResults<int>::Local& mine = results.local();
-            EXPECT_NE(&mine.records(), &out);
-            for (int i = 4; i <= 6; ++i) {
-                mine.records().push_back(i);
-                mine.flush();
-            }
-            mine.records().push_back(7);  // left in the staging vector
-            results.metrics().addEdgeEdgeTests(4);
-        });
-        worker.join();
-        results.records().push_back(8);  // the caller goes on after the worker
-        results.mergeInto(out, total);
+        auto results = c.direct ? std::make_unique<GmParallel::ThreadResults<int>>(out)
+                                : std::make_unique<GmParallel::ThreadResults<int>>();
+        for (int i = 0; i < c.caller; ++i) results->records().push_back(i);
+        results->metrics().addBroadPhaseTests(static_cast<std::uint32_t>(c.caller));
+        EXPECT_EQ(&results->records() == &out, c.direct);
+        std::atomic<int> arrived{0};
+        const int n = static_cast<int>(c.workers.size());
+        std::vector<std::thread> threads;
+        for (int t = 0; t < n; ++t)
+            threads.emplace_back([&, t] {
+                GmParallel::ThreadResults<int>::Local& mine = results->local();
+                EXPECT_NE(&mine.records(), &out);
+                for (int i = 0; i < c.workers[static_cast<std::size_t>(t)]; ++i) {
+                    mine.records().push_back((t + 1) * 10000000 + i);
+                    if (c.flush > 0 && i % c.flush == 0) mine.flush();
+                }
+                if (c.swapped && !mine.records().empty()) swappedData = mine.records().data();
+                results->metrics().addBroadPhaseTests(static_cast<std::uint32_t>(c.workers[static_cast<std::size_t>(t)]));
+                arrived.fetch_add(1);  // distinct threads: ids of finished threads may be reused
+                while (arrived.load() < n) std::this_thread::yield();
+            });
+        for (std::thread& t : threads) t.join();
+        if (c.direct) results->records().push_back(c.caller);  // the caller goes on after the workers
+        EXPECT_EQ(results->recordThreadCount(), static_cast<std::size_t>(n) + 1);
+        results->mergeInto(out, total);
     }
-    EXPECT_EQ(out, (std::vector<int>{1, 2, 3, 8, 4, 5, 6, 7}));
-    EXPECT_EQ(out.data(), data);  // nothing was reallocated
-    EXPECT_EQ(total.edgeEdgeTests(), 5u);
+    std::size_t at = 0;
+    for (int p : c.prefix) ASSERT_EQ(out[at++], p);
+    std::vector<int> blocks = c.workers;
+    blocks.insert(blocks.begin(), c.caller + (c.direct ? 1 : 0));  // block 0: the caller's
+    for (int i = 0; c.direct && i < blocks[0]; ++i) ASSERT_EQ(out[at++], i);  // in place
+    if (c.direct) blocks[0] = 0;
+    while (at < out.size()) {
+        const int t = out[at] / 10000000;
+        ASSERT_LT(t, static_cast<int>(blocks.size()));
+        ASSERT_GT(blocks[static_cast<std::size_t>(t)], 0) << "block " << t << " twice";
+        for (int i = 0; i < blocks[static_cast<std::size_t>(t)]; ++i) ASSERT_EQ(out[at++], t * 10000000 + i);
+        blocks[static_cast<std::size_t>(t)] = 0;
+    }
+    for (int b : blocks) EXPECT_EQ(b, 0) << "records missing";
+    EXPECT_EQ(total.broadPhaseTests(), records);
+    EXPECT_EQ(out.data(), c.direct ? before : c.swapped ? swappedData : out.data());  // no reallocation, no copy
 }
 
-TEST(ParallelFrame, FlushedRecordsSpanningManyChunksKeepTheirOrder) {
-    // Enough ints for several chunks per thread, flushed in uneven batches.
-    const int n = 400000;
-    GmParallel::ThreadResults<int> results;
-    std::atomic<int> arrived{0};
-    auto fill = [&](int base) {
-        GmParallel::ThreadResults<int>::Local& mine = results.local();
-        for (int i = 0; i < n; ++i) {
-            mine.records().push_back(base + i);
-            if (i % 13 == 0) mine.flush();
-        }
-        arrived.fetch_add(1);
-        while (arrived.load() < 2) std::this_thread::yield();  // distinct threads
-    };
-    std::thread a(fill, 0), b(fill, 10000000);
-    a.join();
-    b.join();
-    std::vector<int> out = {-1};
-    GmBVHMetrics total;
-    results.mergeInto(out, total);
-    ASSERT_EQ(out.size(), 1u + 2u * n);
-    EXPECT_EQ(out[0], -1);
-    const int firstBase = out[1];
-    ASSERT_TRUE(firstBase == 0 || firstBase == 10000000);
-    const int secondBase = firstBase == 0 ? 10000000 : 0;
-    for (int i = 0; i < n; ++i) {
-        ASSERT_EQ(out[1 + i], firstBase + i);
-        ASSERT_EQ(out[1 + n + i], secondBase + i);
-    }
-}
+INSTANTIATE_TEST_SUITE_P(
+    ParallelFrame, Merge,
+    ::testing::Values(MergeCase{"single", {}, false, 0, {100}, 0, true},
+                      MergeCase{"afterEarlierContent", {1, 2}, false, 0, {2}, 0, false},
+                      MergeCase{"idleThreadsStillSwap", {}, false, 0, {3, 0, 0}, 0, true},
+                      MergeCase{"nothingRecorded", {1, 2}, false, 0, {0, 0}, 0, false},
+                      MergeCase{"several", {1}, false, 4, {5, 3, 0}, 0, false},
+                      MergeCase{"direct", {1, 2}, true, 2, {3, 1}, 2, false},
+                      MergeCase{"manyChunks", {-1}, false, 0, {400000, 400000}, 13, false}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-TEST(ParallelFrame, UnmergedDirectResultsLeaveTheOutputAsItWas) {
-    ScopedThreading g(true);
+// A merge that did not happen (an exception left the parallel part) leaves the output as it
+// was; exceptions from either path propagate and the frame stays usable.
+TEST(ParallelFrame, ExceptionsLeaveTheArena) {
+    ScopedThreading on(true);
     std::vector<int> out = {5, 6};
-    {
-        GmParallel::ThreadResults<int> results(out);
-        for (int i = 0; i < 100; ++i) results.records().push_back(i);
-    }
-    EXPECT_EQ(out, (std::vector<int>{5, 6}));
-
     GmBVHMetrics metrics;
-    EXPECT_THROW(GmParallel::dispatch([] {},
-                                      [&] {
-                                          GmParallel::ThreadResults<int> results(out);
-                                          GmParallel::parallelFor(0, 200, [&](int i) {
-                                              results.records().push_back(i);
-                                              if (i == 150) throw std::runtime_error("body failed");
-                                          });
-                                          results.mergeInto(out, metrics);
-                                      }),
-                 std::runtime_error);
+    for (bool direct : {false, true})
+        EXPECT_THROW(GmParallel::dispatch([] {},
+                                          [&] {
+                                              auto results = direct ? std::make_unique<GmParallel::ThreadResults<int>>(out)
+                                                                    : std::make_unique<GmParallel::ThreadResults<int>>();
+                                              GmParallel::parallelFor(0, 200, [&](int i) {
+                                                  results->records().push_back(i);
+                                                  if (i == 150) throw std::runtime_error("body failed");
+                                              });
+                                              results->mergeInto(out, metrics);
+                                          }),
+                     std::runtime_error);
     EXPECT_EQ(out, (std::vector<int>{5, 6}));
     EXPECT_EQ(metrics, GmBVHMetrics());
-}
-
-TEST(ParallelFrame, RangesCoverTheIndicesOnce) {
-    std::vector<std::atomic<int>> hits(5000);
-    std::atomic<int> ranges{0};
-    GmParallel::runInArena([&] {
-        GmParallel::parallelForRanges(0, 5000, [&](int first, int last) {
-            EXPECT_LT(first, last);
-            ranges.fetch_add(1);
-            for (int i = first; i < last; ++i) hits[i].fetch_add(1);
-        });
-    });
-    for (const auto& h : hits) EXPECT_EQ(h.load(), 1);
-    EXPECT_GE(ranges.load(), 1);
+    {
+        ScopedThreading off(false);
+        EXPECT_THROW(GmParallel::dispatch([] { throw std::logic_error("serial"); }, [] {}), std::logic_error);
+    }
+    try {
+        GmParallel::runInArena([] { throw std::runtime_error("direct"); });
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "direct");
+    }
+    std::atomic<int> count{0};
+    GmParallel::runInArena([&] { GmParallel::parallelFor(0, 50, [&](int) { ++count; }); });
+    EXPECT_EQ(count.load(), 50);
 }
 
 // All pairs (i, j), i < j, of n values whose sum is divisible by 7, computed through the frame.
@@ -315,38 +243,6 @@ TEST(ParallelFrame, SerialAndParallelPathsGiveTheSameResultSet) {
     EXPECT_EQ(serialMetrics, parallelMetrics);
     EXPECT_EQ(serialMetrics.narrowPhaseTests(), static_cast<std::uint32_t>(n * (n - 1) / 2));
     EXPECT_EQ(serialMetrics.narrowPhaseSuccesses(), expected.size());
-}
-
-TEST(ParallelFrame, ExceptionsLeaveTheArena) {
-    ScopedThreading g(true);
-    std::vector<int> out = {5};
-    GmBVHMetrics metrics;
-    EXPECT_THROW(
-        GmParallel::dispatch([] {},
-                             [&] {
-                                 GmParallel::ThreadResults<int> results;
-                                 GmParallel::parallelFor(0, 100, [&](int i) {
-                                     results.records().push_back(i);
-                                     if (i == 37) throw std::runtime_error("body failed");
-                                 });
-                                 results.mergeInto(out, metrics);
-                             }),
-        std::runtime_error);
-    EXPECT_EQ(out, std::vector<int>{5});  // no merge happened
-    // A throwing serial path propagates as well, and the frame stays usable.
-    {
-        ScopedThreading s(false);
-        EXPECT_THROW(GmParallel::dispatch([] { throw std::logic_error("serial"); }, [] {}), std::logic_error);
-    }
-    try {
-        GmParallel::runInArena([] { throw std::runtime_error("direct"); });
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "direct");
-    }
-    std::atomic<int> count{0};
-    GmParallel::runInArena([&] { GmParallel::parallelFor(0, 50, [&](int) { ++count; }); });
-    EXPECT_EQ(count.load(), 50);
 }
 
 // Largest number of threads seen at once inside the work of an arena of the given width
