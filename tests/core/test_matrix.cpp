@@ -16,93 +16,122 @@ namespace {
 
 using V = GmTVector<double>;
 
-double maxAbs(const GmMatrix& m) {
-    double s = 0.0;
-    for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 3; ++c) s = std::max(s, std::fabs(m(r, c)));
-    return s;
-}
-
-// A random rotation (unit quaternion).
-GmMatrix randomRotation(std::mt19937_64& rng) {
-    std::normal_distribution<double> n;
-    double w = n(rng), x = n(rng), y = n(rng), z = n(rng);
-    const double len = std::sqrt(w * w + x * x + y * y + z * z);
-    w /= len; x /= len; y /= len; z /= len;
-    return GmMatrix(1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y),
-                    2 * (x * y + w * z), 1 - 2 * (x * x + z * z), 2 * (y * z - w * x),
-                    2 * (x * z - w * y), 2 * (y * z + w * x), 1 - 2 * (x * x + y * y));
-}
-
 GmMatrix diag(double a, double b, double c) { return GmMatrix(a, 0, 0, 0, b, 0, 0, 0, c); }
 
-// Checks A v = lambda v, descending order, an orthonormal right-handed frame, and the
-// invariants trace and determinant.
-void expectEigenSystem(const GmMatrix& a, const double values[3], const V vectors[3], double relTol,
-                       const std::string& what) {
-    const double scale = std::max(maxAbs(a), DBL_MIN);
-    EXPECT_GE(values[0], values[1]) << what;
-    EXPECT_GE(values[1], values[2]) << what;
-    for (int k = 0; k < 3; ++k) {
-        const V residual = a * vectors[k] - vectors[k] * values[k];
-        EXPECT_LE(residual.length(), relTol * scale) << what << " vector " << k;
-        EXPECT_NEAR(vectors[k].length(), 1.0, 1e-14) << what;
-        for (int j = k + 1; j < 3; ++j) EXPECT_NEAR(vectors[k].dot(vectors[j]), 0.0, 1e-14) << what;
+// Products, sums, transposes, determinants and point maps against plain index loops over
+// random matrices (3x3 and 4x4), and the element order of every constructor and accessor.
+TEST(Matrix, ArithmeticMatchesIndexLoops) {
+    std::mt19937_64 rng(11);
+    std::uniform_real_distribution<double> u(-2.0, 2.0);
+    for (int trial = 0; trial < 200; ++trial) {
+        double a[3][3], b[3][3], out[3][3];
+        for (int r = 0; r < 3; ++r)
+            for (int c = 0; c < 3; ++c) a[r][c] = u(rng), b[r][c] = u(rng);
+        const GmMatrix A(a), B(a[0][0], a[0][1], a[0][2], a[1][0], a[1][1], a[1][2], a[2][0], a[2][1], a[2][2]);
+        ASSERT_EQ(A, B);
+        const GmMatrix M(b), AB = A * M, sum = A + M, diff = A - M, t = A.transpose(), s = A * 3.0;
+        const V v(u(rng), u(rng), u(rng)), Av = A * v;
+        A.get(out);
+        for (int r = 0; r < 3; ++r) {
+            double row = 0.0;
+            for (int c = 0; c < 3; ++c) {
+                double dot = 0.0;
+                for (int k = 0; k < 3; ++k) dot += a[r][k] * b[k][c];
+                EXPECT_NEAR(AB(r, c), dot, 1e-14);
+                EXPECT_EQ(out[r][c], a[r][c]);
+                EXPECT_EQ(sum(r, c), a[r][c] + b[r][c]);
+                EXPECT_EQ(diff(r, c), a[r][c] - b[r][c]);
+                EXPECT_EQ(t(r, c), a[c][r]);
+                EXPECT_EQ(s(r, c), 3.0 * a[r][c]);
+                row += a[r][c] * v[c];
+            }
+            EXPECT_NEAR(Av[r], row, 1e-14);
+        }
+        double det = 0.0;  // Leibniz
+        for (int i = 0; i < 3; ++i)
+            det += a[0][i] * (a[1][(i + 1) % 3] * a[2][(i + 2) % 3] - a[1][(i + 2) % 3] * a[2][(i + 1) % 3]);
+        EXPECT_NEAR(A.determinant(), det, 1e-13);
+        EXPECT_EQ(A.trace(), a[0][0] + a[1][1] + a[2][2]);
+
+        double m4[4][4], n4[4][4], got[4][4];
+        for (auto* m : {&m4, &n4})
+            for (auto& row : *m)
+                for (double& x : row) x = u(rng);
+        const GmTransformMatrix T(m4), N(n4), TN = T * N;
+        GmTransformMatrix S;
+        S.set(m4[0][0], m4[0][1], m4[0][2], m4[0][3], m4[1][0], m4[1][1], m4[1][2], m4[1][3], m4[2][0], m4[2][1],
+              m4[2][2], m4[2][3], m4[3][0], m4[3][1], m4[3][2], m4[3][3]);
+        ASSERT_EQ(S, T);
+        T.get(got);
+        const double p[4] = {v.x, v.y, v.z, 1.0};
+        double h[4] = {0, 0, 0, 0};
+        for (int r = 0; r < 4; ++r)
+            for (int c = 0; c < 4; ++c) {
+                double dot = 0.0;
+                for (int k = 0; k < 4; ++k) dot += m4[r][k] * n4[k][c];
+                EXPECT_NEAR(TN(r, c), dot, 1e-14);
+                EXPECT_EQ(got[r][c], m4[r][c]);
+                h[r] += m4[r][c] * p[c];
+            }
+        const V Tp = T * v, Tv = T.transformVector(v);  // a point is divided by w; a direction has no translation
+        for (int r = 0; r < 3; ++r) {
+            EXPECT_NEAR(Tp[r], h[r] / h[3], 1e-12 * (1.0 + std::fabs(h[r] / h[3])));
+            EXPECT_NEAR(Tv[r], m4[r][0] * v.x + m4[r][1] * v.y + m4[r][2] * v.z, 1e-14);
+        }
     }
-    EXPECT_NEAR(vectors[0].cross(vectors[1]).dot(vectors[2]), 1.0, 1e-14) << what;
-    EXPECT_NEAR(values[0] + values[1] + values[2], a.trace(), relTol * 3 * scale) << what;
-}
-
-TEST(Matrix, ConstructionAccessAndArithmetic) {
-    const GmMatrix m(1, 2, 3, 4, 5, 6, 7, 8, 10);
-    EXPECT_EQ(m(0, 2), 3.0);
-    EXPECT_EQ(m(2, 0), 7.0);
-    double raw[3][3];
-    m.get(raw);
-    EXPECT_EQ(raw[1][2], 6.0);
-    EXPECT_EQ(GmMatrix(raw), m);
     EXPECT_EQ(GmMatrix(), diag(1, 1, 1));
-    EXPECT_EQ(m.transpose()(0, 2), 7.0);
-    EXPECT_DOUBLE_EQ(m.determinant(), -3.0);
-    const V p = m * V(1, 0, -1);
-    EXPECT_EQ(p, V(-2, -2, -3));
-    EXPECT_EQ((m * GmMatrix::identity()), m);
-    EXPECT_EQ((m - m), GmMatrix::zero());
-    EXPECT_EQ((m + m), m * 2.0);
+    EXPECT_EQ(GmTransformMatrix(), GmTransformMatrix::identity());
+    EXPECT_EQ(GmTransformMatrix::translation(V(1, 2, 3)) * V(1, 1, 1), V(2, 3, 4));
 }
 
-TEST(MatrixEigen, RandomSymmetricMatrices) {
+// A v = lambda v, descending values, an orthonormal right-handed frame, trace and determinant.
+void expectEigenSystem(const GmMatrix& a, const double values[3], const V vectors[3], double relTol) {
+    double scale = DBL_MIN;
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 3; ++c) scale = std::max(scale, std::fabs(a(r, c)));
+    EXPECT_GE(values[0], values[1]);
+    EXPECT_GE(values[1], values[2]);
+    for (int k = 0; k < 3; ++k) {
+        EXPECT_LE((a * vectors[k] - vectors[k] * values[k]).length(), relTol * scale) << k;
+        EXPECT_NEAR(vectors[k].length(), 1.0, 1e-14);
+        for (int j = k + 1; j < 3; ++j) EXPECT_NEAR(vectors[k].dot(vectors[j]), 0.0, 1e-14);
+    }
+    EXPECT_NEAR(vectors[0].cross(vectors[1]).dot(vectors[2]), 1.0, 1e-14);
+    EXPECT_NEAR(values[0] + values[1] + values[2], a.trace(), relTol * 3 * scale);
+    EXPECT_NEAR(values[0] / scale * values[1] / scale * values[2] / scale, a.determinant() / scale / scale / scale, 1e-13);
+}
+
+// Random symmetric matrices over 200 orders of magnitude, and Q D Q^T with repeated
+// eigenvalues (two or three equal) for random rotations Q.
+TEST(MatrixEigen, RandomAndRepeatedEigenvalues) {
     std::mt19937_64 rng(5);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
-    for (int trial = 0; trial < 5000; ++trial) {
-        const double s = std::pow(10.0, 100.0 * u(rng));
-        const double a = u(rng) * s, b = u(rng) * s, c = u(rng) * s, d = u(rng) * s, e = u(rng) * s, f = u(rng) * s;
-        const GmMatrix m(a, b, c, b, d, e, c, e, f);
-        double values[3];
-        V vectors[3];
+    std::normal_distribution<double> n;
+    double values[3];
+    V vectors[3];
+    for (int trial = 0; trial < 6000; ++trial) {
+        GmMatrix m;
+        double expected[3] = {NAN, NAN, NAN};
+        if (trial % 2 == 0) {
+            const double s = std::pow(10.0, 100.0 * u(rng));
+            const double a = u(rng) * s, b = u(rng) * s, c = u(rng) * s, d = u(rng) * s, e = u(rng) * s, f = u(rng) * s;
+            m = GmMatrix(a, b, c, b, d, e, c, e, f);
+        } else {
+            double w = n(rng), x = n(rng), y = n(rng), z = n(rng);
+            const double len = std::sqrt(w * w + x * x + y * y + z * z);
+            w /= len, x /= len, y /= len, z /= len;
+            const GmMatrix q(1 - 2 * (y * y + z * z), 2 * (x * y - w * z), 2 * (x * z + w * y), 2 * (x * y + w * z),
+                             1 - 2 * (x * x + z * z), 2 * (y * z - w * x), 2 * (x * z - w * y), 2 * (y * z + w * x),
+                             1 - 2 * (x * x + y * y));
+            const double l1 = 3.0 * u(rng), l2 = trial % 3 == 0 ? l1 : 3.0 * u(rng);
+            const GmMatrix d = trial % 4 == 1 ? diag(l1, l1, l2) : diag(l2, l1, l1);
+            m = q * d * q.transpose();
+            expected[0] = d(0, 0), expected[1] = d(1, 1), expected[2] = d(2, 2);
+            std::sort(expected, expected + 3, [](double p, double r) { return p > r; });
+        }
         ASSERT_EQ(m.getEigenSystem(values, vectors), 0);
-        expectEigenSystem(m, values, vectors, 1e-14, "random");
-        // Determinant as the product of the eigenvalues.
-        EXPECT_NEAR(values[0] * values[1] * values[2] / (s * s * s), m.determinant() / (s * s * s), 1e-13);
-    }
-}
-
-TEST(MatrixEigen, RepeatedEigenvalues) {
-    std::mt19937_64 rng(17);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    for (int trial = 0; trial < 3000; ++trial) {
-        const GmMatrix q = randomRotation(rng);
-        const double l1 = 3.0 * u(rng), l2 = 3.0 * u(rng);
-        const int kind = trial % 3;
-        const GmMatrix d = kind == 0 ? diag(l1, l1, l2) : kind == 1 ? diag(l2, l1, l1) : diag(l1, l1, l1);
-        const GmMatrix m = q * d * q.transpose();
-        double values[3];
-        V vectors[3];
-        ASSERT_EQ(m.getEigenSystem(values, vectors), 0);
-        expectEigenSystem(m, values, vectors, 1e-14, "repeated");
-        double expected[3] = {d(0, 0), d(1, 1), d(2, 2)};
-        std::sort(expected, expected + 3, [](double x, double y) { return x > y; });
-        for (int k = 0; k < 3; ++k) EXPECT_NEAR(values[k], expected[k], 1e-14 * 3.0 * 4.0);
+        expectEigenSystem(m, values, vectors, 1e-14);
+        for (int k = 0; k < 3 && trial % 2; ++k) EXPECT_NEAR(values[k], expected[k], 1e-14 * 3.0 * 4.0);
     }
 }
 
@@ -111,46 +140,31 @@ TEST(MatrixEigen, SpecialMatrices) {
     V vectors[3];
     // Diagonal, unsorted, negative entries.
     ASSERT_EQ(diag(-2, 5, 0.5).getEigenSystem(values, vectors), 0);
-    EXPECT_EQ(values[0], 5.0);
-    EXPECT_EQ(values[1], 0.5);
-    EXPECT_EQ(values[2], -2.0);
+    EXPECT_EQ(std::vector<double>(values, values + 3), std::vector<double>({5.0, 0.5, -2.0}));
     EXPECT_EQ(std::fabs(vectors[0].y), 1.0);
     EXPECT_EQ(std::fabs(vectors[2].x), 1.0);
-    // Exact multiple of the identity and the zero matrix.
-    ASSERT_EQ(diag(7, 7, 7).getEigenSystem(values, vectors), 0);
-    for (double v : values) EXPECT_EQ(v, 7.0);
-    expectEigenSystem(diag(7, 7, 7), values, vectors, 0.0, "identity");
-    ASSERT_EQ(GmMatrix::zero().getEigenSystem(values, vectors), 0);
-    for (double v : values) EXPECT_EQ(v, 0.0);
+    for (double s : {7.0, 0.0}) {  // multiples of the identity
+        ASSERT_EQ(diag(s, s, s).getEigenSystem(values, vectors), 0);
+        EXPECT_EQ(std::vector<double>(values, values + 3), std::vector<double>(3, s));
+        expectEigenSystem(diag(s, s, s), values, vectors, 0.0);
+    }
     // Rank one d d^T: eigenvalue |d|^2 along d, the rest zero.
-    const V dv(1, 2, 3);
-    const GmMatrix r1(1, 2, 3, 2, 4, 6, 3, 6, 9);
-    ASSERT_EQ(r1.getEigenSystem(values, vectors), 0);
+    ASSERT_EQ(GmMatrix(1, 2, 3, 2, 4, 6, 3, 6, 9).getEigenSystem(values, vectors), 0);
     EXPECT_NEAR(values[0], 14.0, 1e-13);
     EXPECT_NEAR(values[1], 0.0, 1e-13);
     EXPECT_NEAR(values[2], 0.0, 1e-13);
-    EXPECT_NEAR(std::fabs(vectors[0].dot(dv)) / dv.length(), 1.0, 1e-14);
+    EXPECT_NEAR(std::fabs(vectors[0].dot(V(1, 2, 3))) / std::sqrt(14.0), 1.0, 1e-14);
     // Only the symmetric part counts.
     const GmMatrix sym(2, 1, 0, 1, 3, 1, 0, 1, 4), skew(0, 5, -1, -5, 0, 2, 1, -2, 0);
-    double v1[3], v2[3];
-    V e1[3], e2[3];
-    sym.getEigenSystem(v1, e1);
+    double v2[3];
+    V e2[3];
+    sym.getEigenSystem(values, vectors);
     (sym + skew).getEigenSystem(v2, e2);
-    for (int k = 0; k < 3; ++k) EXPECT_NEAR(v1[k], v2[k], 1e-14);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(values[k], v2[k], 1e-14);
     // Non-finite entries.
     EXPECT_EQ(GmMatrix(NAN, 0, 0, 0, 1, 0, 0, 0, 1).getEigenSystem(values, vectors), -1);
     EXPECT_TRUE(std::isnan(values[0]));
     EXPECT_EQ(vectors[1], V(0, 1, 0));
-}
-
-GmTransformMatrix randomAffine(std::mt19937_64& rng) {
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    V axis(u(rng), u(rng), u(rng));
-    axis = axis.safeNormalized();
-    if (axis.length() < 0.5) axis = V(0, 0, 1);
-    return GmTransformMatrix::translation(V(10 * u(rng), 10 * u(rng), 10 * u(rng))) *
-           GmTransformMatrix::rotation(axis, 3.0 * u(rng)) *
-           GmTransformMatrix::scaling(0.1 + std::fabs(u(rng)), 0.1 + std::fabs(u(rng)), -0.1 - std::fabs(u(rng)));
 }
 
 void expectNearIdentity(const GmTransformMatrix& m, double tol) {
@@ -158,52 +172,25 @@ void expectNearIdentity(const GmTransformMatrix& m, double tol) {
         for (int c = 0; c < 4; ++c) EXPECT_NEAR(m(r, c), r == c ? 1.0 : 0.0, tol) << r << ',' << c;
 }
 
-TEST(TransformMatrix, ElementOrderAndPointApplication) {
-    const GmTransformMatrix m(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 0, 0, 0, 1);
-    double raw[4][4];
-    m.get(raw);
-    EXPECT_EQ(raw[0][3], 4.0);
-    EXPECT_EQ(raw[2][1], 10.0);
-    GmTransformMatrix s;
-    EXPECT_EQ(s, GmTransformMatrix::identity());
-    s.set(raw);
-    EXPECT_EQ(s, m);
-    GmTransformMatrix t;
-    t.set(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1);
-    t = m;  // assignment
-    EXPECT_EQ(t, m);
-    const GmTransformMatrix copy(t);
-    EXPECT_EQ(copy(1, 3), 8.0);
-    // A point gets the translation, a direction does not.
-    EXPECT_EQ(m * V(1, 0, 0), V(1 + 4, 5 + 8, 9 + 12));
-    EXPECT_EQ(m.transformVector(V(1, 0, 0)), V(1, 5, 9));
-    EXPECT_EQ(GmTransformMatrix::translation(V(1, 2, 3)) * V(1, 1, 1), V(2, 3, 4));
-    // Projective: divided by the homogeneous coordinate.
-    const GmTransformMatrix proj(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0);
-    EXPECT_EQ(proj * V(2, 4, 2), V(1, 2, 1));
-}
-
 TEST(TransformMatrix, InverseRoundTrips) {
     std::mt19937_64 rng(3);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
     for (int trial = 0; trial < 2000; ++trial) {
-        const GmTransformMatrix m = randomAffine(rng);
+        V axis = V(u(rng), u(rng), u(rng)).safeNormalized();
+        if (axis.length() < 0.5) axis = V(0, 0, 1);
+        const GmTransformMatrix m = GmTransformMatrix::translation(V(10 * u(rng), 10 * u(rng), 10 * u(rng))) *
+                                    GmTransformMatrix::rotation(axis, 3.0 * u(rng)) *
+                                    GmTransformMatrix::scaling(0.1 + std::fabs(u(rng)), 0.1 + std::fabs(u(rng)), -0.1 - std::fabs(u(rng)));
         const GmTransformMatrix inv = m.inverse();
         expectNearIdentity(m * inv, 1e-12);
         expectNearIdentity(inv * m, 1e-12);
         const V p(5 * u(rng), 5 * u(rng), 5 * u(rng));
-        const V back = inv * (m * p);
-        EXPECT_NEAR((back - p).length(), 0.0, 1e-12);
-    }
-    // A general projective matrix.
-    for (int trial = 0; trial < 500; ++trial) {
-        double raw[4][4];
-        for (auto& row : raw)
-            for (double& x : row) x = u(rng);
-        for (int i = 0; i < 4; ++i) raw[i][i] += 3.0;  // well conditioned
-        const GmTransformMatrix m(raw);
-        ASSERT_FALSE(m.isAffine());
-        expectNearIdentity(m * m.inverse(), 1e-13);
+        EXPECT_NEAR((inv * (m * p) - p).length(), 0.0, 1e-12);
+        double raw[4][4];  // a general, well-conditioned projective matrix
+        for (int r = 0; r < 4; ++r)
+            for (int c = 0; c < 4; ++c) raw[r][c] = u(rng) + (r == c ? 3.0 : 0.0);
+        ASSERT_FALSE(GmTransformMatrix(raw).isAffine());
+        expectNearIdentity(GmTransformMatrix(raw) * GmTransformMatrix(raw).inverse(), 1e-13);
     }
     // Tiny uniform scale with a large translation is still invertible.
     const GmTransformMatrix tiny = GmTransformMatrix::translation(V(1, 2, 3)) * GmTransformMatrix::scaling(1e-20, 1e-20, 1e-20);
@@ -212,7 +199,6 @@ TEST(TransformMatrix, InverseRoundTrips) {
     EXPECT_NEAR(tinyInv(0, 0), 1e20, 1e5);
     EXPECT_NEAR(tinyInv(2, 3), -3e20, 1e6);
     expectNearIdentity(tiny * tinyInv, 1e-12);
-    EXPECT_EQ(tinyInv * V(1.0, 2.0, 3.0), V(0, 0, 0));
 }
 
 TEST(TransformMatrix, SingularMatricesHaveNoInverse) {
@@ -233,22 +219,13 @@ TEST(TransformMatrix, SingularMatricesHaveNoInverse) {
     EXPECT_EQ(singularProj.getInverse(spInv), false);
 }
 
-TEST(Exception, MessageCopyAndStream) {
-    const GmException a("first");
-    const GmException b(std::string("second"));
-    GmException c(a);
-    EXPECT_EQ(c.getMessage(), "first");
-    c = b;
+TEST(Exception, ZeroNormalisationThrowsWithItsMessage) {
+    GmException c(GmException("first"));
+    c = GmException(std::string("second"));
     EXPECT_EQ(c.getMessage(), "second");
     std::ostringstream os;
-    os << a;
-    EXPECT_NE(os.str().find("first"), std::string::npos);
-    // Polymorphic destruction through the base.
-    const GmException* heap = new GmException("heap");
-    delete heap;
-}
-
-TEST(Exception, NormalizeOfAZeroVectorThrows) {
+    os << c;
+    EXPECT_NE(os.str().find("second"), std::string::npos);
     V tiny(1e-17, 0, 0);
     try {
         tiny.normalize();
@@ -259,9 +236,7 @@ TEST(Exception, NormalizeOfAZeroVectorThrows) {
     EXPECT_EQ(tiny, V(1e-17, 0, 0));  // unchanged
     V v(3, 0, 4);
     v.normalize();
-    EXPECT_DOUBLE_EQ(v.x, 0.6);
-    EXPECT_EQ(v.y, 0.0);
-    EXPECT_DOUBLE_EQ(v.z, 0.8);
+    EXPECT_EQ(v, V(3.0 / 5.0, 0, 4.0 / 5.0));
     GmTVector<float> f(0, 0, 0);
     EXPECT_THROW(f.normalize(), GmException);
 }
