@@ -1,7 +1,6 @@
-# Installs the built project into a fresh scratch prefix, then configures and builds the
-# downstream project against that install, and runs its programs with an empty environment
-# (no LD_LIBRARY_PATH): the installed libraries must find each other on their own.
-# Expects: BINARY_DIR, SOURCE_DIR, WORK_DIR, BUILD_TYPE.
+# Installs the project into a fresh prefix, builds the downstream project against it and runs
+# its programs with an empty environment (no LD_LIBRARY_PATH): the installed libraries must
+# find each other on their own. Expects BINARY_DIR, SOURCE_DIR, WORK_DIR, BUILD_TYPE.
 string(RANDOM LENGTH 8 tag)
 set(prefix "${WORK_DIR}/prefix-${tag}")
 set(build "${WORK_DIR}/build")
