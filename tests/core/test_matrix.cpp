@@ -27,9 +27,8 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
         double a[3][3], b[3][3], out[3][3];
         for (int r = 0; r < 3; ++r)
             for (int c = 0; c < 3; ++c) a[r][c] = u(rng), b[r][c] = u(rng);
-        const GmMatrix A(a), B(a[0][0], a[0][1], a[0][2], a[1][0], a[1][1], a[1][2], a[2][0], a[2][1], a[2][2]);
-        ASSERT_EQ(A, B);
-        const GmMatrix M(b), AB = A * M, sum = A + M, diff = A - M, t = A.transpose(), s = A * 3.0;
+        const GmMatrix A(a), M(b), AB = A * M, sum = A + M, diff = A - M, t = A.transpose(), s = A * 3.0;
+        ASSERT_EQ(A, GmMatrix(a[0][0], a[0][1], a[0][2], a[1][0], a[1][1], a[1][2], a[2][0], a[2][1], a[2][2]));
         const V v(u(rng), u(rng), u(rng)), Av = A * v;
         A.get(out);
         for (int r = 0; r < 3; ++r) {
@@ -38,11 +37,8 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
                 double dot = 0.0;
                 for (int k = 0; k < 3; ++k) dot += a[r][k] * b[k][c];
                 EXPECT_NEAR(AB(r, c), dot, 1e-14);
-                EXPECT_EQ(out[r][c], a[r][c]);
-                EXPECT_EQ(sum(r, c), a[r][c] + b[r][c]);
-                EXPECT_EQ(diff(r, c), a[r][c] - b[r][c]);
-                EXPECT_EQ(t(r, c), a[c][r]);
-                EXPECT_EQ(s(r, c), 3.0 * a[r][c]);
+                EXPECT_TRUE(out[r][c] == a[r][c] && sum(r, c) == a[r][c] + b[r][c] && diff(r, c) == a[r][c] - b[r][c] &&
+                            t(r, c) == a[c][r] && s(r, c) == 3.0 * a[r][c]) << r << c;
                 row += a[r][c] * v[c];
             }
             EXPECT_NEAR(Av[r], row, 1e-14);
@@ -58,10 +54,8 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
             for (auto& row : *m)
                 for (double& x : row) x = u(rng);
         const GmTransformMatrix T(m4), N(n4), TN = T * N;
-        GmTransformMatrix S;
-        S.set(m4[0][0], m4[0][1], m4[0][2], m4[0][3], m4[1][0], m4[1][1], m4[1][2], m4[1][3], m4[2][0], m4[2][1],
-              m4[2][2], m4[2][3], m4[3][0], m4[3][1], m4[3][2], m4[3][3]);
-        ASSERT_EQ(S, T);
+        ASSERT_EQ(T, GmTransformMatrix(m4[0][0], m4[0][1], m4[0][2], m4[0][3], m4[1][0], m4[1][1], m4[1][2], m4[1][3],
+                                       m4[2][0], m4[2][1], m4[2][2], m4[2][3], m4[3][0], m4[3][1], m4[3][2], m4[3][3]));
         T.get(got);
         const double p[4] = {v.x, v.y, v.z, 1.0};
         double h[4] = {0, 0, 0, 0};
@@ -150,9 +144,7 @@ TEST(MatrixEigen, SpecialMatrices) {
     }
     // Rank one d d^T: eigenvalue |d|^2 along d, the rest zero.
     ASSERT_EQ(GmMatrix(1, 2, 3, 2, 4, 6, 3, 6, 9).getEigenSystem(values, vectors), 0);
-    EXPECT_NEAR(values[0], 14.0, 1e-13);
-    EXPECT_NEAR(values[1], 0.0, 1e-13);
-    EXPECT_NEAR(values[2], 0.0, 1e-13);
+    for (int k = 0; k < 3; ++k) EXPECT_NEAR(values[k], k == 0 ? 14.0 : 0.0, 1e-13);
     EXPECT_NEAR(std::fabs(vectors[0].dot(V(1, 2, 3))) / std::sqrt(14.0), 1.0, 1e-14);
     // Only the symmetric part counts.
     const GmMatrix sym(2, 1, 0, 1, 3, 1, 0, 1, 4), skew(0, 5, -1, -5, 0, 2, 1, -2, 0);
@@ -201,22 +193,20 @@ TEST(TransformMatrix, InverseRoundTrips) {
     expectNearIdentity(tiny * tinyInv, 1e-12);
 }
 
+// Singular (also only up to rounding, or projective): no inverse, the output untouched, and
+// inverse() all NaN; an invertible projective matrix has one.
 TEST(TransformMatrix, SingularMatricesHaveNoInverse) {
-    GmTransformMatrix out = GmTransformMatrix::translation(V(9, 9, 9));
-    const GmTransformMatrix flat = GmTransformMatrix::scaling(1, 0, 1);
-    EXPECT_FALSE(flat.getInverse(out));
-    EXPECT_EQ(out, GmTransformMatrix::translation(V(9, 9, 9)));  // untouched
-    const GmTransformMatrix nanInv = flat.inverse();
-    for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) EXPECT_TRUE(std::isnan(nanInv(r, c)));
-    // Rows that are dependent only up to rounding.
-    const GmTransformMatrix dependent(1, 2, 3, 0, 4, 5, 6, 0, 5, 7, 9, 0, 0, 0, 0, 1);
-    EXPECT_FALSE(dependent.getInverse(out));
-    const GmTransformMatrix zeroProj(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 1, 0);
-    EXPECT_TRUE(zeroProj.getInverse(out));  // projective, invertible
-    const GmTransformMatrix singularProj(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 1, 1, 1, 1e-300);
-    GmTransformMatrix spInv;
-    EXPECT_EQ(singularProj.getInverse(spInv), false);
+    const GmTransformMatrix start = GmTransformMatrix::translation(V(9, 9, 9));
+    for (const GmTransformMatrix& m : {GmTransformMatrix::scaling(1, 0, 1), GmTransformMatrix(1, 2, 3, 0, 4, 5, 6, 0, 5, 7, 9, 0, 0, 0, 0, 1),
+                                       GmTransformMatrix(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 1, 1, 1, 1e-300)}) {
+        GmTransformMatrix out = start;
+        EXPECT_FALSE(m.getInverse(out));
+        EXPECT_EQ(out, start);
+    }
+    const GmTransformMatrix nanInv = GmTransformMatrix::scaling(1, 0, 1).inverse();
+    for (int r = 0; r < 16; ++r) EXPECT_TRUE(std::isnan(nanInv(r / 4, r % 4)));
+    GmTransformMatrix out;
+    EXPECT_TRUE(GmTransformMatrix(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 1, 0, 0, 1, 0).getInverse(out));
 }
 
 TEST(Exception, ZeroNormalisationThrowsWithItsMessage) {
