@@ -236,16 +236,4 @@ TEST(MeshConstruction, PositionsCopySwapAndSet) {
     EXPECT_FALSE(m.isFaceDataCached(0));
 }
 
-TEST(MeshConstruction, ObjRoundTrip) {
-    const GmTriangleMesh m = meshtest::build(meshtest::soupNamed("icosphere"));
-    const std::string path = ::testing::TempDir() + "qg_mesh_roundtrip.obj";
-    ASSERT_TRUE(qgtools::writeObj(path, m));
-    const GmTriangleMesh back = qgtools::loadObjMesh(path);
-    std::remove(path.c_str());
-    ASSERT_EQ(back.getNumberVertices(), m.getNumberVertices());
-    EXPECT_TRUE(back.getFaces() == m.getFaces());
-    for (int v = 0; v < m.getNumberVertices(); ++v) EXPECT_LT((back.getVertex(v) - m.getVertex(v)).length(), 1e-6);
-    EXPECT_FALSE(qgtools::loadObj("/nonexistent/file.obj", *std::make_unique<GmTriangleMesh>()));
-}
-
 }  // namespace

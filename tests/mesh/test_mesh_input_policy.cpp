@@ -19,7 +19,6 @@
 namespace {
 
 using qgtools::makeClothGrid;
-using qgtools::makeFoldedGrid;
 using qgtools::makeIcosphere;
 
 using V = GmTVector<double>;
@@ -149,51 +148,25 @@ TEST(Diagnostics, CollapsedMeshWritesBoundedWholeLines) {
     EXPECT_LE(count, 8);
 }
 
-// Caches filled lazily by concurrent readers of a fresh mesh give the serial answers.
-std::vector<std::string> sortedText(const std::vector<GmContinuousTimeIntersectionInfo>& records) {
-    std::vector<std::string> out;
-    for (const auto& r : records) {
-        std::ostringstream os;
-        os << r;
-        out.push_back(os.str());
-    }
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
-TEST(ConcurrentReaders, TwoSelfQueriesOnOneFreshMeshMatchTheSerialRun) {
-    GmTriangleMesh mesh = makeFoldedGrid(24, 24, 1.0, 1.0);
-    Positions end = mesh.getVertices();
-    for (V& p : end) p = V(p.x, p.y * 0.97, p.z * 0.5);  // the layers approach each other
-    GmTriangleMesh reference(mesh);
-    GmBoundingTree refTree(&reference, end);
-    std::vector<GmContinuousTimeIntersectionInfo> expected, got[2];
-    GmBVHMetrics metrics[3];
-    refTree.continuousTimeSelfIntersect(expected, end, false, false, false, 0, metrics[2]);
-    ASSERT_FALSE(expected.empty());
-    GmBoundingTree tree(&mesh, end);
-    mesh.setDirty();
-    std::thread workers[2];
-    for (int k = 0; k < 2; ++k)
-        workers[k] = std::thread([&, k] { tree.continuousTimeSelfIntersect(got[k], end, false, false, false, 0, metrics[k]); });
-    for (std::thread& w : workers) w.join();
-    for (int k = 0; k < 2; ++k) EXPECT_EQ(sortedText(got[k]), sortedText(expected));
-}
-
-TEST(ConcurrentReaders, NormalsAndClosestPointsFromSeveralThreads) {
+// Caches filled lazily by concurrent readers of a fresh mesh give the serial answers: face
+// data, unit edges and vertex normals read directly (each thread starting elsewhere, so that
+// fills meet) and through closest-point queries.
+TEST(ConcurrentReaders, FillTheCachesWithTheSerialValues) {
     const GmTriangleMesh reference = makeIcosphere(3);
     GmTriangleMesh shared = reference;
     GmBoundingTree tree(&shared);
     shared.setDirty();
     constexpr int kThreads = 4;
-    const int nv = shared.getNumberVertices();
-    std::vector<std::vector<V>> normals(kThreads, std::vector<V>(static_cast<std::size_t>(nv)));
+    const int nv = shared.getNumberVertices(), ne = shared.getNumberEdges(), nf = shared.getNumberFaces();
+    std::vector<std::vector<V>> got(kThreads, std::vector<V>(static_cast<std::size_t>(nv + ne + nf)));
     std::thread workers[kThreads];
     for (int k = 0; k < kThreads; ++k)
         workers[k] = std::thread([&, k] {
-            for (int i = 0; i < nv; ++i) {  // each thread starts elsewhere: fills meet in the middle
-                const int v = (i + k * nv / kThreads) % nv;
-                normals[k][static_cast<std::size_t>(v)] = shared.getVertexNormal(v);
+            for (int i = 0; i < nv + ne + nf; ++i) {
+                const int j = (i + k * (nv + ne + nf) / kThreads) % (nv + ne + nf);
+                got[k][static_cast<std::size_t>(j)] = j < nv ? shared.getVertexNormal(j)
+                                                      : j < nv + ne ? shared.getUnitEdge(j - nv)
+                                                                    : shared.getFaceNormal(j - nv - ne) * shared.getFaceArea(j - nv - ne);
             }
             for (int i = 0; i < 64; ++i) {
                 V closest, normal;
@@ -201,12 +174,16 @@ TEST(ConcurrentReaders, NormalsAndClosestPointsFromSeveralThreads) {
                 double s = 0.0, t = 0.0;
                 tree.findClosestPoint(V(std::cos(i * 0.7) * 1.3, std::sin(i * 1.1), std::cos(i * 0.3) * 0.8), closest,
                                       normal, face, s, t, nullptr, false);
-                EXPECT_EQ(normal, shared.getFaceNormal(face));
+                EXPECT_EQ(normal, reference.getFaceNormal(face));
             }
         });
     for (std::thread& w : workers) w.join();
     for (int k = 0; k < kThreads; ++k)
-        for (int v = 0; v < nv; ++v) EXPECT_EQ(normals[k][static_cast<std::size_t>(v)], reference.getVertexNormal(v)) << v;
+        for (int j = 0; j < nv + ne + nf; ++j)
+            ASSERT_EQ(got[k][static_cast<std::size_t>(j)], j < nv ? reference.getVertexNormal(j)
+                                                          : j < nv + ne ? reference.getUnitEdge(j - nv)
+                                                                        : reference.getFaceNormal(j - nv - ne) * reference.getFaceArea(j - nv - ne))
+                << j;
 }
 
 }  // namespace
