@@ -72,18 +72,14 @@ TEST(MeshConstruction, FinishAgainAfterMoreFacesRebuildsEverything) {
     EXPECT_FALSE(m.isConstructionFinished());
     m.finishConstruction();
     expectMatchesReference(m, meshtest::referenceBuild(soup));
-    EXPECT_TRUE(m.isFaceDataReset());
-    EXPECT_TRUE(m.isVertexNormalsReset());
-    EXPECT_TRUE(m.isUnitEdgesReset());
-    EXPECT_FALSE(m.isFaceDataCached(0));
+    EXPECT_TRUE(m.isFaceDataReset() && m.isVertexNormalsReset() && m.isUnitEdgesReset() && !m.isFaceDataCached(0));
     EXPECT_NEAR(m.getFaceArea(m.getNumberFaces() - 1), 0.5 / (40 * 30), 1e-15);
 }
 
 TEST(MeshConstruction, EmptyMeshAndConstants) {
     GmTriangleMesh m(10, 20);
     m.finishConstruction();
-    EXPECT_EQ(m.getNumberVertices(), 0);
-    EXPECT_TRUE(m.isClosed());
+    EXPECT_TRUE(m.getNumberVertices() == 0 && m.isClosed());
     EXPECT_EQ(GmTriangleMesh::kInvalidIndex, -1);
     EXPECT_EQ(GmTriangleMesh::UninitializedDouble, DBL_MAX);
     EXPECT_EQ(GmTriangleMesh::UninitializedVector, V(DBL_MAX, DBL_MAX, DBL_MAX));
@@ -136,15 +132,13 @@ TEST(MeshConstruction, MergingByPositionRestoresTheSharedTopology) {
     qgtools::PolygonSoup split, expected;  // expected: vertices numbered by first use
     std::map<int, int> renumber;
     for (const auto& t : shared.triangles) {
-        const int base = split.numVertices();
         std::array<int, 3> e{};
-        for (int k = 0; k < 3; ++k) {
+        for (std::size_t k = 0; k < 3; ++k) {
             split.positions.push_back(shared.positions[static_cast<std::size_t>(t[k])]);
-            const auto it = renumber.emplace(t[k], expected.numVertices()).first;
-            if (it->second == expected.numVertices()) expected.positions.push_back(split.positions.back());
-            e[static_cast<std::size_t>(k)] = it->second;
+            e[k] = renumber.emplace(t[k], expected.numVertices()).first->second;
+            if (e[k] == expected.numVertices()) expected.positions.push_back(split.positions.back());
         }
-        split.triangles.push_back({base, base + 1, base + 2});
+        split.triangles.push_back({split.numVertices() - 3, split.numVertices() - 2, split.numVertices() - 1});
         expected.triangles.push_back(e);
     }
     const GmTriangleMesh plain = qgtools::meshFromSoup(split, false);
@@ -153,15 +147,6 @@ TEST(MeshConstruction, MergingByPositionRestoresTheSharedTopology) {
     GmTriangleMesh merged = qgtools::meshFromSoup(split, true);
     EXPECT_EQ(merged.getVertices(), expected.positions);
     expectMatchesReference(merged, meshtest::referenceBuild(expected));
-    // The same face again, other orientation, positions within the tolerance.
-    const V a = shared.positions[static_cast<std::size_t>(shared.triangles[5][0])];
-    const V b = shared.positions[static_cast<std::size_t>(shared.triangles[5][1])];
-    const V c = shared.positions[static_cast<std::size_t>(shared.triangles[5][2])];
-    bool existed = false;
-    EXPECT_EQ(merged.addFace(c + V(0, 1e-9, 0), b, a, existed), 5);
-    EXPECT_TRUE(existed);
-    EXPECT_EQ(merged.addFace(a, b, c), shared.numTriangles());  // the plain form appends
-    EXPECT_EQ(merged.getNumberVertices(), shared.numVertices() + 3);
 }
 
 TEST(MeshConstruction, AddEdgeFillsTheFirstFaceOnlyFromItsOwnDirection) {
@@ -199,7 +184,7 @@ TEST(MeshConstruction, CopyAssignAndMove) {
         ASSERT_NE(m->getOrphanSet(), src.getOrphanSet());
         EXPECT_EQ(m->getOrphanSet()->getMesh(), m);
         EXPECT_TRUE(m->getOrphanSet()->getTests() == src.getOrphanSet()->getTests());
-        EXPECT_EQ(m->addFace(V(0, 1, 0), V(1, 0, 0), V(0, 0, 0), existed), 0);
+        EXPECT_EQ(m->addFace(V(0, 1, 0), V(1, 0, 1e-9), V(0, 0, 0), existed), 0);  // other orientation
         EXPECT_TRUE(existed);
     }
     EXPECT_EQ(src.getNumberVertices(), 5);
@@ -211,29 +196,6 @@ TEST(MeshConstruction, CopyAssignAndMove) {
     src.addFace(0, 1, 2);
     src.finishConstruction();
     EXPECT_EQ(src.getNumberEdges(), 3);
-}
-
-TEST(MeshConstruction, PositionsCopySwapAndSet) {
-    GmTriangleMesh m = meshtest::build(meshtest::soupNamed("grid"));
-    const std::vector<V> start = m.getVertices();
-    double* raw = m.copyVertices();
-    EXPECT_EQ(std::memcmp(raw, start.data(), start.size() * sizeof(V)), 0);
-    delete[] raw;
-    std::vector<V> out;
-    m.copyVertices(out);
-    EXPECT_EQ(out, start);
-    for (V& p : out) p.z += 1.0;
-    const std::vector<V> lifted = out;
-    (void)m.getFaceNormal(0);
-    m.swapVertices(out);
-    EXPECT_EQ(m.getVertices(), lifted);
-    EXPECT_EQ(out, start);
-    EXPECT_FALSE(m.isFaceDataCached(0));
-    m.setVertex(3, 4, 5, 6);
-    EXPECT_EQ(m.getVertex(3), V(4, 5, 6));
-    (void)m.getFaceNormal(0);
-    m.setVertices(m.getVertices());  // its own vector: no copy, still marked dirty
-    EXPECT_FALSE(m.isFaceDataCached(0));
 }
 
 }  // namespace

@@ -145,10 +145,12 @@ TEST(MeshGeometry, CachesFollowPositionChanges) {
     EXPECT_TRUE(m.isFaceDataCached(0) && !m.isFaceDataCached(1) && !m.isFaceDataReset() && m.isUnitEdgesReset());
     (void)m.getUnitEdge(0);
     EXPECT_FALSE(m.isUnitEdgesReset());
-    // Into the xz plane: every cached value follows.
-    std::vector<V> pos = m.getVertices();
+    // Into the xz plane, swapped in: every cached value follows.
+    std::vector<V> pos = m.getVertices(), start = pos;
     for (V& p : pos) p = V(p.x, 0.0, p.y);
-    m.setVertices(pos);
+    const std::vector<V> moved = pos;
+    m.swapVertices(pos);
+    EXPECT_TRUE(m.getVertices() == moved && pos == start);
     EXPECT_TRUE(m.isFaceDataReset() && !m.isFaceDataCached(0) && !m.isUnitEdgeCached(0));
     for (int f = 0; f < m.getNumberFaces(); ++f) EXPECT_EQ(m.getFaceNormal(f), V(0, -1, 0));
     for (int v = 0; v < m.getNumberVertices(); ++v) EXPECT_EQ(m.getVertexNormal(v), V(0, -1, 0));
@@ -157,8 +159,14 @@ TEST(MeshGeometry, CachesFollowPositionChanges) {
     EXPECT_EQ(m.getFaceNormal(0), V(0, -1, 0));
     m.setDirty();
     EXPECT_NE(m.getFaceNormal(0), V(0, -1, 0));
-    m.setVertex(0, V(0, 0, 0));
+    m.setVertex(0, 0, 0, 0);
     EXPECT_EQ(m.getFaceNormal(0), V(0, -1, 0));
+    m.setVertices(m.getVertices());  // its own vector: no copy, still marked dirty
+    EXPECT_FALSE(m.isFaceDataCached(0));
+    double* copied = m.copyVertices();
+    m.copyVertices(pos);
+    EXPECT_TRUE(std::equal(copied, copied + 3 * pos.size(), &pos[0].x) && pos == m.getVertices());
+    delete[] copied;
     m.setDirty();
     m.setDirty();
     EXPECT_FALSE(m.isVertexNormalCached(0));
