@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <random>
 #include <sstream>
 #include <string>
-
 #include <quarrygeom/core/GmException.h>
 #include <quarrygeom/core/GmMatrix.h>
 #include <quarrygeom/core/GmTransformMatrix.h>

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <sstream>
 #include <string>
-
 #include <quarrygeom/core/GmBVHMetrics.h>
 
 namespace {

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -9,11 +8,9 @@
 #include <string>
 #include <thread>
 #include <vector>
-
 #include <tbb/global_control.h>
 #include <tbb/info.h>
 #include <tbb/task_arena.h>
-
 #include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/core/tarnCollision.h>
 #include "../support/threading.h"

@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <limits>
 #include <random>
 #include <vector>
-
 #include <quarrygeom/core/GmPolynomial.h>
 
 namespace {

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
-
 #include <sstream>
-
 #include <quarrygeom/quarrygeom.h>
 
 TEST(ValueTypes, PointTypeNamesAndRayOctants) {

@@ -1,6 +1,5 @@
 // Uses the installed headers and libraries only: both libraries, their exceptions and one query.
 #include <quarrygeom/quarrygeom.h>
-
 #include <iostream>
 #include <sstream>
 #include <stdexcept>

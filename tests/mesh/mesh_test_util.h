@@ -11,9 +11,7 @@
 #include <string>
 #include <utility>
 #include <vector>
-
 #include <quarrygeom/mesh/mesh.h>
-
 #include "../support/threading.h"
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"

@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
-
 #include <cfloat>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
-
 #include "mesh_test_util.h"
 
 namespace {

@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
-
 #include <cfloat>
 #include <algorithm>
 #include <cmath>
 #include <vector>
-
 #include <quarrygeom/core/GmMatrix.h>
-
 #include "mesh_test_util.h"
 
 namespace {
@@ -110,10 +107,8 @@ TEST(MeshOrientation, RightSideOutAtTheLeftmostVertex) {
         EXPECT_EQ(reversed(name).isRightSideOut(&leftmost), open);
         EXPECT_EQ(leftmost, open ? 0 : lowest);
     }
-    GmTriangleMesh empty;
-    empty.finishConstruction();
     int vertex = -2;
-    EXPECT_TRUE(empty.isRightSideOut(&vertex));
+    EXPECT_TRUE(meshtest::build(meshtest::soupOf({}, {})).isRightSideOut(&vertex));
     EXPECT_EQ(vertex, -1);
 }
 
@@ -133,9 +128,7 @@ TEST(MeshGeometry, FaceLocalCoordinatesRoundTrip) {
             }
     // A face of zero area: zero weights, never NaN.
     const V q = m.WorldToFace(1, V(100, -50, 7));
-    EXPECT_EQ(q.y, 0.0);
-    EXPECT_EQ(q.z, 0.0);
-    EXPECT_TRUE(std::isfinite(q.x));
+    EXPECT_TRUE(q.y == 0.0 && q.z == 0.0 && std::isfinite(q.x)) << q;
 }
 
 TEST(MeshGeometry, CachesFollowPositionChanges) {
@@ -177,24 +170,22 @@ TEST(MeshGeometry, CachesFollowPositionChanges) {
 TEST(MeshGeometry, NormalOffsetMovesAlongTheStartNormals) {
     GmTriangleMesh m = meshtest::build(meshtest::soupNamed("folded"));
     const std::size_t nv = static_cast<std::size_t>(m.getNumberVertices());
-    std::vector<V> n0;
-    for (int v = 0; v < m.getNumberVertices(); ++v) n0.push_back(m.getVertexNormal(v));
-    const std::vector<V> p0 = m.getVertices();
-    m.addNormalOffset(std::vector<double>(nv, 0.0));
-    m.addNormalOffset(0.0);
-    EXPECT_EQ(m.getVertices(), p0);
-    EXPECT_FALSE(m.isVertexNormalsReset());
-    EXPECT_TRUE(m.isVertexNormalCached(0));
     std::vector<double> d(nv, 0.0);
-    for (std::size_t v = 0; v < nv; v += 3) d[v] = 0.1 * static_cast<double>(v % 7) - 0.3;
+    const std::vector<V> start = m.getVertices();
+    m.fillCaches();
     m.addNormalOffset(d);
-    EXPECT_TRUE(m.isVertexNormalsReset());
-    for (std::size_t v = 0; v < nv; ++v) EXPECT_EQ(m.getVertex(static_cast<int>(v)), p0[v] + n0[v] * d[v]);
-    std::vector<V> n1;
-    for (int v = 0; v < m.getNumberVertices(); ++v) n1.push_back(m.getVertexNormal(v));
-    const std::vector<V> p1 = m.getVertices();
-    m.addNormalOffset(0.25);
-    for (std::size_t v = 0; v < nv; ++v) expectNear(m.getVertex(static_cast<int>(v)), p1[v] + n1[v] * 0.25, 1e-15);
+    m.addNormalOffset(0.0);
+    EXPECT_TRUE(m.getVertices() == start && !m.isVertexNormalsReset() && m.isVertexNormalCached(0));
+    for (std::size_t v = 0; v < nv; v += 3) d[v] = 0.1 * static_cast<double>(v % 7) - 0.3;
+    for (int uniform = 0; uniform < 2; ++uniform) {
+        const std::vector<V> p0 = m.getVertices();
+        std::vector<V> n0;
+        for (int v = 0; v < m.getNumberVertices(); ++v) n0.push_back(m.getVertexNormal(v));
+        uniform ? m.addNormalOffset(0.25) : m.addNormalOffset(d);
+        EXPECT_TRUE(m.isVertexNormalsReset());
+        for (std::size_t v = 0; v < nv; ++v)
+            expectNear(m.getVertex(static_cast<int>(v)), p0[v] + n0[v] * (uniform ? 0.25 : d[v]), 1e-15, static_cast<int>(v));
+    }
 }
 
 // Half the second moment of the face about ref by the edge-midpoint rule (exact for

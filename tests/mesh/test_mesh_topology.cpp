@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <vector>
-
 #include "mesh_test_util.h"
 
 namespace {

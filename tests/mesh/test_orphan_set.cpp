@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-
 #include <algorithm>
 #include <sstream>
 #include <vector>
-
 #include "mesh_test_util.h"
 
 namespace {
