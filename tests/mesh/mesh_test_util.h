@@ -27,10 +27,7 @@ struct Case {
 };
 
 inline qgtools::PolygonSoup soupOf(std::vector<V> positions, std::vector<std::array<int, 3>> tris) {
-    qgtools::PolygonSoup s;
-    s.positions = std::move(positions);
-    s.triangles = std::move(tris);
-    return s;
+    return qgtools::PolygonSoup{std::move(positions), std::move(tris)};
 }
 
 // Closed, open, non-manifold, with isolated vertices, degenerate faces, a high-valence fan,
@@ -66,10 +63,10 @@ inline const std::vector<Case>& meshTable() {
         qgtools::PolygonSoup scrambled = qgtools::icosphereSoup(3);
         std::uint32_t state = 12345;
         auto next = [&state] { return (state = state * 1664525u + 1013904223u) >> 8; };
-        for (std::size_t i = scrambled.triangles.size(); i > 1; --i)
+        for (std::size_t i = scrambled.triangles.size(); i > 1; --i) {
             std::swap(scrambled.triangles[i - 1], scrambled.triangles[next() % i]);
-        for (auto& tri : scrambled.triangles)
-            if (next() % 2) std::swap(tri[0], tri[1]);
+            if (next() % 2) std::swap(scrambled.triangles[i - 1][0], scrambled.triangles[i - 1][1]);
+        }
         t.push_back({"scrambled", scrambled});
         t.push_back({"largegrid", qgtools::clothGridSoup(40, 30)});
         qgtools::PolygonSoup spot;
@@ -87,9 +84,7 @@ inline std::vector<std::string> tableNames() {
 }
 
 inline const qgtools::PolygonSoup& soupNamed(const std::string& name) {
-    for (const Case& c : meshTable())
-        if (c.name == name) return c.soup;
-    throw std::out_of_range(name);
+    return std::find_if(meshTable().begin(), meshTable().end(), [&](const Case& c) { return c.name == name; })->soup;
 }
 
 inline GmTriangleMesh build(const qgtools::PolygonSoup& soup, bool parallel = true) {
@@ -129,12 +124,9 @@ inline RefMesh referenceBuild(const qgtools::PolygonSoup& soup) {
         const int e1 = addEdge(t[0], t[1], f), e2 = addEdge(t[1], t[2], f), e3 = addEdge(t[2], t[0], f);
         r.faces.emplace_back(t[0], t[1], t[2], f, e1, e2, e3);
     }
-    const std::size_t nv = soup.positions.size();
-    r.v2f.assign(nv, {});
-    r.v2e.assign(nv, {});
-    r.v2v.assign(nv, {});
-    r.f2f.assign(r.faces.size(), {});
-    r.e2f.assign(r.edges.size(), {});
+    r.v2f = r.v2e = r.v2v = std::vector<std::vector<int>>(soup.positions.size());
+    r.f2f.resize(r.faces.size());
+    r.e2f.resize(r.edges.size());
     for (const auto& f : r.faces)
         for (int k = 0; k < 3; ++k) r.v2f[static_cast<std::size_t>(f.vertices[k])].push_back(f.index);
     for (std::size_t e = 0; e < r.edges.size(); ++e) {
