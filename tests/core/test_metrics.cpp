@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <cstdint>
 #include <cstdio>
+#include <iomanip>
 #include <sstream>
 #include <string>
+#include <vector>
 #include <quarrygeom/core/GmBVHMetrics.h>
 
 namespace {
@@ -57,8 +59,7 @@ TEST(BVHMetrics, CountersAddAndWrap) {
         EXPECT_EQ((self.*kCounters[k].get)(), 2u * b[k]) << k;
     }
     GmBVHMetrics moved = std::move(self);
-    EXPECT_EQ(moved, filled(b) += filled(b));
-    EXPECT_NE(moved, sum);
+    EXPECT_TRUE(moved == (filled(b) += filled(b)) && moved != sum);
     moved.reset();
     EXPECT_EQ(moved, GmBVHMetrics());
     for (const Counter& c : kCounters) EXPECT_EQ((moved.*c.get)(), 0u);
@@ -66,17 +67,13 @@ TEST(BVHMetrics, CountersAddAndWrap) {
 
 // Each group's prune rate uses its candidates and successes, never its tests.
 TEST(BVHMetrics, PruneRates) {
-    EXPECT_EQ(GmBVHMetrics::pruneRate(0, 0), 100.0);
-    EXPECT_EQ(GmBVHMetrics::pruneRate(0, 5), 100.0);
-    EXPECT_EQ(GmBVHMetrics::pruneRate(4, 1), 75.0);
-    EXPECT_EQ(GmBVHMetrics::pruneRate(4, 4), 0.0);
+    EXPECT_TRUE(GmBVHMetrics::pruneRate(0, 0) == 100.0 && GmBVHMetrics::pruneRate(0, 5) == 100.0);
+    EXPECT_TRUE(GmBVHMetrics::pruneRate(4, 1) == 75.0 && GmBVHMetrics::pruneRate(4, 4) == 0.0);
     EXPECT_DOUBLE_EQ(GmBVHMetrics::pruneRate(0xFFFFFFFFu, 1), (1.0 - 1.0 / 4294967295.0) * 100.0);
     const std::uint32_t v[12] = {10, 1000, 1, 8, 0, 2, 5, 3, 5, 0, 9, 2};
     const GmBVHMetrics m = filled(v);
-    EXPECT_DOUBLE_EQ(m.broadPhasePruneRate(), 90.0);
-    EXPECT_DOUBLE_EQ(m.narrowPhasePruneRate(), 75.0);
-    EXPECT_DOUBLE_EQ(m.vertexFacePruneRate(), 0.0);
-    EXPECT_DOUBLE_EQ(m.edgeEdgePruneRate(), 100.0);
+    EXPECT_EQ(std::vector<double>({m.broadPhasePruneRate(), m.narrowPhasePruneRate(), m.vertexFacePruneRate(), m.edgeEdgePruneRate()}),
+              std::vector<double>({90.0, 75.0, 0.0, 100.0}));
 }
 
 // The report against one written out with printf-style formatting; print leaves the
@@ -102,17 +99,12 @@ TEST(BVHMetrics, ReportText) {
             expected += buf;
         }
         std::ostringstream os, viaOperator;
-        os.setf(std::ios_base::scientific | std::ios_base::showpos | std::ios_base::uppercase);
-        os.setf(std::ios_base::hex, std::ios_base::basefield);
-        os.setf(std::ios_base::left, std::ios_base::adjustfield);
-        os.precision(9);
-        os.fill('*');
+        os << std::scientific << std::showpos << std::uppercase << std::hex << std::left << std::setprecision(9)
+           << std::setfill('*');
         const std::ios_base::fmtflags before = os.flags();
         EXPECT_EQ(&m.print(os), &os);
         EXPECT_EQ(os.str(), expected);
-        EXPECT_EQ(os.flags(), before);
-        EXPECT_EQ(os.precision(), 9);
-        EXPECT_EQ(os.fill(), '*');
+        EXPECT_TRUE(os.flags() == before && os.precision() == 9 && os.fill() == '*');
         viaOperator << m << 0.5;
         EXPECT_EQ(viaOperator.str(), expected + "0.5");
     }
