@@ -23,19 +23,13 @@ TEST(ParallelFrame, SwitchDefaultsToParallelAndSelectsThePath) {
     for (bool on : {false, true}) {
         ScopedThreading threads(on);
         EXPECT_EQ(GmParallel::isParallel(), on);
-        int which = 0, arenaWidth = 0;
+        int which = 0, width = 0;
         std::thread::id ranOn;
-        GmParallel::dispatch([&] { which = 1; ranOn = std::this_thread::get_id(); },
-                             [&] {
-                                 which = 2;
-                                 arenaWidth = tbb::this_task_arena::max_concurrency();
-                             });
+        GmParallel::dispatch([&] { which = 1, ranOn = std::this_thread::get_id(); },
+                             [&] { which = 2, width = tbb::this_task_arena::max_concurrency(); });
         EXPECT_EQ(which, on ? 2 : 1);
-        if (!on) {
-            EXPECT_EQ(ranOn, std::this_thread::get_id());
-        } else if (GmParallel::workerCount() >= 1) {
-            EXPECT_EQ(arenaWidth, GmParallel::workerCount());
-        }
+        EXPECT_TRUE(on || ranOn == std::this_thread::get_id());
+        EXPECT_TRUE(!on || GmParallel::workerCount() < 1 || width == GmParallel::workerCount()) << width;
     }
 }
 
@@ -53,8 +47,7 @@ TEST(ParallelFrame, LoopsVisitEveryIndexOnce) {
             EXPECT_LT(first, last);
             for (int i = first; i < last; ++i) ranged[static_cast<std::size_t>(i)].fetch_add(1);
         });
-        // Empty and reversed ranges do nothing.
-        GmParallel::parallelFor(5, 5, [&](int) { ++calls; });
+        GmParallel::parallelFor(5, 5, [&](int) { ++calls; });  // empty and reversed ranges do nothing
         GmParallel::parallelFor(5, 2, [&](int) { ++calls; });
         GmParallel::parallelForRanges(5, 2, [&](int, int) { ++calls; });
     });
@@ -161,16 +154,9 @@ TEST(ParallelFrame, ExceptionsLeaveTheArena) {
                      std::runtime_error);
     EXPECT_EQ(out, (std::vector<int>{5, 6}));
     EXPECT_EQ(metrics, GmBVHMetrics());
-    {
-        ScopedThreading off(false);
-        EXPECT_THROW(GmParallel::dispatch([] { throw std::logic_error("serial"); }, [] {}), std::logic_error);
-    }
-    try {
-        GmParallel::runInArena([] { throw std::runtime_error("direct"); });
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "direct");
-    }
+    ScopedThreading off(false);
+    EXPECT_THROW(GmParallel::dispatch([] { throw std::logic_error("serial"); }, [] {}), std::logic_error);
+    EXPECT_THROW(GmParallel::runInArena([] { throw std::logic_error("direct"); }), std::logic_error);
     std::atomic<int> count{0};
     GmParallel::runInArena([&] { GmParallel::parallelFor(0, 50, [&](int) { ++count; }); });
     EXPECT_EQ(count.load(), 50);
