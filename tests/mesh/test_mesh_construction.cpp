@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <cfloat>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -72,15 +71,6 @@ TEST(MeshConstruction, FinishAgainAfterMoreFacesRebuildsEverything) {
     expectMatchesReference(m, meshtest::referenceBuild(soup));
     EXPECT_TRUE(m.isFaceDataReset() && m.isVertexNormalsReset() && m.isUnitEdgesReset() && !m.isFaceDataCached(0));
     EXPECT_NEAR(m.getFaceArea(m.getNumberFaces() - 1), 0.5 / (40 * 30), 1e-15);
-}
-
-TEST(MeshConstruction, EmptyMeshAndConstants) {
-    GmTriangleMesh m(10, 20);
-    m.finishConstruction();
-    EXPECT_TRUE(m.getNumberVertices() == 0 && m.isClosed());
-    EXPECT_EQ(GmTriangleMesh::kInvalidIndex, -1);
-    EXPECT_EQ(GmTriangleMesh::UninitializedDouble, DBL_MAX);
-    EXPECT_EQ(GmTriangleMesh::UninitializedVector, V(DBL_MAX, DBL_MAX, DBL_MAX));
 }
 
 // Merging vertices: within 1e-8 per component (not by distance); the first position stays.

@@ -156,8 +156,6 @@ TEST(MeshMask, CountAndBits) {
     frozen.setFaceFrozen(5);
     frozen.freezeFaces({5, 6, 64});
     EXPECT_TRUE(frozen.getFrozenCount() == 3 && frozen.isFaceFrozen(64) && frozen.isFrozen(6) && frozen.getWords()[2] == 1u);
-    frozen.setWords({0xFu}, 200);
-    EXPECT_EQ(frozen.getCount(), 4u);
     frozen.clear();
     EXPECT_FALSE(GmFrozenData::isActive(&frozen));
 }
@@ -232,11 +230,8 @@ TEST(OrphanSet, TetrahedronRecordsAndText) {
     const std::vector<GmOrphanTest> expected = {
         {0, 2, 0, 2, 1u}, {0, 3, 1, 3, 2u}, {0, 1, 2, 1, 4u}, {1, 0, 3, 0, 2u}, {0, 2, 0, 5, 8u}, {0, 1, 1, 3, 16u}, {0, 1, 2, 4, 32u}};
     EXPECT_TRUE(s->getTests() == expected);
-    EXPECT_EQ(s->getNumberVertexFaceTests(), 4);
-    EXPECT_EQ(s->getNumberEdgeEdgeTests(), 3);
-    EXPECT_TRUE(s->getTest(0).isVertexFaceTest());
-    EXPECT_TRUE(s->getTest(6).isEdgeEdgeTest());
-    EXPECT_EQ(s->getTest(6).firstFeatureSlot(), 2);
+    EXPECT_TRUE(s->getNumberVertexFaceTests() == 4 && s->getNumberEdgeEdgeTests() == 3 && s->getTest(0).isVertexFaceTest() &&
+                s->getTest(6).isEdgeEdgeTest() && s->getTest(6).firstFeatureSlot() == 2);
     m.setVertex(0, meshtest::V(2, 2, 2));  // built once and kept
     EXPECT_EQ(m.getOrphanSet(), s);
     EXPECT_EQ(text(*qgtools::makeTorus(40, 16).getOrphanSet()), "Orphan Data:\n  Number of Tests: 0\n");
