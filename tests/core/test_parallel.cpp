@@ -56,9 +56,10 @@ TEST(ParallelFrame, LoopsVisitEveryIndexOnce) {
 }
 
 // One merge: `out` starts with `prefix`; the calling thread appends `caller` records (straight
-// into `out` when direct); each worker appends its count of records, flushing every `flush`
-// (0: never), all workers alive at once. The result: the prefix, the caller's direct
-// records in place, then every thread's block whole and in its own order, blocks in any order.
+// into `out` when direct, and one more after the workers); each worker appends its count,
+// flushing every `flush` (0: never), all workers alive at once (ids of finished threads may be
+// reused). The result: the prefix, the caller's direct records in place, then every thread's
+// block whole and in its own order, blocks in any order; `swapped`: a single block swapped in.
 struct MergeCase {
     const char* name;
     std::vector<int> prefix;
@@ -66,71 +67,63 @@ struct MergeCase {
     int caller;
     std::vector<int> workers;
     int flush;
-    bool swapped;  // a single block, swapped in without a copy
+    bool swapped;
 };
 
 class Merge : public ::testing::TestWithParam<MergeCase> {};
 
 TEST_P(Merge, KeepsEveryThreadsRecordsInOrder) {
     const MergeCase& c = GetParam();
-    std::vector<int> out = c.prefix;
+    std::vector<int> out = c.prefix, blocks = c.workers;
+    blocks.insert(blocks.begin(), c.direct ? 0 : c.caller);  // block 0: the caller's, unless direct
     std::uint32_t records = 1 + static_cast<std::uint32_t>(c.caller);
     for (int n : c.workers) records += static_cast<std::uint32_t>(n);
     out.reserve(out.size() + records);
-    const int* before = out.data();
+    const int* const before = out.data();
     const int* swappedData = nullptr;
     GmBVHMetrics total;
     total.addBroadPhaseTests(1);
     {
-        auto results = c.direct ? std::make_unique<GmParallel::ThreadResults<int>>(out)
-                                : std::make_unique<GmParallel::ThreadResults<int>>();
+        auto results = c.direct ? std::make_unique<GmParallel::ThreadResults<int>>(out) : std::make_unique<GmParallel::ThreadResults<int>>();
         for (int i = 0; i < c.caller; ++i) results->records().push_back(i), results->metrics().addBroadPhaseTest();
         EXPECT_EQ(&results->records() == &out, c.direct);
         std::atomic<int> arrived{0};
-        const int n = static_cast<int>(c.workers.size());
         std::vector<std::thread> threads;
-        for (int t = 0; t < n; ++t)
+        for (int t = 1; t < static_cast<int>(blocks.size()); ++t)
             threads.emplace_back([&, t] {
                 GmParallel::ThreadResults<int>::Local& mine = results->local();
                 EXPECT_NE(&mine.records(), &out);
-                const int count = c.workers[static_cast<std::size_t>(t)];
-                for (int i = 0; i < count; ++i, c.flush > 0 && i % c.flush == 0 ? mine.flush() : void())
-                    mine.records().push_back((t + 1) * 10000000 + i);
-                if (c.swapped && count > 0) swappedData = mine.records().data();
-                results->metrics().addBroadPhaseTests(static_cast<std::uint32_t>(count));
-                arrived.fetch_add(1);  // distinct threads: ids of finished threads may be reused
-                while (arrived.load() < n) std::this_thread::yield();
+                for (int i = 0; i < blocks[static_cast<std::size_t>(t)]; ++i, c.flush > 0 && i % c.flush == 0 ? mine.flush() : void())
+                    mine.records().push_back(t * 10000000 + i);
+                if (c.swapped && !mine.records().empty()) swappedData = mine.records().data();
+                results->metrics().addBroadPhaseTests(static_cast<std::uint32_t>(blocks[static_cast<std::size_t>(t)]));
+                for (arrived.fetch_add(1); arrived.load() < static_cast<int>(blocks.size()) - 1;) std::this_thread::yield();
             });
         for (std::thread& t : threads) t.join();
-        if (c.direct) results->records().push_back(c.caller);  // the caller goes on after the workers
-        EXPECT_EQ(results->recordThreadCount(), static_cast<std::size_t>(n) + 1);
+        if (c.direct) results->records().push_back(c.caller);
+        EXPECT_EQ(results->recordThreadCount(), blocks.size());
         results->mergeInto(out, total);
     }
     std::size_t at = 0;
     for (int p : c.prefix) ASSERT_EQ(out[at++], p);
-    std::vector<int> blocks = c.workers;
-    blocks.insert(blocks.begin(), c.direct ? 0 : c.caller);  // block 0: the caller's, unless direct
     for (int i = 0; c.direct && i <= c.caller; ++i) ASSERT_EQ(out[at++], i);  // in place
     while (at < out.size()) {
-        const int t = out[at] / 10000000;
-        ASSERT_LT(t, static_cast<int>(blocks.size()));
-        ASSERT_GT(blocks[static_cast<std::size_t>(t)], 0) << "block " << t << " twice";
-        for (int i = 0; i < blocks[static_cast<std::size_t>(t)]; ++i) ASSERT_EQ(out[at++], t * 10000000 + i);
-        blocks[static_cast<std::size_t>(t)] = 0;
+        const std::size_t t = static_cast<std::size_t>(out[at] / 10000000);
+        ASSERT_TRUE(t < blocks.size() && blocks[t] > 0) << "block " << t << " unknown or twice";
+        for (int i = 0; i < blocks[t]; ++i) ASSERT_EQ(out[at++], static_cast<int>(t) * 10000000 + i);
+        blocks[t] = 0;
     }
-    for (int b : blocks) EXPECT_EQ(b, 0) << "records missing";
+    EXPECT_EQ(blocks, std::vector<int>(blocks.size(), 0)) << "records missing";
     EXPECT_EQ(total.broadPhaseTests(), records);
     EXPECT_EQ(out.data(), c.direct ? before : c.swapped ? swappedData : out.data());  // no reallocation, no copy
 }
 
 INSTANTIATE_TEST_SUITE_P(
     ParallelFrame, Merge,
-    ::testing::Values(MergeCase{"single", {}, false, 0, {100}, 0, true},
-                      MergeCase{"afterEarlierContent", {1, 2}, false, 0, {2}, 0, false},
+    ::testing::Values(MergeCase{"single", {}, false, 0, {100}, 0, true}, MergeCase{"afterEarlierContent", {1, 2}, false, 0, {2}, 0, false},
                       MergeCase{"idleThreadsStillSwap", {}, false, 0, {3, 0, 0}, 0, true},
                       MergeCase{"nothingRecorded", {1, 2}, false, 0, {0, 0}, 0, false},
-                      MergeCase{"several", {1}, false, 4, {5, 3, 0}, 0, false},
-                      MergeCase{"direct", {1, 2}, true, 2, {3, 1}, 2, false},
+                      MergeCase{"several", {1}, false, 4, {5, 3, 0}, 0, false}, MergeCase{"direct", {1, 2}, true, 2, {3, 1}, 2, false},
                       MergeCase{"manyChunks", {-1}, false, 0, {400000, 400000}, 13, false}),
     [](const auto& info) { return std::string(info.param.name); });
 
