@@ -128,9 +128,7 @@ TEST(MeshMask, CountAndBits) {
     GmTriangleMesh m = qgtools::makeClothGrid(10, 10);  // 200 faces, 7 words
     GmDisabledData mask(&m);
     EXPECT_EQ(mask.getMesh(), &m);
-    mask.setFaceDisabled(33);
-    mask.setFaceDisabled(33);
-    mask.setFaceDisabled(199);
+    for (int f : {33, 33, 199}) mask.setFaceDisabled(f);
     EXPECT_EQ(mask.getWords(), std::vector<std::uint32_t>({0, 2, 0, 0, 0, 0, 1u << (199 % 32)}));
     EXPECT_TRUE(mask.getDisabledCount() == 2 && mask.isDisabled(33) && !mask.isFaceDisabled(32));
     mask.setFaceDisabled(33, false);
@@ -141,23 +139,15 @@ TEST(MeshMask, CountAndBits) {
     EXPECT_TRUE(mask.isFaceDisabled(3) && !mask.isDisabled(3) && !GmDisabledData::isActive(&mask));
     EXPECT_FALSE(GmDisabledData::isDisabled(nullptr, 3));
     ASSERT_GE(m.getSharedEdge(2, 3), 0);
-    EXPECT_FALSE(m.isBoundaryEdge(m.getSharedEdge(2, 3), &mask));
-    EXPECT_TRUE(m.shareFace(3, GmGeometry::INSIDE, 3, GmGeometry::INSIDE, &mask));
+    EXPECT_TRUE(!m.isBoundaryEdge(m.getSharedEdge(2, 3), &mask) && m.shareFace(3, GmGeometry::INSIDE, 3, GmGeometry::INSIDE, &mask));
     const GmDisabledData copy(mask);
     mask.clear();
     EXPECT_TRUE(!mask.isFaceDisabled(3) && copy.isFaceDisabled(3) && copy.getWords()[6] != 0);
-    // Count non-zero with every bit clear: not closed, yet no edge on the boundary.
-    GmTriangleMesh sphere = qgtools::makeIcosphere(1);
-    GmDisabledData empty(&sphere);
-    empty.setWords(std::vector<std::uint32_t>(3, 0u), 1);
-    EXPECT_TRUE(!sphere.isClosed(&empty) && sphere.hasBoundaryEdges(&empty));
-    for (int e = 0; e < sphere.getNumberEdges(); ++e) EXPECT_FALSE(sphere.isBoundaryEdge(e, &empty));
+    mask.setWords(std::vector<std::uint32_t>(7, 0u), 1);  // count non-zero, every bit clear
+    EXPECT_TRUE(!m.isClosed(&mask) && m.hasBoundaryEdges(&mask) && !m.isBoundaryEdge(m.getSharedEdge(2, 3), &mask));
     GmFrozenData frozen(&m);
-    frozen.setFaceFrozen(5);
-    frozen.freezeFaces({5, 6, 64});
+    frozen.freezeFaces({5, 6, 64, 5});
     EXPECT_TRUE(frozen.getFrozenCount() == 3 && frozen.isFaceFrozen(64) && frozen.isFrozen(6) && frozen.getWords()[2] == 1u);
-    frozen.clear();
-    EXPECT_FALSE(GmFrozenData::isActive(&frozen));
 }
 
 // Orphaned pairs straight from their definition, by brute force over all pairs: a vertex
@@ -253,9 +243,7 @@ TEST(OrphanSet, MatchesBruteForceWithAndWithoutMasks) {
             EXPECT_EQ(mask.getOrphanSet(), m.getOrphanSet());  // nothing disabled: the mesh's set
             for (int f = 0; f < m.getNumberFaces(); f += stride) mask.setFaceDisabled(f);
             const GmAdjacentOrphanSet* s = mask.getOrphanSet();
-            ASSERT_NE(s, nullptr);
-            EXPECT_NE(s, m.getOrphanSet());
-            EXPECT_EQ(mask.getOrphanSet(), s);  // kept
+            ASSERT_TRUE(s != nullptr && s != m.getOrphanSet() && mask.getOrphanSet() == s);  // its own, kept
             EXPECT_TRUE(s->getTests() == bruteForceOrphans(m, &mask)) << *s;
             mask.setDisabledCount(0);
             EXPECT_EQ(mask.getOrphanSet(), m.getOrphanSet());
