@@ -101,8 +101,7 @@ TEST_F(BadInputs, FailedFinishConstructionLeavesTheMeshUnfinished) {
     EXPECT_FALSE(m.isConstructionFinished());
     m.addVertex(V(0, 0, 1));
     m.finishConstruction();
-    EXPECT_TRUE(m.isConstructionFinished());
-    EXPECT_EQ(m.getNumberEdges(), 5);
+    EXPECT_TRUE(m.isConstructionFinished() && m.getNumberEdges() == 5);
 }
 
 // A collapsed grid: every primitive pair is degenerate for the whole step. Standard error
@@ -127,9 +126,7 @@ TEST(Diagnostics, CollapsedMeshWritesBoundedWholeLines) {
         EXPECT_TRUE(!match[2].matched || std::stoul(std::regex_replace(match[2].str(), std::regex(","), "")) >= 1000u) << line;
         summaries += match[2].matched ? 1 : 0;
     }
-    // At most three lines and one count for each of the two continuous-time messages.
-    EXPECT_GE(summaries, 1);
-    EXPECT_LE(count, 8);
+    EXPECT_TRUE(summaries >= 1 && count <= 8);  // at most three lines and one count per message
 }
 
 // Caches filled lazily by concurrent readers of a fresh mesh give the serial answers: face
