@@ -137,34 +137,26 @@ TEST(ConcurrentReaders, FillTheCachesWithTheSerialValues) {
     GmTriangleMesh shared = reference;
     GmBoundingTree tree(&shared);
     shared.setDirty();
-    constexpr int kThreads = 4;
-    const int nv = shared.getNumberVertices(), ne = shared.getNumberEdges(), nf = shared.getNumberFaces();
-    std::vector<std::vector<V>> got(kThreads, std::vector<V>(static_cast<std::size_t>(nv + ne + nf)));
-    std::thread workers[kThreads];
-    for (int k = 0; k < kThreads; ++k)
-        workers[k] = std::thread([&, k] {
-            for (int i = 0; i < nv + ne + nf; ++i) {
-                const int j = (i + k * (nv + ne + nf) / kThreads) % (nv + ne + nf);
-                got[k][static_cast<std::size_t>(j)] = j < nv ? shared.getVertexNormal(j)
-                                                      : j < nv + ne ? shared.getUnitEdge(j - nv)
-                                                                    : shared.getFaceNormal(j - nv - ne) * shared.getFaceArea(j - nv - ne);
-            }
+    const int nv = shared.getNumberVertices(), ne = shared.getNumberEdges(), n = nv + ne + shared.getNumberFaces();
+    auto value = [nv, ne](const GmTriangleMesh& m, int j) {  // slot j: a vertex normal, unit edge or face normal and area
+        return j < nv ? m.getVertexNormal(j) : j < nv + ne ? m.getUnitEdge(j - nv) : m.getFaceNormal(j - nv - ne) * m.getFaceArea(j - nv - ne);
+    };
+    std::vector<std::vector<V>> got(4, std::vector<V>(static_cast<std::size_t>(n)));
+    std::vector<std::thread> workers;
+    for (int k = 0; k < 4; ++k)
+        workers.emplace_back([&, k] {
+            for (int i = 0; i < n; ++i) got[k][static_cast<std::size_t>((i + k * n / 4) % n)] = value(shared, (i + k * n / 4) % n);
             for (int i = 0; i < 64; ++i) {
                 V closest, normal;
                 int face = -1;
                 double s = 0.0, t = 0.0;
-                tree.findClosestPoint(V(std::cos(i * 0.7) * 1.3, std::sin(i * 1.1), std::cos(i * 0.3) * 0.8), closest,
-                                      normal, face, s, t, nullptr, false);
+                tree.findClosestPoint(V(std::cos(i * 0.7) * 1.3, std::sin(i * 1.1), std::cos(i * 0.3) * 0.8), closest, normal, face, s, t, nullptr, false);
                 EXPECT_EQ(normal, reference.getFaceNormal(face));
             }
         });
     for (std::thread& w : workers) w.join();
-    for (int k = 0; k < kThreads; ++k)
-        for (int j = 0; j < nv + ne + nf; ++j)
-            ASSERT_EQ(got[k][static_cast<std::size_t>(j)], j < nv ? reference.getVertexNormal(j)
-                                                          : j < nv + ne ? reference.getUnitEdge(j - nv)
-                                                                        : reference.getFaceNormal(j - nv - ne) * reference.getFaceArea(j - nv - ne))
-                << j;
+    for (int k = 0; k < 4; ++k)
+        for (int j = 0; j < n; ++j) ASSERT_EQ(got[k][static_cast<std::size_t>(j)], value(reference, j)) << j;
 }
 
 }  // namespace
