@@ -20,8 +20,7 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
     std::uniform_real_distribution<double> u(-2.0, 2.0);
     for (int trial = 0; trial < 200; ++trial) {
         double a[3][3], b[3][3], out[3][3];
-        for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 3; ++c) a[r][c] = u(rng), b[r][c] = u(rng);
+        for (int i = 0; i < 9; ++i) a[i / 3][i % 3] = u(rng), b[i / 3][i % 3] = u(rng);
         const GmMatrix A(a), M(b), AB = A * M, sum = A + M, diff = A - M, t = A.transpose(), s = A * 3.0;
         ASSERT_EQ(A, GmMatrix(a[0][0], a[0][1], a[0][2], a[1][0], a[1][1], a[1][2], a[2][0], a[2][1], a[2][2]));
         const V v(u(rng), u(rng), u(rng)), Av = A * v;
@@ -39,15 +38,11 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
             EXPECT_NEAR(Av[r], row, 1e-14);
         }
         double det = 0.0;  // Leibniz
-        for (int i = 0; i < 3; ++i)
-            det += a[0][i] * (a[1][(i + 1) % 3] * a[2][(i + 2) % 3] - a[1][(i + 2) % 3] * a[2][(i + 1) % 3]);
+        for (int i = 0; i < 3; ++i) det += a[0][i] * (a[1][(i + 1) % 3] * a[2][(i + 2) % 3] - a[1][(i + 2) % 3] * a[2][(i + 1) % 3]);
         EXPECT_NEAR(A.determinant(), det, 1e-13);
         EXPECT_EQ(A.trace(), a[0][0] + a[1][1] + a[2][2]);
-
         double m4[4][4], n4[4][4], got[4][4];
-        for (auto* m : {&m4, &n4})
-            for (auto& row : *m)
-                for (double& x : row) x = u(rng);
+        for (int i = 0; i < 16; ++i) m4[i / 4][i % 4] = u(rng), n4[i / 4][i % 4] = u(rng);
         const GmTransformMatrix T(m4), N(n4), TN = T * N;
         ASSERT_EQ(T, GmTransformMatrix(m4[0][0], m4[0][1], m4[0][2], m4[0][3], m4[1][0], m4[1][1], m4[1][2], m4[1][3],
                                        m4[2][0], m4[2][1], m4[2][2], m4[2][3], m4[3][0], m4[3][1], m4[3][2], m4[3][3]));
@@ -58,8 +53,7 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
             for (int c = 0; c < 4; ++c) {
                 double dot = 0.0;
                 for (int k = 0; k < 4; ++k) dot += m4[r][k] * n4[k][c];
-                EXPECT_NEAR(TN(r, c), dot, 1e-14);
-                EXPECT_EQ(got[r][c], m4[r][c]);
+                EXPECT_TRUE(std::fabs(TN(r, c) - dot) <= 1e-14 && got[r][c] == m4[r][c]) << r << c;
                 h[r] += m4[r][c] * p[c];
             }
         const V Tp = T * v, Tv = T.transformVector(v);  // a point is divided by w; a direction has no translation
@@ -68,8 +62,7 @@ TEST(Matrix, ArithmeticMatchesIndexLoops) {
             EXPECT_NEAR(Tv[r], m4[r][0] * v.x + m4[r][1] * v.y + m4[r][2] * v.z, 1e-14);
         }
     }
-    EXPECT_EQ(GmMatrix(), diag(1, 1, 1));
-    EXPECT_EQ(GmTransformMatrix(), GmTransformMatrix::identity());
+    EXPECT_TRUE(GmMatrix() == diag(1, 1, 1) && GmTransformMatrix() == GmTransformMatrix::identity());
     EXPECT_EQ(GmTransformMatrix::translation(V(1, 2, 3)) * V(1, 1, 1), V(2, 3, 4));
 }
 
@@ -156,8 +149,7 @@ TEST(TransformMatrix, InverseRoundTrips) {
     std::mt19937_64 rng(3);
     std::uniform_real_distribution<double> u(-1.0, 1.0);
     for (int trial = 0; trial < 2000; ++trial) {
-        V axis = V(u(rng), u(rng), u(rng)).safeNormalized();
-        if (axis.length() < 0.5) axis = V(0, 0, 1);
+        const V axis = V(u(rng), u(rng), u(rng)).safeNormalized();
         const GmTransformMatrix m = GmTransformMatrix::translation(V(10 * u(rng), 10 * u(rng), 10 * u(rng))) *
                                     GmTransformMatrix::rotation(axis, 3.0 * u(rng)) *
                                     GmTransformMatrix::scaling(0.1 + std::fabs(u(rng)), 0.1 + std::fabs(u(rng)), -0.1 - std::fabs(u(rng)));
@@ -167,8 +159,7 @@ TEST(TransformMatrix, InverseRoundTrips) {
         const V p(5 * u(rng), 5 * u(rng), 5 * u(rng));
         EXPECT_NEAR((inv * (m * p) - p).length(), 0.0, 1e-12);
         double raw[4][4];  // a general, well-conditioned projective matrix
-        for (int r = 0; r < 4; ++r)
-            for (int c = 0; c < 4; ++c) raw[r][c] = u(rng) + (r == c ? 3.0 : 0.0);
+        for (int i = 0; i < 16; ++i) raw[i / 4][i % 4] = u(rng) + (i % 5 == 0 ? 3.0 : 0.0);
         ASSERT_FALSE(GmTransformMatrix(raw).isAffine());
         expectNearIdentity(GmTransformMatrix(raw) * GmTransformMatrix(raw).inverse(), 1e-13);
     }
@@ -176,8 +167,7 @@ TEST(TransformMatrix, InverseRoundTrips) {
     const GmTransformMatrix tiny = GmTransformMatrix::translation(V(1, 2, 3)) * GmTransformMatrix::scaling(1e-20, 1e-20, 1e-20);
     GmTransformMatrix tinyInv;
     ASSERT_TRUE(tiny.getInverse(tinyInv));
-    EXPECT_NEAR(tinyInv(0, 0), 1e20, 1e5);
-    EXPECT_NEAR(tinyInv(2, 3), -3e20, 1e6);
+    EXPECT_TRUE(std::fabs(tinyInv(0, 0) - 1e20) <= 1e5 && std::fabs(tinyInv(2, 3) + 3e20) <= 1e6);
     expectNearIdentity(tiny * tinyInv, 1e-12);
 }
 
