@@ -37,22 +37,20 @@ TEST_P(MeshTopology, IncidenceMatchesBruteForce) {
                 if (b.edges[0] == a.edges[k] || b.edges[1] == a.edges[k] || b.edges[2] == a.edges[k]) sharedEdge = a.edges[k];
                 if (b.hasVertex(a.vertices[k])) sharedVertex = a.vertices[k];
             }
-            ASSERT_EQ(m.getSharedEdge(f1, f2), sharedEdge) << f1 << ' ' << f2;
-            ASSERT_EQ(m.getSharedVertex(f1, f2), sharedVertex) << f1 << ' ' << f2;
-            ASSERT_TRUE(m.shareEdge(f1, f2) == (sharedEdge >= 0) && m.shareVertex(f1, f2) == (sharedVertex >= 0));
+            ASSERT_TRUE(m.getSharedEdge(f1, f2) == sharedEdge && m.getSharedVertex(f1, f2) == sharedVertex &&
+                        m.shareEdge(f1, f2) == (sharedEdge >= 0) && m.shareVertex(f1, f2) == (sharedVertex >= 0)) << f1 << ' ' << f2;
             for (PointOnTriType t : kAllTypes) {
                 const auto c = component(a, t);
                 const bool on = c.first == 'f' ? f1 == f2 : c.first == 'v' ? b.hasVertex(c.second)
                                                           : c.first == 'e' && (b.edges[0] == c.second || b.edges[1] == c.second || b.edges[2] == c.second);
-                ASSERT_EQ(m.triComponentIndex(f1, t), c.second) << f1 << ' ' << t;
-                ASSERT_EQ(m.isOnFace(f1, t, f2), on) << f1 << ' ' << t << ' ' << f2;
+                ASSERT_TRUE(m.triComponentIndex(f1, t) == c.second && m.isOnFace(f1, t, f2) == on) << f1 << ' ' << t << ' ' << f2;
             }
         }
         for (int e = 0; e < ne; ++e) {
             int other = -1;  // the first face vertex off the edge
             for (int k = 2; k >= 0; --k) other = onEdge(e, a.vertices[k]) ? other : a.vertices[k];
-            ASSERT_EQ(m.getOtherVertex(f1, e), other) << f1 << ' ' << e;
-            ASSERT_EQ(m.getOtherFace(f1, e), m.getEdge(e).firstFace == f1 ? m.getEdge(e).secondFace : m.getEdge(e).firstFace);
+            ASSERT_TRUE(m.getOtherVertex(f1, e) == other &&
+                        m.getOtherFace(f1, e) == (m.getEdge(e).firstFace == f1 ? m.getEdge(e).secondFace : m.getEdge(e).firstFace)) << f1 << ' ' << e;
         }
         for (int v = 0; v < nv; ++v) {
             int other = -1;  // the first face edge off the vertex
@@ -84,8 +82,7 @@ TEST_P(MeshTopology, BoundaryAndShareFaceMatchBruteForce) {
             ASSERT_TRUE(m.isBoundaryEdge(e, mk) == b && m.isBoundaryEdge(ed, mk) == b && m.isBoundaryEdge(&ed, mk) == b) << e;
         }
         const bool any = std::find(boundaryEdge.begin(), boundaryEdge.end(), true) != boundaryEdge.end();
-        EXPECT_EQ(m.isClosed(mk), !any && !mk);
-        EXPECT_EQ(m.hasBoundaryEdges(mk), any || mk);
+        EXPECT_TRUE(m.isClosed(mk) == (!any && !mk) && m.hasBoundaryEdges(mk) == (any || mk));
         for (int v = 0; v < m.getNumberVertices(); ++v)
             ASSERT_EQ(m.isBoundaryVertex(v, mk), boundaryVertex[static_cast<std::size_t>(v)]) << v;
         std::vector<std::vector<std::vector<int>>> facesOf(static_cast<std::size_t>(nf));  // [face][type]
