@@ -34,14 +34,10 @@ inline qgtools::PolygonSoup soupOf(std::vector<V> positions, std::vector<std::ar
 // faces in random order and orientation, and one mesh above the parallel-build threshold.
 inline const std::vector<Case>& meshTable() {
     static const std::vector<Case> table = [] {
-        std::vector<Case> t;
-        t.push_back({"tetrahedron", soupOf({V(1, 1, 1), V(1, -1, -1), V(-1, 1, -1), V(-1, -1, 1)},
-                                           {{0, 1, 2}, {0, 3, 1}, {1, 3, 2}, {0, 2, 3}})});
-        t.push_back({"cube", qgtools::cubeSoup()});
-        t.push_back({"icosphere", qgtools::icosphereSoup(2, 2.0, V(0.5, -1, 2))});
-        t.push_back({"torus", qgtools::torusSoup(9, 7)});
-        t.push_back({"grid", qgtools::clothGridSoup(7, 5)});
-        t.push_back({"folded", qgtools::foldedGridSoup(12, 3)});
+        std::vector<Case> t = {
+            {"tetrahedron", soupOf({V(1, 1, 1), V(1, -1, -1), V(-1, 1, -1), V(-1, -1, 1)}, {{0, 1, 2}, {0, 3, 1}, {1, 3, 2}, {0, 2, 3}})},
+            {"cube", qgtools::cubeSoup()}, {"icosphere", qgtools::icosphereSoup(2, 2.0, V(0.5, -1, 2))}, {"torus", qgtools::torusSoup(9, 7)},
+            {"grid", qgtools::clothGridSoup(7, 5)}, {"folded", qgtools::foldedGridSoup(12, 3)}, {"largegrid", qgtools::clothGridSoup(40, 30)}};
         // Three faces on edge (0,1), an isolated vertex (5) and a separate triangle.
         t.push_back({"nonmanifold", soupOf({V(0, 0, 0), V(1, 0, 0), V(0.5, 1, 0), V(0.5, -1, 0), V(0.5, 0, 1),
                                             V(9, 9, 9), V(3, 0, 0), V(4, 0, 0), V(3, 1, 0)},
@@ -68,7 +64,6 @@ inline const std::vector<Case>& meshTable() {
             if (next() % 2) std::swap(scrambled.triangles[i - 1][0], scrambled.triangles[i - 1][1]);
         }
         t.push_back({"scrambled", scrambled});
-        t.push_back({"largegrid", qgtools::clothGridSoup(40, 30)});
         qgtools::PolygonSoup spot;
         qgtools::loadObjSoup(qgtools::dataDir() + "/meshes/spot.obj", spot);
         t.push_back({"spot", spot});

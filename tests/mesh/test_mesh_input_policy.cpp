@@ -52,19 +52,13 @@ TEST_F(BadInputs, EachMistakeThrowsInvalidArgumentWithItsText) {
         {unfinished, [](BadInputs&) { GmTriangleMesh m = triangles(0, 2, 1); GmBoundingTree tree(&m); }},
         {unfinished, [](BadInputs& s) { s.grid.addFace(0, 6, 1); GmBoundingTree tree(&s.grid); }},
         {refit + "the mesh has 33 faces, the hierarchy was made for 32 (make a new hierarchy after changing the faces)",
-         [](BadInputs& s) {
-             GmBoundingTree tree(&s.grid);
-             s.grid.addFace(0, 6, 1);
-             s.grid.finishConstruction();
-             tree.refit();
-         }},
+         [](BadInputs& s) { GmBoundingTree tree(&s.grid); s.grid.addFace(0, 6, 1); s.grid.finishConstruction(); tree.refit(); }},
         {refit + "the position vector has 24 entries for a mesh of 25 vertices",
          [](BadInputs& s) { GmBoundingTree tree(&s.grid, s.moved); s.moved.pop_back(); tree.refit(s.moved); }},
         {"GmBoundingVolumeHierarchy::continuousTimeSelfIntersect: the end position vector has 24 entries for a mesh of 25 vertices",
          [](BadInputs& s) {
              GmBoundingTree tree(&s.grid, s.moved);
-             s.moved.pop_back();
-             tree.continuousTimeSelfIntersect(s.contacts, s.moved, false, false, false, 0, s.metrics);
+             tree.continuousTimeSelfIntersect(s.contacts, (s.moved.pop_back(), s.moved), false, false, false, 0, s.metrics);
          }},
         {"GmBoundingVolumeHierarchy::build: mesh vertex 7 is not finite (nan, 0, 0)",
          [](BadInputs& s) { s.grid.setVertex(7, V(kNaN, 0.0, 0.0)); GmBoundingTree tree(&s.grid); }},
@@ -78,9 +72,8 @@ TEST_F(BadInputs, EachMistakeThrowsInvalidArgumentWithItsText) {
          [](BadInputs& s) { GmBoundingTree(&s.grid, 0.05).selfProximityCheck(s.near, kNaN, false, false, false, 0, 0.0, s.metrics); }},
         {"GmBoundingVolumeHierarchy::proximityCheck: distance -0.05 is not >= 0",
          [](BadInputs& s) {
-             GmTriangleMesh other = makeClothGrid(2, 2);
-             GmBoundingTree tree(&s.grid, 0.05), otherTree(&other, 0.05);
-             tree.proximityCheck(s.near, -0.05, otherTree, nullptr, false, false, false, 0, 1, 0.0, s.metrics);
+             GmBoundingTree tree(&s.grid, 0.05), other(&s.grid, 0.05);
+             tree.proximityCheck(s.near, -0.05, other, nullptr, false, false, false, 0, 1, 0.0, s.metrics);
          }},
     };
     for (const auto& c : cases) {
