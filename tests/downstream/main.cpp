@@ -19,10 +19,8 @@ int main() {
     }
     GmTriangleMesh mesh;  // a tetrahedron
     for (const V& p : {V(0, 0, 0), V(1, 0, 0), V(0, 1, 0), V(0, 0, 1)}) mesh.addVertex(p);
-    mesh.addFace(0, 2, 1);
-    mesh.addFace(0, 1, 3);
-    mesh.addFace(0, 3, 2);
-    mesh.addFace(1, 2, 3);
+    const int faces[4][3] = {{0, 2, 1}, {0, 1, 3}, {0, 3, 2}, {1, 2, 3}};
+    for (const auto& t : faces) mesh.addFace(t[0], t[1], t[2]);
     mesh.finishConstruction();
     GmBoundingTree tree(&mesh);
     if (!tree.isInsideMesh(V(0.1, 0.1, 0.1), false) || tree.isInsideMesh(V(1, 1, 1), false)) return 3;

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
-#include <cstdio>
-#include <cstring>
 #include <map>
-#include <memory>
 #include "mesh_test_util.h"
 
 namespace {

@@ -20,10 +20,7 @@ V safeUnit(const V& v) { return v / std::max(v.length(), DBL_EPSILON); }
 struct Reference {
     const GmTriangleMesh& m;
     V p(const GmTriangleFace& f, int k) const { return m.getVertex(f.vertices[(k % 3 + 3) % 3]); }
-    V cross(int f) const {
-        const GmTriangleFace& fc = m.getFace(f);
-        return (p(fc, 1) - p(fc, 0)).cross(p(fc, 2) - p(fc, 1));
-    }
+    V cross(int f) const { return (p(m.getFace(f), 1) - p(m.getFace(f), 0)).cross(p(m.getFace(f), 2) - p(m.getFace(f), 1)); }
     // Corners weighted by their angle; corners straight to double precision add nothing.
     V angleWeighted(int v) const {
         V s;

@@ -1,7 +1,6 @@
 // Invalid input through the public API: each mistake raises std::invalid_argument with
 // its exact text; flooded diagnostics stay bounded and whole; caches under concurrent readers.
 #include <gtest/gtest.h>
-#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
