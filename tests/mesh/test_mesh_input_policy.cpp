@@ -1,6 +1,7 @@
 // Invalid input through the public API: each mistake raises std::invalid_argument with
 // its exact text; flooded diagnostics stay bounded and whole; caches under concurrent readers.
 #include <gtest/gtest.h>
+#include <atomic>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -121,34 +122,43 @@ TEST(Diagnostics, CollapsedMeshWritesBoundedWholeLines) {
     EXPECT_TRUE(summaries >= 1 && count <= 8);  // at most three lines and one count per message
 }
 
-// Caches filled lazily by concurrent readers of a fresh mesh give the serial answers: face
-// data, unit edges and vertex normals read directly (each thread starting elsewhere, so that
-// fills meet) and through closest-point queries.
+// Caches filled lazily by concurrent readers give the serial answers: face data, unit edges
+// and vertex normals of turned positions read every round after setDirty() by threads
+// released together (two in the same order, so that they meet on every slot, two elsewhere),
+// and closest-point queries on the fresh mesh.
 TEST(ConcurrentReaders, FillTheCachesWithTheSerialValues) {
-    const GmTriangleMesh reference = makeIcosphere(3);
-    GmTriangleMesh shared = reference;
+    GmTriangleMesh reference = makeIcosphere(3), shared = reference;
     GmBoundingTree tree(&shared);
-    shared.setDirty();
+    const Positions start = shared.getVertices();
     const int nv = shared.getNumberVertices(), ne = shared.getNumberEdges(), n = nv + ne + shared.getNumberFaces();
     auto value = [nv, ne](const GmTriangleMesh& m, int j) {  // slot j: a vertex normal, unit edge or face normal and area
         return j < nv ? m.getVertexNormal(j) : j < nv + ne ? m.getUnitEdge(j - nv) : m.getFaceNormal(j - nv - ne) * m.getFaceArea(j - nv - ne);
     };
-    std::vector<std::vector<V>> got(4, std::vector<V>(static_cast<std::size_t>(n)));
-    std::vector<std::thread> workers;
-    for (int k = 0; k < 4; ++k)
-        workers.emplace_back([&, k] {
-            for (int i = 0; i < n; ++i) got[k][static_cast<std::size_t>((i + k * n / 4) % n)] = value(shared, (i + k * n / 4) % n);
-            for (int i = 0; i < 64; ++i) {
-                V closest, normal;
-                int face = -1;
-                double s = 0.0, t = 0.0;
-                tree.findClosestPoint(V(std::cos(i * 0.7) * 1.3, std::sin(i * 1.1), std::cos(i * 0.3) * 0.8), closest, normal, face, s, t, nullptr, false);
-                EXPECT_EQ(normal, reference.getFaceNormal(face));
-            }
-        });
-    for (std::thread& w : workers) w.join();
-    for (int k = 0; k < 4; ++k)
-        for (int j = 0; j < n; ++j) ASSERT_EQ(got[k][static_cast<std::size_t>(j)], value(reference, j)) << j;
+    for (int round = 0; round < 200; ++round) {
+        Positions turned = start;  // new values every round: a stale slot shows
+        for (V& p : turned) p = V(p.x * std::cos(round) - p.y * std::sin(round), p.x * std::sin(round) + p.y * std::cos(round), p.z);
+        reference.setVertices(turned);
+        shared.getWritableVertices() = turned;
+        shared.setDirty();
+        std::vector<std::vector<V>> got(4, std::vector<V>(static_cast<std::size_t>(n)));
+        std::atomic<int> ready{0};
+        std::vector<std::thread> workers;
+        for (int k = 0; k < 4; ++k)
+            workers.emplace_back([&, k] {
+                for (ready.fetch_add(1); ready.load() < 4;) std::this_thread::yield();
+                for (int i = 0; i < n; ++i) got[k][static_cast<std::size_t>((i + k / 2 * n / 2) % n)] = value(shared, (i + k / 2 * n / 2) % n);
+                for (int i = 0; i < 16 * (round == 0); ++i) {
+                    V closest, normal, p(std::cos(i * 0.7) * 1.3, std::sin(i * 1.1), std::cos(i * 0.3) * 0.8);
+                    int face = -1;
+                    double s = 0.0, t = 0.0;
+                    tree.findClosestPoint(p, closest, normal, face, s, t, nullptr, false);
+                    EXPECT_EQ(normal, reference.getFaceNormal(face));
+                }
+            });
+        for (std::thread& w : workers) w.join();
+        for (int k = 0; k < 4; ++k)
+            for (int j = 0; j < n; ++j) ASSERT_EQ(got[k][static_cast<std::size_t>(j)], value(reference, j)) << round << ' ' << j;
+    }
 }
 
 }  // namespace
