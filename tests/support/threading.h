@@ -13,12 +13,8 @@ private:
 };
 
 // Restores the multithreading switch when a test ends; set() may change it meanwhile.
-class ThreadingSwitch {
+class ThreadingSwitch : ScopedThreading {
 public:
-    ThreadingSwitch() : _saved(tarnCollision::isMultiThreading()) {}
-    ~ThreadingSwitch() { tarnCollision::setMultiThreading(_saved); }
+    ThreadingSwitch() : ScopedThreading(tarnCollision::isMultiThreading()) {}
     void set(bool on) { tarnCollision::setMultiThreading(on); }
-
-private:
-    bool _saved;
 };
