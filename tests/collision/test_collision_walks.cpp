@@ -1,0 +1,279 @@
+// Self and two-mesh queries (static, continuous-time, proximity) against brute force over all
+// face pairs and a reference orphan pass, serially and in parallel.
+
+#include "collision_test_util.h"
+
+using namespace collisiontest;
+using CT = GmContinuousTimeIntersectionInfo;
+using PX = GmProximityCheckInfo;
+using ST = GmIntersectionInfo;
+
+namespace {
+
+template <class Record>
+using Kernel = std::function<bool(int, int, std::vector<Record>&)>;
+template <class Record>
+using OrphanKernel = std::function<bool(int, int, ComponentTests, std::vector<Record>&)>;
+
+ComponentTests testsOf(GmInterferenceType t) {
+    return t == GmInterferenceType::VERTEX_FACE   ? GmIntersection::kVertexFaceTests
+           : t == GmInterferenceType::FACE_VERTEX ? GmIntersection::kFaceVertexTests
+                                                  : GmIntersection::kEdgeEdgeTests;
+}
+
+// Record fields shared by the contact kinds: object indices and a type the tests allow.
+template <class Record>
+void expectFields(const std::vector<Record>& found, int object1, int object2, ComponentTests tests) {
+    if constexpr (std::is_base_of_v<GmTriangleInterferenceInfo, Record>)
+        for (const Record& r : found) {
+            EXPECT_EQ(r.objectIndex1, object1);
+            EXPECT_EQ(r.objectIndex2, object2);
+            EXPECT_EQ((testsOf(r.type) & tests).bits(), testsOf(r.type).bits()) << int(r.type);
+        }
+}
+
+// A self query on `tree` (whose mesh is `mesh`) against the brute force over all non-adjacent
+// pairs; adjacent pairs come from the orphan pass only (none when `orphan` is empty); exact
+// candidate and success counters.
+template <class Record>
+void checkSelf(const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& tree, const std::vector<Box>& boxes,
+               const std::function<bool(std::vector<Record>&, GmBVHMetrics&)>& run, const Kernel<Record>& kernel,
+               const OrphanKernel<Record>& orphan, ComponentTests tests, bool contacts, int object = 3) {
+    auto [found, metrics] = serialAndParallel<Record>(run);
+    ASSERT_EQ(!found.empty(), contacts);
+    EXPECT_GT(metrics.narrowPhaseTests(), 0u);
+    expectMatchesBruteForce(&mesh, found, bruteForce<Record>(&mesh, boxes, boxes, kernel));
+    expectFields(found, object, object, tests);
+
+    std::vector<Record> adjacent, reference;
+    std::set<FacePair> pairs;
+    for (const Record& r : found) {
+        const int a = std::min(r.triangleIndex1, r.triangleIndex2), b = std::max(r.triangleIndex1, r.triangleIndex2);
+        if (mesh.shareVertex(a, b)) adjacent.push_back(r);
+        else pairs.insert({a, b});
+    }
+    std::uint32_t orphanCandidates = 0, orphanSuccesses = 0;
+    if (orphan) {
+        for (const GmOrphanTest& t : *mesh.getOrphanSet())
+            orphanSuccesses += orphan(t.firstFace, t.secondFace, GmContactKernels::orphanComponentTests(mesh, t) & tests,
+                                      reference);
+        orphanCandidates = std::uint32_t(mesh.getOrphanSet()->size());
+    }
+    EXPECT_EQ(sortedKeys(adjacent), sortedKeys(reference));
+    // Every overlapping non-adjacent leaf pair and every orphan entry is a candidate once; with
+    // no mesh test each candidate is tested.
+    EXPECT_EQ(metrics.narrowPhaseCandidates(), overlappingLeafPairs(tree) + orphanCandidates);
+    EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
+    EXPECT_EQ(metrics.narrowPhaseSuccesses(), pairs.size() + orphanSuccesses);
+    EXPECT_LE(metrics.broadPhaseSuccesses(), metrics.broadPhaseTests());
+    EXPECT_LE(metrics.broadPhaseTests(), metrics.broadPhaseCandidates());
+    if ((tests & GmIntersection::kEdgeEdgeTests).bits() == 0) {
+        EXPECT_EQ(metrics.edgeEdgeCandidates(), 0u);
+    }
+}
+
+struct SelfScene {
+    std::string name;
+    std::function<std::pair<GmTriangleMesh, Positions>()> make;  // mesh at the start, end positions
+    ComponentTests tests;
+};
+
+std::pair<GmTriangleMesh, Positions> fold(int n, double a0, double a1) {
+    auto s = makeFoldScene(n, a0, a1);
+    return {s->mesh, s->end};
+}
+
+}  // namespace
+
+TEST(CollisionSelf, ContinuousMatchesBruteForce) {
+    const std::vector<SelfScene> scenes = {
+        {"folding cloth", [] { return fold(20, 1.5, 3.4); }, GmIntersection::kAllTests},
+        {"folding cloth, vertex-face only", [] { return fold(16, 1.5, 3.4); }, GmIntersection::kVertexFaceTests},
+        {"folding cloth, edge-edge only", [] { return fold(12, 1.5, 3.4); }, GmIntersection::kEdgeEdgeTests},
+        {"spot folded through itself",
+         [] {
+             GmTriangleMesh m = loadSpot();
+             Positions end = foldZ(m.getVertices(), 0.5);
+             return std::make_pair(std::move(m), std::move(end));
+         },
+         GmIntersection::kAllTests},
+    };
+    for (const SelfScene& s : scenes) {
+        SCOPED_TRACE(s.name);
+        auto [mesh, end] = s.make();
+        GmBoundingVolumeHierarchy tree(&mesh, end);
+        const Positions& start = mesh.getVertices();
+        testing::internal::CaptureStderr();
+        checkSelf<CT>(
+            mesh, tree, faceBoxes(mesh, {&start, &end}, 1e-4),
+            [&](std::vector<CT>& r, GmBVHMetrics& m) { return tree.continuousTimeSelfIntersect(r, end, s.tests, false, false, 3, m); },
+            [&](int i, int j, std::vector<CT>& out) {
+                GmBVHMetrics scratch;
+                return GmContactKernels::continuousSelf(mesh, end, i, j, s.tests, scratch, DBL_MAX, nullptr, 3, out);
+            },
+            [&](int i, int j, ComponentTests t, std::vector<CT>& out) {
+                GmBVHMetrics scratch;
+                return GmContactKernels::continuousOrphan(mesh, end, i, j, t, scratch, DBL_MAX, nullptr, 3, out);
+            },
+            s.tests, true);
+        // Parallel edges that touch take the direction between them at the start: no contact
+        // goes without a normal, so nothing is printed.
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    }
+}
+
+TEST(CollisionSelf, ProximityMatchesBruteForce) {
+    // Right half folded to 172 degrees: close to the left half near the hinge, farther out.
+    auto scene = makeFoldScene(20, 3.0, 3.0);
+    const GmTriangleMesh& mesh = scene->mesh;
+    const double distance = 0.03;
+    GmBoundingVolumeHierarchy tree(&scene->mesh, distance);
+    checkSelf<PX>(
+        mesh, tree, faceBoxes(mesh, {&mesh.getVertices()}, distance + 1e-4),
+        [&](std::vector<PX>& r, GmBVHMetrics& m) {
+            return tree.selfProximityCheck(r, distance, GmIntersection::kAllTests, false, false, 1, 0.0, m);
+        },
+        [&](int i, int j, std::vector<PX>& out) {
+            GmBVHMetrics scratch;
+            return GmContactKernels::proximitySelf(mesh, i, j, distance, GmIntersection::kAllTests, scratch, nullptr, 1, out);
+        },
+        [&](int i, int j, ComponentTests t, std::vector<PX>& out) {
+            GmBVHMetrics scratch;
+            return GmContactKernels::proximityOrphan(mesh, i, j, distance, t, scratch, nullptr, 1, out);
+        },
+        GmIntersection::kAllTests, true, 1);
+}
+
+// Static: no orphan pass, adjacent pairs never reach the kernel.
+TEST(CollisionSelf, StaticMatchesBruteForce) {
+    const std::vector<std::pair<std::string, std::function<GmTriangleMesh()>>> scenes = {
+        {"folded strip", [] { return qgtools::makeFoldedGrid(80, 10); }},
+        {"folded spot",
+         [] {
+             GmTriangleMesh m = loadSpot();
+             m.setVertices(foldZ(m.getVertices(), 0.5));
+             return m;
+         }},
+        {"clean spot", loadSpot},
+    };
+    for (const auto& [name, make] : scenes) {
+        SCOPED_TRACE(name);
+        GmTriangleMesh mesh = make();
+        GmBoundingVolumeHierarchy tree(&mesh);
+        checkSelf<ST>(
+            mesh, tree, faceBoxes(mesh, {&mesh.getVertices()}, 1e-4),
+            [&](std::vector<ST>& r, GmBVHMetrics& m) { return tree.selfIntersect(r, true, false, false, m); },
+            [&](int i, int j, std::vector<ST>& out) {
+                GmBVHMetrics scratch;
+                return GmContactKernels::staticSelf(mesh, i, j, scratch, out);
+            },
+            nullptr, GmIntersection::kAllTests, name != "clean spot");
+    }
+}
+
+// Two meshes: a cloth moving down through a sphere's top (continuous), the cloth just above it
+// (proximity), spot against a turned copy (static). Each pair is one call, first mesh first.
+TEST(CollisionPair, AllKindsMatchBruteForce) {
+    GmTriangleMesh cloth = qgtools::makeClothGrid(24, 24, 1.6, 1.6, Vec(-0.8, -0.8, 0.55));
+    GmTriangleMesh sphere = qgtools::makeIcosphere(3, 0.5);
+    Positions clothEnd = cloth.getVertices();
+    for (std::size_t i = 0; i < clothEnd.size(); ++i) clothEnd[i].z -= 0.2 + 0.01 * jitter(std::uint32_t(i));
+    const Positions& sphereEnd = sphere.getVertices();
+    {
+        SCOPED_TRACE("continuous");
+        GmBoundingVolumeHierarchy tc(&cloth, clothEnd), ts(&sphere, sphereEnd);
+        auto [found, metrics] = serialAndParallel<CT>([&](std::vector<CT>& r, GmBVHMetrics& m) {
+            return tc.continuousTimeIntersect(r, clothEnd, ts, sphereEnd, nullptr, nullptr, GmIntersection::kAllTests,
+                                              false, false, false, 0, 1, m);
+        });
+        ASSERT_FALSE(found.empty());
+        expectFields(found, 0, 1, GmIntersection::kAllTests);
+        for (const CT& r : found) EXPECT_TRUE(r.time >= 0.0 && r.time <= 1.0) << r.time;
+        expectMatchesBruteForce<CT>(
+            nullptr, found,
+            bruteForce<CT>(nullptr, faceBoxes(cloth, {&cloth.getVertices(), &clothEnd}, 1e-4),
+                           faceBoxes(sphere, {&sphereEnd}, 1e-4), [&](int i, int j, std::vector<CT>& out) {
+                               GmBVHMetrics scratch;
+                               return GmContactKernels::continuousMesh(cloth, clothEnd, sphere, sphereEnd, i, j,
+                                                                       GmIntersection::kAllTests, scratch, DBL_MAX,
+                                                                       nullptr, nullptr, 0, 1, out);
+                           }));
+    }
+    {
+        SCOPED_TRACE("proximity");
+        GmTriangleMesh above = qgtools::makeClothGrid(24, 24, 1.6, 1.6, Vec(-0.8, -0.8, 0.51));
+        const double d = 0.03;
+        GmBoundingVolumeHierarchy tc(&above, d), ts(&sphere, d);
+        auto [found, metrics] = serialAndParallel<PX>([&](std::vector<PX>& r, GmBVHMetrics& m) {
+            return tc.proximityCheck(r, d, ts, nullptr, GmIntersection::kAllTests, false, false, 0, 1, 0.0, m);
+        });
+        ASSERT_FALSE(found.empty());
+        expectFields(found, 0, 1, GmIntersection::kAllTests);
+        expectMatchesBruteForce<PX>(
+            nullptr, found,
+            bruteForce<PX>(nullptr, faceBoxes(above, {&above.getVertices()}, d + 1e-4),
+                           faceBoxes(sphere, {&sphereEnd}, d + 1e-4), [&](int i, int j, std::vector<PX>& out) {
+                               GmBVHMetrics scratch;
+                               return GmContactKernels::proximityMesh(above, sphere, i, j, d, GmIntersection::kAllTests,
+                                                                      scratch, nullptr, 0, 1, out);
+                           }));
+    }
+    {
+        SCOPED_TRACE("static");
+        GmTriangleMesh a = loadSpot(), b = a;
+        const double c = std::cos(0.7), s = std::sin(0.7);
+        Positions turned = a.getVertices();
+        for (Vec& v : turned) v = Vec(c * v.x - s * v.y + 0.25, s * v.x + c * v.y + 0.1, v.z + 0.05);
+        b.setVertices(turned);
+        GmBoundingVolumeHierarchy ta(&a), tb(&b);
+        auto [found, metrics] = serialAndParallel<ST>(
+            [&](std::vector<ST>& r, GmBVHMetrics& m) { return ta.meshMeshIntersect(r, tb, false, false, m); });
+        ASSERT_FALSE(found.empty());
+        expectMatchesBruteForce<ST>(
+            nullptr, found,
+            bruteForce<ST>(nullptr, faceBoxes(a, {&a.getVertices()}, 1e-4), faceBoxes(b, {&turned}, 1e-4),
+                           [&](int i, int j, std::vector<ST>& out) {
+                               GmBVHMetrics scratch;
+                               return GmContactKernels::staticMesh(a, b, i, j, scratch, out);
+                           }));
+        EXPECT_EQ(metrics.narrowPhaseSuccesses(), found.size());
+        EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
+    }
+}
+
+// The facade forwards to the hierarchy; `true` selects the vertex-face tests, `false` all.
+TEST(CollisionPair, FacadeForwardsAndChoosesComponentTests) {
+    GmTriangleMesh cloth = qgtools::makeClothGrid(12, 12, 1.6, 1.6, Vec(-0.8, -0.8, 0.55));
+    GmTriangleMesh sphere = qgtools::makeIcosphere(2, 0.5);
+    Positions clothEnd = cloth.getVertices();
+    for (Vec& p : clothEnd) p.z -= 0.25;
+    const Positions sphereEnd = sphere.getVertices();
+    GmBoundingTree tc(&cloth, clothEnd), ts(&sphere, sphereEnd);
+    for (bool vertexFace : {true, false}) {
+        const ComponentTests tests = vertexFace ? GmIntersection::kVertexFaceTests : GmIntersection::kAllTests;
+        std::vector<CT> direct, facade;
+        GmBVHMetrics m1, m2;
+        tc.getHierarchy()->continuousTimeIntersect(direct, clothEnd, *ts.getHierarchy(), sphereEnd, nullptr, nullptr,
+                                                   tests, false, false, false, 0, 1, m1);
+        tc.continuousTimeIntersect(facade, clothEnd, ts, sphereEnd, nullptr, nullptr, vertexFace, false, false, false,
+                                   0, 1, m2);
+        EXPECT_FALSE(facade.empty());
+        EXPECT_EQ(sortedKeys(direct), sortedKeys(facade));
+        EXPECT_TRUE(m1 == m2);
+        expectFields(facade, 0, 1, tests);
+
+        std::vector<PX> p1, p2;
+        GmBoundingTree xc(&cloth, 0.05), xs(&sphere, 0.05);
+        xc.proximityCheck(p1, 0.05, xs, nullptr, vertexFace, false, false, 0, 1, 0.0, m1);
+        xc.getHierarchy()->proximityCheck(p2, 0.05, *xs.getHierarchy(), nullptr, tests, false, false, 0, 1, 0.0, m2);
+        EXPECT_EQ(sortedKeys(p1), sortedKeys(p2));
+    }
+    std::vector<ST> s1, s2;
+    GmBVHMetrics n1, n2;
+    cloth.setVertices(clothEnd);
+    GmBoundingTree pc(&cloth), ps(&sphere);
+    pc.meshMeshIntersect(s1, ps, false, false, n1);
+    pc.getHierarchy()->meshMeshIntersect(s2, *ps.getHierarchy(), false, false, n2);
+    EXPECT_FALSE(s1.empty());
+    EXPECT_EQ(sortedKeys(s1), sortedKeys(s2));
+}
