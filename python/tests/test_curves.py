@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import quarrygeom as qg
-from conftest import torus
+from conftest import ray_triangle, torus
 
 TOL = 1e-9
 
@@ -121,29 +121,6 @@ def test_curve_curve_and_refit_match_brute_force(seed):
     np.testing.assert_array_equal(ta.radii, ra)
 
 
-def segment_triangle_hits(pos, seg, verts, faces):
-    """{(segment, face): (ray parameter, point, barycentric)}: two-sided crossings, parameter in [0, 1]."""
-    hits, unsure = {}, set()
-    a, b, c = verts[faces[:, 0]], verts[faces[:, 1]], verts[faces[:, 2]]
-    for i, (v0, v1) in enumerate(seg):
-        o, d = pos[v0], pos[v1] - pos[v0]
-        e1, e2 = b - a, c - a
-        h = np.cross(d, e2)
-        det = (e1 * h).sum(1)
-        ok = np.abs(det) > 1e-14
-        inv = np.where(ok, 1 / np.where(ok, det, 1), 0)
-        s = o - a
-        u = (s * h).sum(1) * inv
-        qv = np.cross(s, e1)
-        v = (qv * d).sum(1) * inv
-        t = (qv * e2).sum(1) * inv
-        margin = np.minimum.reduce([u, v, 1 - u - v, t, 1 - t])
-        for f in np.nonzero(ok & (margin >= 0))[0]:
-            hits[(i, f)] = (t[f], o + t[f] * d, np.array([1 - u[f] - v[f], u[f], v[f]]))
-        unsure |= {(i, f) for f in np.nonzero(ok & (np.abs(margin) < 1e-7))[0]}
-    return hits, unsure
-
-
 @pytest.mark.parametrize("seed", [21, 22])
 def test_mesh_crossings_match_brute_force(seed):
     verts, faces = torus(16, 10)
@@ -152,7 +129,12 @@ def test_mesh_crossings_match_brute_force(seed):
     curves = qg.Curves(counts)
     pos, _ = strands(seed, counts, step=0.3)
     tree = qg.CurveTree(curves, pos)
-    hits, unsure = segment_triangle_hits(pos, curves.segment_vertices, verts, faces)
+    seg = curves.segment_vertices
+    o, d = pos[seg[:, 0]], pos[seg[:, 1]] - pos[seg[:, 0]]
+    t, bary, margin = ray_triangle(o[:, None], d[:, None], *(verts[faces[:, k]][None] for k in range(3)), tmax=1.0)
+    hits = {(i, f): (t[i, f], o[i] + t[i, f] * d[i], bary[i, f])
+            for i, f in zip(*np.nonzero(margin >= 0))}
+    unsure = set(zip(*np.nonzero(np.abs(margin) < 1e-7)))
     res = tree.mesh_crossings(mesh_tree)
     got = {(int(r["index1"]), int(r["index2"])) for r in res}
     assert len(got) == len(res)

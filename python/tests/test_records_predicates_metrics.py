@@ -26,39 +26,46 @@ def test_static_self_intersection_points_lie_on_both_triangles():
     np.testing.assert_allclose((pts - CROSSING_V[3]) @ n, 0.0, atol=1e-12)
 
 
-def two_meshes(gap):
-    """A unit triangle at z = 0 and a small one whose lowest vertex is gap above (0.25, 0.25)."""
-    a = qg.Mesh(np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], float), [[0, 1, 2]])
-    top = np.array([[0.25, 0.25, gap], [0.35, 0.25, gap + 0.3], [0.25, 0.35, gap + 0.3]])
-    return a, qg.Mesh(top, [[0, 1, 2]]), top
+BOTTOM = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], float)
 
 
-@pytest.mark.parametrize("kind", ["proximity", "continuous"])
+def top(gap):
+    """A small triangle whose lowest vertex is gap above (0.25, 0.25) of the unit triangle BOTTOM."""
+    return np.array([[0.25, 0.25, gap], [0.35, 0.25, gap + 0.3], [0.25, 0.35, gap + 0.3]])
+
+
+@pytest.mark.parametrize("kind", ["proximity", "continuous", "continuous self"])
 def test_vertex_face_contact_records(kind):
-    bottom, top_mesh, top = two_meshes(0.01)
+    bottom, upper = qg.Mesh(BOTTOM, [[0, 1, 2]]), qg.Mesh(top(0.01), [[0, 1, 2]])
     if kind == "proximity":
-        ta, tb = qg.Tree.thickened(bottom, 0.05), qg.Tree.thickened(top_mesh, 0.05)
-        rec = tb.proximity(ta, 0.05, tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
+        rec = qg.Tree.thickened(upper, 0.05).proximity(qg.Tree.thickened(bottom, 0.05), 0.05, tests=qg.VERTEX_FACE_TESTS,
+                                                       object_index1=1, object_index2=0)
         assert rec.dtype == qg.proximity_dtype
-    else:
-        end = top - [0, 0, 0.03]  # the vertex passes z = 0 at a third of the step
-        ta = qg.Tree.swept(bottom, bottom.positions)
-        tb = qg.Tree.swept(top_mesh, end)
-        rec = tb.continuous(ta, tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
-        assert rec.dtype == qg.continuous_dtype
-        np.testing.assert_allclose(rec["time"], 1 / 3, rtol=1e-9)
+        far = qg.Tree.thickened(qg.Mesh(top(0.2), [[0, 1, 2]]), 0.05)
+        assert len(far.proximity(qg.Tree.thickened(bottom, 0.05), 0.05)) == 0  # farther apart than the distance
+    elif kind == "continuous":  # the vertex passes z = 0 at a third of the step
+        tb = qg.Tree.swept(upper, top(0.01) - [0, 0, 0.03])
+        rec = tb.continuous(qg.Tree.swept(bottom, BOTTOM), tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
+    else:  # both in one mesh: the face comes first, the vertex is vertex 3
+        both = qg.Mesh(np.concatenate([BOTTOM, top(0.01)]), [[0, 1, 2], [3, 4, 5]])
+        rec = qg.Tree.swept(both, np.concatenate([BOTTOM, top(0.01) - [0, 0, 0.03]])).continuous_self(metrics=qg.Metrics())
     assert len(rec) == 1
     r = rec[0]
-    assert (r["object1"], r["object2"], r["triangle1"], r["triangle2"]) == (1, 0, 0, 0)
-    assert r["type"] == qg.VERTEX_FACE and r["vertices"][0] == 0 and list(r["vertices"][1:]) == [0, 1, 2]
-    np.testing.assert_allclose(r["point"][:2], [0.25, 0.25], atol=1e-12)
-    np.testing.assert_allclose(r["barycentric2"], [0.5, 0.25, 0.25], atol=1e-12)
-    np.testing.assert_allclose(abs(r["normal"][2]), 1.0, atol=1e-12)
+    if kind == "continuous self":
+        assert (r["triangle1"], r["triangle2"], r["type"], r["feature1"], r["feature2"]) == (0, 1, qg.FACE_VERTEX, 3, 0)
+        np.testing.assert_array_equal(r["vertices"], [0, 1, 2, 3])
+        np.testing.assert_allclose(r["barycentric1"], [0.5, 0.25, 0.25], atol=1e-12)
+    else:
+        assert (r["object1"], r["object2"], r["triangle1"], r["triangle2"]) == (1, 0, 0, 0)
+        assert r["type"] == qg.VERTEX_FACE and list(r["vertices"]) == [0, 0, 1, 2]
+        np.testing.assert_allclose(r["barycentric2"], [0.5, 0.25, 0.25], atol=1e-12)
     if kind == "proximity":
         np.testing.assert_allclose(r["distance"], 0.01, atol=1e-12)
-        # Farther apart than the distance: nothing.
-        far_a, far_b, _ = two_meshes(0.2)
-        assert len(qg.Tree.thickened(far_b, 0.05).proximity(qg.Tree.thickened(far_a, 0.05), 0.05)) == 0
+    else:
+        assert rec.dtype == qg.continuous_dtype
+        np.testing.assert_allclose(rec["time"], 1 / 3, rtol=1e-9)
+    np.testing.assert_allclose(r["point"][:2], [0.25, 0.25], atol=1e-12)
+    np.testing.assert_allclose(abs(r["normal"][2]), 1.0, atol=1e-12)
 
 
 def exact_orient(rows):
