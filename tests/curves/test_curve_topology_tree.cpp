@@ -87,43 +87,26 @@ TEST(CurveTopology, CopiesShareRecordsAndOutliveTheirSource) {
 }
 
 TEST(CurveTopology, TextFormsAndBadInput) {
-    std::ostringstream os;
-    os << GmCurveSegment{3, 9, 4, 5};
-    EXPECT_EQ(os.str(), "Curve segment[3] = (4, 5)");
+    EXPECT_EQ((std::ostringstream() << GmCurveSegment{3, 9, 4, 5}).str(), "Curve segment[3] = (4, 5)");
     EXPECT_THROW(GmCurves(std::vector<std::size_t>{1, 2}, std::vector<std::size_t>{0}, std::vector<std::size_t>{1, 2}),
                  std::invalid_argument);
     EXPECT_THROW(GmCurves(std::vector<std::size_t>{1}, std::vector<std::size_t>{0}, std::vector<std::size_t>{1, 2}),
                  std::invalid_argument);
 
     GmSegmentSegmentInfo ss;
-    ss.index1 = 3;
-    ss.index2 = 7;
-    ss.distance = 0.5;
-    ss.parameter1 = 0.25;
-    ss.parameter2 = 1;
-    ss.radius1 = 0.125;
-    ss.radius2 = 0.375;
-    ss.point1 = Vec(1, 2, 3);
-    ss.point2 = Vec(1, 2, 2.5);
-    ss.normal = Vec(0, 0, 1);
-    std::ostringstream a, pa, pb, pn;
-    pa << ss.point1;
-    pb << ss.point2;
-    pn << ss.normal;
-    a << ss;
-    EXPECT_EQ(a.str(), "Interference between segments 3 and 7:\n\tdistance 0.5; parameters 0.25, 1; radii 0.125, 0.375\n"
-                       "\tpoint1 " + pa.str() + "; point2 " + pb.str() + "\n\tnormal " + pn.str() + "\n");
+    ss.index1 = 3, ss.index2 = 7, ss.distance = 0.5, ss.parameter1 = 0.25, ss.parameter2 = 1;
+    ss.radius1 = 0.125, ss.radius2 = 0.375, ss.point1 = Vec(1, 2, 3), ss.point2 = Vec(1, 2, 2.5), ss.normal = Vec(0, 0, 1);
+    auto text = [](const auto& x) { return (std::ostringstream() << x).str(); };
+    EXPECT_EQ(text(ss), "Interference between segments 3 and 7:\n\tdistance 0.5; parameters 0.25, 1; radii 0.125, 0.375\n"
+                        "\tpoint1 " + text(ss.point1) + "; point2 " + text(ss.point2) + "\n\tnormal " + text(ss.normal) + "\n");
     GmSegmentFaceInfo sf;
-    sf.index1 = 2;
-    sf.index2 = 11;
-    sf.index3 = 4;
-    std::ostringstream b;
-    b << sf;
-    EXPECT_EQ(b.str().substr(0, b.str().find('\n')), "Interference between segment 2 and face 11 edge 4:");
-    sf.index3 = -1;
-    std::ostringstream c;
-    c << sf;
-    EXPECT_EQ(c.str().substr(0, c.str().find('\n')), "Interference between segment 2 and face 11:");
+    sf.index1 = 2, sf.index2 = 11;
+    for (std::int64_t edge : {4, -1}) {
+        sf.index3 = edge;
+        const std::string t = text(sf);
+        EXPECT_EQ(t.substr(0, t.find('\n')),
+                  edge < 0 ? "Interference between segment 2 and face 11:" : "Interference between segment 2 and face 11 edge 4:");
+    }
 }
 
 namespace {
