@@ -29,6 +29,7 @@ void expectFields(const std::vector<Record>& found, int object1, int object2, Co
             EXPECT_EQ(r.objectIndex1, object1);
             EXPECT_EQ(r.objectIndex2, object2);
             EXPECT_EQ((testsOf(r.type) & tests).bits(), testsOf(r.type).bits()) << int(r.type);
+            EXPECT_TRUE(r.time >= 0.0 && r.time <= 1.0) << r.time;
         }
 }
 
@@ -171,74 +172,60 @@ TEST(CollisionSelf, StaticMatchesBruteForce) {
     }
 }
 
-// Two meshes: a cloth moving down through a sphere's top (continuous), the cloth just above it
-// (proximity), spot against a turned copy (static). Each pair is one call, first mesh first.
+namespace {
+
+// Two meshes: each face pair is one call, first mesh first; no orphan pass.
+template <class Record>
+void checkPair(const std::function<bool(std::vector<Record>&, GmBVHMetrics&)>& run, const std::vector<Box>& boxes1,
+               const std::vector<Box>& boxes2, const Kernel<Record>& kernel) {
+    auto [found, metrics] = serialAndParallel<Record>(run);
+    ASSERT_FALSE(found.empty());
+    expectFields(found, 0, 1, GmIntersection::kAllTests);
+    expectMatchesBruteForce<Record>(nullptr, found, bruteForce<Record>(nullptr, boxes1, boxes2, kernel));
+    std::set<FacePair> pairs;
+    for (const Record& r : found) pairs.insert({r.triangleIndex1, r.triangleIndex2});
+    EXPECT_EQ(metrics.narrowPhaseSuccesses(), pairs.size());
+    EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
+}
+
+}  // namespace
+
+// A cloth moving down through a sphere's top (continuous), the cloth just above it
+// (proximity), spot against a turned copy (static).
 TEST(CollisionPair, AllKindsMatchBruteForce) {
     GmTriangleMesh cloth = qgtools::makeClothGrid(24, 24, 1.6, 1.6, Vec(-0.8, -0.8, 0.55));
-    GmTriangleMesh sphere = qgtools::makeIcosphere(3, 0.5);
-    Positions clothEnd = cloth.getVertices();
+    GmTriangleMesh above = qgtools::makeClothGrid(24, 24, 1.6, 1.6, Vec(-0.8, -0.8, 0.51));
+    GmTriangleMesh sphere = qgtools::makeIcosphere(3, 0.5), a = loadSpot(), b = a;
+    Positions clothEnd = cloth.getVertices(), turned = a.getVertices();
     for (std::size_t i = 0; i < clothEnd.size(); ++i) clothEnd[i].z -= 0.2 + 0.01 * jitter(std::uint32_t(i));
+    for (Vec& v : turned) v = Vec(std::cos(0.7) * v.x - std::sin(0.7) * v.y + 0.25, std::sin(0.7) * v.x + std::cos(0.7) * v.y + 0.1, v.z + 0.05);
+    b.setVertices(turned);
     const Positions& sphereEnd = sphere.getVertices();
-    {
-        SCOPED_TRACE("continuous");
-        GmBoundingVolumeHierarchy tc(&cloth, clothEnd), ts(&sphere, sphereEnd);
-        auto [found, metrics] = serialAndParallel<CT>([&](std::vector<CT>& r, GmBVHMetrics& m) {
+    const double d = 0.03;
+    GmBoundingVolumeHierarchy tc(&cloth, clothEnd), ts(&sphere, sphereEnd), pa(&above, d), ps(&sphere, d), ta(&a), tb(&b);
+    GmBVHMetrics scratch;
+    checkPair<CT>(
+        [&](std::vector<CT>& r, GmBVHMetrics& m) {
             return tc.continuousTimeIntersect(r, clothEnd, ts, sphereEnd, nullptr, nullptr, GmIntersection::kAllTests,
                                               false, false, false, 0, 1, m);
+        },
+        faceBoxes(cloth, {&cloth.getVertices(), &clothEnd}, 1e-4), faceBoxes(sphere, {&sphereEnd}, 1e-4),
+        [&](int i, int j, std::vector<CT>& out) {
+            return GmContactKernels::continuousMesh(cloth, clothEnd, sphere, sphereEnd, i, j, GmIntersection::kAllTests,
+                                                    scratch, DBL_MAX, nullptr, nullptr, 0, 1, out);
         });
-        ASSERT_FALSE(found.empty());
-        expectFields(found, 0, 1, GmIntersection::kAllTests);
-        for (const CT& r : found) EXPECT_TRUE(r.time >= 0.0 && r.time <= 1.0) << r.time;
-        expectMatchesBruteForce<CT>(
-            nullptr, found,
-            bruteForce<CT>(nullptr, faceBoxes(cloth, {&cloth.getVertices(), &clothEnd}, 1e-4),
-                           faceBoxes(sphere, {&sphereEnd}, 1e-4), [&](int i, int j, std::vector<CT>& out) {
-                               GmBVHMetrics scratch;
-                               return GmContactKernels::continuousMesh(cloth, clothEnd, sphere, sphereEnd, i, j,
-                                                                       GmIntersection::kAllTests, scratch, DBL_MAX,
-                                                                       nullptr, nullptr, 0, 1, out);
-                           }));
-    }
-    {
-        SCOPED_TRACE("proximity");
-        GmTriangleMesh above = qgtools::makeClothGrid(24, 24, 1.6, 1.6, Vec(-0.8, -0.8, 0.51));
-        const double d = 0.03;
-        GmBoundingVolumeHierarchy tc(&above, d), ts(&sphere, d);
-        auto [found, metrics] = serialAndParallel<PX>([&](std::vector<PX>& r, GmBVHMetrics& m) {
-            return tc.proximityCheck(r, d, ts, nullptr, GmIntersection::kAllTests, false, false, 0, 1, 0.0, m);
+    checkPair<PX>(
+        [&](std::vector<PX>& r, GmBVHMetrics& m) {
+            return pa.proximityCheck(r, d, ps, nullptr, GmIntersection::kAllTests, false, false, 0, 1, 0.0, m);
+        },
+        faceBoxes(above, {&above.getVertices()}, d + 1e-4), faceBoxes(sphere, {&sphereEnd}, d + 1e-4),
+        [&](int i, int j, std::vector<PX>& out) {
+            return GmContactKernels::proximityMesh(above, sphere, i, j, d, GmIntersection::kAllTests, scratch, nullptr,
+                                                   0, 1, out);
         });
-        ASSERT_FALSE(found.empty());
-        expectFields(found, 0, 1, GmIntersection::kAllTests);
-        expectMatchesBruteForce<PX>(
-            nullptr, found,
-            bruteForce<PX>(nullptr, faceBoxes(above, {&above.getVertices()}, d + 1e-4),
-                           faceBoxes(sphere, {&sphereEnd}, d + 1e-4), [&](int i, int j, std::vector<PX>& out) {
-                               GmBVHMetrics scratch;
-                               return GmContactKernels::proximityMesh(above, sphere, i, j, d, GmIntersection::kAllTests,
-                                                                      scratch, nullptr, 0, 1, out);
-                           }));
-    }
-    {
-        SCOPED_TRACE("static");
-        GmTriangleMesh a = loadSpot(), b = a;
-        const double c = std::cos(0.7), s = std::sin(0.7);
-        Positions turned = a.getVertices();
-        for (Vec& v : turned) v = Vec(c * v.x - s * v.y + 0.25, s * v.x + c * v.y + 0.1, v.z + 0.05);
-        b.setVertices(turned);
-        GmBoundingVolumeHierarchy ta(&a), tb(&b);
-        auto [found, metrics] = serialAndParallel<ST>(
-            [&](std::vector<ST>& r, GmBVHMetrics& m) { return ta.meshMeshIntersect(r, tb, false, false, m); });
-        ASSERT_FALSE(found.empty());
-        expectMatchesBruteForce<ST>(
-            nullptr, found,
-            bruteForce<ST>(nullptr, faceBoxes(a, {&a.getVertices()}, 1e-4), faceBoxes(b, {&turned}, 1e-4),
-                           [&](int i, int j, std::vector<ST>& out) {
-                               GmBVHMetrics scratch;
-                               return GmContactKernels::staticMesh(a, b, i, j, scratch, out);
-                           }));
-        EXPECT_EQ(metrics.narrowPhaseSuccesses(), found.size());
-        EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
-    }
+    checkPair<ST>([&](std::vector<ST>& r, GmBVHMetrics& m) { return ta.meshMeshIntersect(r, tb, false, false, m); },
+                  faceBoxes(a, {&a.getVertices()}, 1e-4), faceBoxes(b, {&turned}, 1e-4),
+                  [&](int i, int j, std::vector<ST>& out) { return GmContactKernels::staticMesh(a, b, i, j, scratch, out); });
 }
 
 // The facade forwards to the hierarchy; `true` selects the vertex-face tests, `false` all.
