@@ -58,30 +58,28 @@ std::pair<GmTriangleMesh, Positions> fold(int n, double a0, double a1) {
 
 enum Extra { None = 0, Disabled = 1, Frozen = 2, RadiusTest = 4 };
 
+// A swept tree over the scene with faces disabled (f % 7 == 3), frozen (f % 3 != 0) or the
+// vertex-radius test on the start positions, as `extras` says.
 struct Query {
     GmTriangleMesh mesh;
     Positions end;
-    std::unique_ptr<GmDisabledData> disabled;
-    std::unique_ptr<GmFrozenData> frozen;
-    std::shared_ptr<Positions> refPositions;
+    GmDisabledData disabled{&mesh};
+    GmFrozenData frozen{&mesh};
     std::unique_ptr<GmBoundingVolumeHierarchy> tree;
 
     Query(std::pair<GmTriangleMesh, Positions> scene, int extras) : mesh(std::move(scene.first)), end(std::move(scene.second)) {
-        disabled = std::make_unique<GmDisabledData>(&mesh);
-        frozen = std::make_unique<GmFrozenData>(&mesh);
         for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-            if ((extras & Disabled) && f % 7 == 3) disabled->setFaceDisabled(f);
-            if ((extras & Frozen) && f % 3 != 0) frozen->setFaceFrozen(f);
+            if ((extras & Disabled) && f % 7 == 3) disabled.setFaceDisabled(f);
+            if ((extras & Frozen) && f % 3 != 0) frozen.setFaceFrozen(f);
         }
-        tree = std::make_unique<GmBoundingVolumeHierarchy>(&mesh, end, disabled.get(), frozen.get());
+        tree = std::make_unique<GmBoundingVolumeHierarchy>(&mesh, end, &disabled, &frozen);
         if (extras & RadiusTest) {
-            refPositions = std::make_shared<Positions>(mesh.getVertices());
             GmIntersection::MeshTests tests;
-            tests.setVertexRadiusTest(refPositions, 0.5, nullptr);
+            tests.setVertexRadiusTest(std::make_shared<Positions>(mesh.getVertices()), 0.5, nullptr);
             tree->setMeshTests(tests);
         }
         mesh.getOrphanSet();
-        disabled->getOrphanSet();  // built before the parallel runs
+        disabled.getOrphanSet();  // built before the parallel runs
     }
     bool run(GmSelfContactRecords mode, std::vector<Record>& r, GmBVHMetrics& m) {
         tree->setSelfContactRecords(mode);
