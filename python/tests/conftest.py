@@ -18,15 +18,6 @@ def torus(n_major=40, n_minor=24, R=1.0, r=0.3):
     return verts, np.concatenate([np.stack([p, q, s], -1), np.stack([p, s, t], -1)])
 
 
-def grid(n, m):
-    """n x m quads in the unit square at z = 0, normals +z."""
-    x, y = np.meshgrid(np.linspace(0, 1, n + 1), np.linspace(0, 1, m + 1))
-    verts = np.stack([x.ravel(), y.ravel(), np.zeros(x.size)], -1)
-    i, j = np.meshgrid(np.arange(n), np.arange(m))
-    a = (j * (n + 1) + i).ravel()
-    return verts, np.concatenate([np.stack([a, a + 1, a + n + 2], -1), np.stack([a, a + n + 2, a + n + 1], -1)])
-
-
 @pytest.fixture(scope="session")
 def bunny_arrays():
     return read_obj(os.path.join(DATA, "meshes", "stanford-bunny.obj"))

@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 
 import quarrygeom as qg
-from conftest import grid, points_around, torus
+from conftest import points_around, torus
 
 V, F = torus(10, 6)
 

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 import quarrygeom as qg
-from conftest import grid, points_around, ray_triangle, torus
+from conftest import points_around, ray_triangle, torus
 
 V, F = torus(16, 10)
 
