@@ -17,15 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include <quarrygeom/bvh/GmBoundingTree.h>
-#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
-#include <quarrygeom/core/GmBVHMetrics.h>
-#include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
-#include <quarrygeom/mesh/GmDisabledData.h>
-#include <quarrygeom/mesh/GmMeshTests.h>
-#include <quarrygeom/mesh/GmTriangleMesh.h>
-#include <quarrygeom/primitives/GmContactKernels.h>
-#include <quarrygeom/primitives/GmInterferenceInfo.h>
+#include <quarrygeom/quarrygeom.h>
 
 #include "qgtools/data_dir.h"
 #include "qgtools/mesh_io.h"

@@ -12,10 +12,7 @@
 #include <gmpxx.h>
 #endif
 
-#include <quarrygeom/bvh/GmBoundingVolumeHierarchy.h>
-#include <quarrygeom/curves/GmCurveContinuous.h>
-#include <quarrygeom/mesh/GmTriangleMesh.h>
-#include <quarrygeom/primitives/GmSegmentDistance.h>
+#include <quarrygeom/quarrygeom.h>
 
 #include "../curves/curves_test_util.h"
 #include "qgtools/shapes.h"
