@@ -1,11 +1,4 @@
-import os
-
 import numpy as np
-import pytest
-
-from quarrygeom.io import read_obj
-
-DATA = os.environ.get("QUARRYGEOM_DATA_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "..", "shared", "data"))
 
 
 def torus(n_major=40, n_minor=24, R=1.0, r=0.3):
@@ -16,11 +9,6 @@ def torus(n_major=40, n_minor=24, R=1.0, r=0.3):
     i, j = u.ravel(), v.ravel()
     p, q, s, t = [(x % n_major) * n_minor + y % n_minor for x, y in [(i, j), (i + 1, j), (i + 1, j + 1), (i, j + 1)]]
     return verts, np.concatenate([np.stack([p, q, s], -1), np.stack([p, s, t], -1)])
-
-
-@pytest.fixture(scope="session")
-def bunny_arrays():
-    return read_obj(os.path.join(DATA, "meshes", "stanford-bunny.obj"))
 
 
 def points_around(verts, n, seed, pad=0.1):

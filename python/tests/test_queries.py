@@ -1,7 +1,5 @@
 """Batched point and ray queries against NumPy brute force, their arrays, and disabled faces."""
 
-from types import SimpleNamespace
-
 import numpy as np
 import pytest
 
@@ -81,33 +79,6 @@ def test_ray_queries_match_brute_force():
         np.testing.assert_allclose(first.barycentric[i], bary[i, best], atol=1e-12)
     corners = np.einsum("nk,nkj->nj", allh.hits["barycentric"], V[F[allh.hits["face"]]])
     np.testing.assert_allclose(allh.hits["point"], corners, atol=1e-12)
-
-
-QUERIES = {
-    "closest_points": (lambda t, p: t.closest_points(p), {"distance": ("f8", ()), "point": ("f8", (3,)), "face": ("i4", ()),
-                                                         "s": ("f8", ()), "t": ("f8", ()), "normal": ("f8", (3,))}),
-    "closest_vertices": (lambda t, p: t.closest_vertices(p), {"vertex": ("i4", ()), "distance": ("f8", ())}),
-    "signed_distance": (lambda t, p: t.signed_distance(p), {"distance": ("f8", ()), "face": ("i4", ()), "point": ("f8", (3,))}),
-    "first_hit": (lambda t, p: t.first_hit(p, p + 1.0), {"face": ("i4", ()), "t": ("f8", ()), "point": ("f8", (3,)),
-                                                         "barycentric": ("f8", (3,))}),
-    "inside": (lambda t, p: SimpleNamespace(inside=t.inside(p)), {"inside": ("?", ())}),
-}
-
-
-@pytest.mark.parametrize("name", QUERIES)
-@pytest.mark.parametrize("layout", ["float64", "fortran", "int", "strided", "single"])
-def test_result_shapes_and_dtypes_for_any_input_layout(name, layout):
-    tree = qg.Tree(qg.Mesh(V, F))
-    base = points_around(V, 10, 4)
-    pts = {"float64": base, "fortran": np.asfortranarray(base), "int": np.round(base).astype(np.int16),
-           "strided": np.repeat(base, 2, 0)[::2], "single": base[0]}[layout]
-    query, fields = QUERIES[name]
-    res = query(tree, pts)
-    reference = query(tree, np.ascontiguousarray(np.atleast_2d(pts), dtype=np.float64))
-    for field, (dtype, tail) in fields.items():
-        got = getattr(res, field)
-        assert got.dtype == np.dtype(dtype) and got.shape == (1 if layout == "single" else 10,) + tail, field
-        np.testing.assert_array_equal(got, getattr(reference, field))
 
 
 def test_disabled_faces_are_left_out_like_a_mesh_without_them():
