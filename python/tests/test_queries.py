@@ -1,7 +1,6 @@
 """Batched point and ray queries against NumPy brute force, their arrays, and disabled faces."""
 
 import numpy as np
-import pytest
 
 import quarrygeom as qg
 from conftest import points_around, ray_triangle, torus
