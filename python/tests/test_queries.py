@@ -1,4 +1,4 @@
-"""Batched point and ray queries against NumPy brute force, their arrays, and disabled faces."""
+"""Batched point and ray queries against NumPy brute force, and disabled faces."""
 
 import numpy as np
 
