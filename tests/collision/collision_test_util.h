@@ -43,16 +43,11 @@ inline double jitter(std::uint32_t i) {
 
 // A unit cloth grid whose right half (x > 0.5) turns about the hinge x = 0.5 from `angleStart`
 // to `angleEnd` over the step; every vertex is jittered by up to 1e-3 in z so that nothing is
-// exactly coplanar. The mesh holds the start positions, `end` the end positions.
-struct FoldScene {
-    GmTriangleMesh mesh;
-    Positions end;
-};
-inline std::unique_ptr<FoldScene> makeFoldScene(int n, double angleStart, double angleEnd) {
-    auto s = std::make_unique<FoldScene>();
-    s->mesh = qgtools::makeClothGrid(n, n, 1.0, 1.0);
-    auto fold = [&](double angle) {
-        Positions out = s->mesh.getVertices();
+// exactly coplanar. Returns the mesh at the start and the end positions.
+inline std::pair<GmTriangleMesh, Positions> fold(int n, double angleStart, double angleEnd) {
+    std::pair<GmTriangleMesh, Positions> s{qgtools::makeClothGrid(n, n, 1.0, 1.0), {}};
+    auto turned = [&](double angle) {
+        Positions out = s.first.getVertices();
         for (std::size_t i = 0; i < out.size(); ++i) {
             const double d = out[i].x - 0.5;
             if (d > 0) out[i] = Vec(0.5 + d * std::cos(angle), out[i].y, out[i].z + d * std::sin(angle));
@@ -60,8 +55,8 @@ inline std::unique_ptr<FoldScene> makeFoldScene(int n, double angleStart, double
         }
         return out;
     };
-    s->end = fold(angleEnd);
-    s->mesh.setVertices(fold(angleStart));
+    s.second = turned(angleEnd);
+    s.first.setVertices(turned(angleStart));
     return s;
 }
 

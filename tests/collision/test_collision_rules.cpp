@@ -165,8 +165,7 @@ TEST(CollisionRules, AdjacentPairsOnlyThroughTheOrphanPass) {
 }
 
 TEST(CollisionRules, DisabledFacesArePrunedUnlessIncluded) {
-    auto scene = makeFoldScene(16, 1.5, 3.4);
-    GmTriangleMesh& mesh = scene->mesh;
+    auto [mesh, end] = fold(16, 1.5, 3.4);
     GmDisabledData disabled(&mesh), zeroCount(&mesh);
     std::vector<int> off;
     for (int f = 0; f < mesh.getNumberFaces(); ++f)
@@ -174,11 +173,11 @@ TEST(CollisionRules, DisabledFacesArePrunedUnlessIncluded) {
     disabled.disableFaces(off);
     zeroCount.disableFaces(off);
     zeroCount.setDisabledCount(0);  // a mask with a zero count acts like none
-    GmBoundingVolumeHierarchy masked(&mesh, scene->end, &disabled), unmasked(&mesh, scene->end),
-        zero(&mesh, scene->end, &zeroCount);
+    GmBoundingVolumeHierarchy masked(&mesh, end, &disabled), unmasked(&mesh, end),
+        zero(&mesh, end, &zeroCount);
     auto runOn = [&](const GmBoundingVolumeHierarchy& t, bool include) {
-        return [&t, include, &scene](std::vector<CT>& r, GmBVHMetrics& m) {
-            return t.continuousTimeSelfIntersect(r, scene->end, GmIntersection::kAllTests, false, include, 0, m);
+        return [&t, include, &end = end](std::vector<CT>& r, GmBVHMetrics& m) {
+            return t.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, include, 0, m);
         };
     };
     GmBVHMetrics ma, mz;
@@ -237,21 +236,20 @@ TEST(CollisionRules, FrozenPairsArePrunedUnlessIgnored) {
 }
 
 TEST(CollisionRules, VertexRadiusTestFiltersCandidates) {
-    auto scene = makeFoldScene(16, 1.5, 3.4);
-    GmTriangleMesh& mesh = scene->mesh;
+    auto [mesh, end] = fold(16, 1.5, 3.4);
     // Reference positions: the flat cloth, where folded-over faces are far apart; only pairs
     // within 0.15 of each other there may reach the kernel.
     auto ref = std::make_shared<Positions>(qgtools::makeClothGrid(16, 16, 1.0, 1.0).getVertices());
-    GmBoundingVolumeHierarchy tree(&mesh, scene->end), filtered(&mesh, scene->end);
+    GmBoundingVolumeHierarchy tree(&mesh, end), filtered(&mesh, end);
     GmIntersection::MeshTests tests;
     tests.setVertexRadiusTest(ref, 0.15);
     filtered.setMeshTests(tests);
     GmBVHMetrics ma;
     const std::vector<CT> all = query<CT>(
-        [&](auto& r, auto& m) { return tree.continuousTimeSelfIntersect(r, scene->end, GmIntersection::kAllTests, false, false, 0, m); },
+        [&](auto& r, auto& m) { return tree.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, false, 0, m); },
         &ma);
     auto [found, metrics] = serialAndParallel<CT>([&](std::vector<CT>& r, GmBVHMetrics& m) {
-        return filtered.continuousTimeSelfIntersect(r, scene->end, GmIntersection::kAllTests, false, false, 0, m);
+        return filtered.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, false, 0, m);
     });
     std::vector<CT> expected;
     for (const auto& r : all)

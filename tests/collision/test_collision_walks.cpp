@@ -79,10 +79,6 @@ struct SelfScene {
     ComponentTests tests;
 };
 
-std::pair<GmTriangleMesh, Positions> fold(int n, double a0, double a1) {
-    auto s = makeFoldScene(n, a0, a1);
-    return {s->mesh, s->end};
-}
 
 }  // namespace
 
@@ -125,10 +121,9 @@ TEST(CollisionSelf, ContinuousMatchesBruteForce) {
 
 TEST(CollisionSelf, ProximityMatchesBruteForce) {
     // Right half folded to 172 degrees: close to the left half near the hinge, farther out.
-    auto scene = makeFoldScene(20, 3.0, 3.0);
-    const GmTriangleMesh& mesh = scene->mesh;
+    GmTriangleMesh mesh = fold(20, 3.0, 3.0).first;
     const double distance = 0.03;
-    GmBoundingVolumeHierarchy tree(&scene->mesh, distance);
+    GmBoundingVolumeHierarchy tree(&mesh, distance);
     checkSelf<PX>(
         mesh, tree, faceBoxes(mesh, {&mesh.getVertices()}, distance + 1e-4),
         [&](std::vector<PX>& r, GmBVHMetrics& m) {
