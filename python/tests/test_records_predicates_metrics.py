@@ -12,18 +12,28 @@ CROSSING_V = np.array([[0, 0, 0], [2, 0, 0], [0, 2, 0], [0.5, 0.5, -1], [0.5, 0.
 CROSSING_F = np.array([[0, 1, 2], [3, 5, 4]])
 
 
-def test_static_self_intersection_points_lie_on_both_triangles():
-    tree = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F))
-    res = tree.self_intersections()
+def test_static_self_intersection_and_metrics():
+    tree, m = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F)), qg.Metrics()
+    res = tree.self_intersections(metrics=m)
     assert len(res.pairs) == 1 and res.pairs.dtype == qg.intersection_pair_dtype
     pair = res.pairs[0]
     assert {pair["triangle1"], pair["triangle2"]} == {0, 1}
     pts = res.points[pair["first_point"]: pair["first_point"] + pair["point_count"]]
-    assert len(pts) >= 1
-    np.testing.assert_allclose(pts[:, 2], 0.0, atol=1e-12)  # on the horizontal triangle's plane
-    # ... and on the vertical triangle's plane.
+    assert len(pts) >= 1  # on the horizontal triangle's plane and on the vertical one's
+    np.testing.assert_allclose(pts[:, 2], 0.0, atol=1e-12)
     n = np.cross(CROSSING_V[5] - CROSSING_V[3], CROSSING_V[4] - CROSSING_V[3])
     np.testing.assert_allclose((pts - CROSSING_V[3]) @ n, 0.0, atol=1e-12)
+    tree.self_intersections(metrics=m)  # counters accumulate
+    d = m.as_dict()
+    assert d["broad_phase_candidates"] > 0 and d["broad_phase_candidates"] % 2 == 0
+    assert d["narrow_phase_prune_rate"] == pytest.approx(
+        100 * (1 - d["narrow_phase_successes"] / d["narrow_phase_candidates"]))
+    text = str(m).splitlines()
+    assert text[0] == "BVH Metrics" and len(text) == 17
+    assert text[1] == "  Number of Broad-Phase Candidates Examined:    " + f"{d['broad_phase_candidates']:>16}"
+    m2 = same = qg.Metrics()
+    m2 += m
+    assert m2 is same and m2 == m and qg.Metrics().as_dict()["edge_edge_prune_rate"] == 100.0
 
 
 BOTTOM = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], float)
@@ -88,20 +98,3 @@ def test_predicate_signs_are_exact_on_nearly_degenerate_points(dim):
     want = [exact_orient([p[i] for p in pts]) for i in range(200)]
     np.testing.assert_array_equal(np.sign(got), want)
     assert (np.array(want) == 0).sum() < 200  # not all degenerate
-
-
-def test_metrics_as_dict_and_text():
-    tree = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F))
-    m = qg.Metrics()
-    tree.self_intersections(metrics=m)
-    tree.self_intersections(metrics=m)
-    d = m.as_dict()
-    assert d["broad_phase_candidates"] > 0 and d["broad_phase_candidates"] % 2 == 0
-    assert d["narrow_phase_prune_rate"] == pytest.approx(
-        100 * (1 - d["narrow_phase_successes"] / d["narrow_phase_candidates"]))
-    text = str(m).splitlines()
-    assert text[0] == "BVH Metrics" and len(text) == 17
-    assert text[1] == "  Number of Broad-Phase Candidates Examined:    " + f"{d['broad_phase_candidates']:>16}"
-    m2 = same = qg.Metrics()
-    m2 += m
-    assert m2 is same and m2 == m and qg.Metrics().as_dict()["edge_edge_prune_rate"] == 100.0
