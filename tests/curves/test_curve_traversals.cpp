@@ -28,20 +28,6 @@ std::vector<Scene> scenes() {
     return out;
 }
 
-// Runs `walk(results) -> number of tests` serially and in parallel: the pairs found and the
-// tests made are those of the brute force.
-template <class Info, class Walk>
-void expectWalk(Walk&& walk, const std::multiset<Pair>& expected, std::uint64_t tests, bool unordered) {
-    ThreadingSwitch sw;
-    for (bool parallel : {false, true}) {
-        SCOPED_TRACE(parallel ? "parallel" : "serial");
-        sw.set(parallel);
-        std::vector<Info> results;
-        EXPECT_EQ(walk(results), tests);
-        EXPECT_EQ(pairsOf(results, unordered), expected);
-    }
-}
-
 // Self walk with radii or not, adjacent pairs tested or not, and leaves flagged disabled
 // (s % 7 == 3) and frozen (s % 3 != 0): pairs of two frozen leaves are pruned, disabled ones
 // unless the visitor intersects disabled leaves.
@@ -58,23 +44,19 @@ void checkSelf(const Strands& s, bool radii, bool adjacent, bool flags, bool int
         frozen[k] = k % 3 != 0;
         tree.setNodeFlags(i, disabled[k], frozen[k]);
     }
-    const std::vector<GmAxisAlignedBox> boxes = leafBoxes(tree);
     std::vector<GmSegmentSegmentInfo> scratch;
     GmSegmentSelfIntersector<N> reference(scratch, curves, s.positions, offsets);
-    std::multiset<Pair> expected;
-    std::uint64_t tests = 0;
-    for (std::uint64_t a = 0; a < n; ++a)
-        for (std::uint64_t b = a + 1; b < n; ++b) {
-            const GmCurveSegment &sa = *curves.getPrimitive(a), &sb = *curves.getPrimitive(b);
-            if ((!intersectDisabled && (disabled[a] || disabled[b])) || (frozen[a] && frozen[b])) continue;
-            if (!adjacent && reference.isAdjacent(sa, sb)) continue;
-            tests += boxes[a].overlaps(boxes[b]);
+    auto seg = [&](std::uint64_t k) -> const GmCurveSegment& { return *curves.getPrimitive(k); };
+    const auto brute = bruteForce(
+        tree, tree,
+        [&](std::uint64_t a, std::uint64_t b) {
+            return (!intersectDisabled && (disabled[a] || disabled[b])) || (frozen[a] && frozen[b]) ||
+                   (!adjacent && reference.isAdjacent(seg(a), seg(b)));
+        },
+        [&](std::uint64_t a, std::uint64_t b) {
             GmSegmentSegmentInfo r;
-            if (reference.test(sa, sb, r)) {
-                EXPECT_TRUE(boxes[a].overlaps(boxes[b])) << "boxes miss a contact " << a << " " << b;
-                expected.insert(key(std::int64_t(a), std::int64_t(b)));
-            }
-        }
+            return reference.test(seg(a), seg(b), r);
+        });
     expectWalk<GmSegmentSegmentInfo>(
         [&](std::vector<GmSegmentSegmentInfo>& results) {
             GmSegmentSelfIntersector<N> visitor(results, curves, s.positions, offsets);
@@ -83,7 +65,7 @@ void checkSelf(const Strands& s, bool radii, bool adjacent, bool flags, bool int
             tree.selfIntersect(visitor);
             return visitor.getNumberTests();
         },
-        expected, tests, true);
+        brute, true);
 }
 
 }  // namespace
@@ -131,27 +113,23 @@ TEST(CurveTraversal, CurveCurveFindsExactlyTheBruteForcePairs) {
             const GmCurves ca(sa.segments), cb(sb.segments);
             const std::vector<double>*ra = radii ? &sa.radii : nullptr, *rb = radii ? &sb.radii : nullptr;
             const GmCurveBoundingTree ta(ca, sa.positions, 0.0, ra), tb(cb, sb.positions, 0.0, rb);
-            const std::vector<GmAxisAlignedBox> ba = leafBoxes(ta), bb = leafBoxes(tb);
             auto r = [&](const Strands& s, std::uint64_t v) { return radii ? s.radii[v] : 0.0; };
-            std::multiset<Pair> expected;
-            std::uint64_t tests = 0;
-            for (std::uint64_t a = 0; a < ca.getNumberPrimitives(); ++a)
-                for (std::uint64_t b = 0; b < cb.getNumberPrimitives(); ++b) {
-                    tests += ba[a].overlaps(bb[b]);
+            const auto brute = bruteForce(
+                ta, tb, [](std::uint64_t, std::uint64_t) { return false; },
+                [&](std::uint64_t a, std::uint64_t b) {
                     const GmCurveSegment &x = *ca.getPrimitive(a), &y = *cb.getPrimitive(b);
                     GmSegmentSegmentInfo info;
-                    if (GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1], r(sa, x.vertex0),
-                                                         r(sa, x.vertex1), sb.positions[y.vertex0], sb.positions[y.vertex1],
-                                                         r(sb, y.vertex0), r(sb, y.vertex1), info))
-                        expected.insert(Pair(std::int64_t(a), std::int64_t(b)));
-                }
+                    return GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1], r(sa, x.vertex0),
+                                                            r(sa, x.vertex1), sb.positions[y.vertex0], sb.positions[y.vertex1],
+                                                            r(sb, y.vertex0), r(sb, y.vertex1), info);
+                });
             expectWalk<GmSegmentSegmentInfo>(
                 [&](std::vector<GmSegmentSegmentInfo>& results) {
                     GmSegmentIntersector visitor(results, ca, cb, sa.positions, sb.positions, ra, rb);
                     ta.intersect(tb, visitor);
                     return visitor.getNumberTests();
                 },
-                expected, tests, false);
+                brute, false);
         }
 }
 
@@ -204,7 +182,7 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
             tree.intersect(faces, visitor);
             return visitor.getNumberTests();
         },
-        expected, tests, false);
+        std::make_pair(expected, tests), false);
     std::vector<const GmCurveSegment*> segs;
     tree.getIntersectCandidates(h, segs);
     std::multiset<Pair> got;

@@ -211,42 +211,33 @@ TEST(CurveContinuous, RandomMotionsAgainstSampledDistance) {
 // tests exactly the pairs whose leaf boxes overlap and finds exactly the brute-force contacts,
 // serially and in parallel.
 TEST(CurveContinuous, StrandWalksMatchBruteForce) {
-    ThreadingSwitch threads;
     const Scene s1(21, 80, 20), s2(42, 60, 30);
     for (bool self : {true, false}) {
         SCOPED_TRACE(self ? "self" : "two trees");
         const Scene& other = self ? s1 : s2;
-        const std::vector<GmAxisAlignedBox> b1 = leafBoxes(s1.tree), b2 = leafBoxes(other.tree);
-        std::vector<Info> brute;
-        std::uint64_t overlapping = 0;
-        GmSegmentContinuousIntersector ref(brute, s1.curves, s1.s.positions, s1.end, &s1.s.radii);
+        std::vector<Info> scratch;
+        GmSegmentContinuousIntersector ref(scratch, s1.curves, s1.s.positions, s1.end, &s1.s.radii);
         if (!self) ref.setOther(other.curves, other.s.positions, other.end, &other.s.radii);
         const auto &p1 = s1.curves.getPrimitives(), &p2 = other.curves.getPrimitives();
-        for (std::size_t i = 0; i < p1.size(); ++i)
-            for (std::size_t j = self ? i + 1 : 0; j < p2.size(); ++j) {
-                if (self && ref.isAdjacent(*p1[i], *p2[j])) continue;
-                overlapping += b1[i].overlaps(b2[j]);
+        const auto brute = bruteForce(
+            s1.tree, other.tree, [&](std::uint64_t a, std::uint64_t b) { return self && ref.isAdjacent(*p1[a], *p2[b]); },
+            [&](std::uint64_t a, std::uint64_t b) {
                 Info r;
-                if (ref.test(*p1[i], *p2[j], r)) brute.push_back(r);
-            }
-        ASSERT_GT(brute.size(), 10u);
-        for (bool parallel : {false, true}) {
-            threads.set(parallel);
-            std::vector<Info> found;
-            GmSegmentContinuousIntersector v(found, s1.curves, s1.s.positions, s1.end, &s1.s.radii);
-            if (self) {
-                s1.tree.selfIntersect(v);
-            } else {
-                v.setOther(other.curves, other.s.positions, other.end, &other.s.radii);
-                s1.tree.intersect(other.tree, v);
-            }
-            EXPECT_EQ(v.getNumberTests(), overlapping);
-            for (Info& r : found)  // the self walk hands a pair in either order
-                if (self && r.index1 > r.index2) {
-                    ASSERT_TRUE(ref.test(*p1[std::size_t(r.index2)], *p1[std::size_t(r.index1)], r));
+                return ref.test(*p1[a], *p2[b], r);
+            });
+        ASSERT_GT(brute.first.size(), 10u);
+        expectWalk<Info>(
+            [&](std::vector<Info>& found) {
+                GmSegmentContinuousIntersector v(found, s1.curves, s1.s.positions, s1.end, &s1.s.radii);
+                if (self) {
+                    s1.tree.selfIntersect(v);
+                } else {
+                    v.setOther(other.curves, other.s.positions, other.end, &other.s.radii);
+                    s1.tree.intersect(other.tree, v);
                 }
-            EXPECT_EQ(keys(found), keys(brute));
-        }
+                return v.getNumberTests();
+            },
+            brute, self);
     }
 }
 
