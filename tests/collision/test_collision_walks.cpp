@@ -21,15 +21,22 @@ ComponentTests testsOf(GmInterferenceType t) {
                                                   : GmIntersection::kEdgeEdgeTests;
 }
 
-// Record fields shared by the contact kinds: object indices and a type the tests allow.
+// Record fields shared by the contact kinds: object indices, a type the tests allow, the time in
+// range and, given the meshes, an edge-edge record's vertices as consecutive corners of each face.
 template <class Record>
-void expectFields(const std::vector<Record>& found, int object1, int object2, ComponentTests tests) {
+void expectFields(const std::vector<Record>& found, int object1, int object2, ComponentTests tests,
+                  const GmTriangleMesh* m1 = nullptr, const GmTriangleMesh* m2 = nullptr) {
     if constexpr (std::is_base_of_v<GmTriangleInterferenceInfo, Record>)
         for (const Record& r : found) {
             EXPECT_EQ(r.objectIndex1, object1);
             EXPECT_EQ(r.objectIndex2, object2);
             EXPECT_EQ((testsOf(r.type) & tests).bits(), testsOf(r.type).bits()) << int(r.type);
             EXPECT_TRUE(r.time >= 0.0 && r.time <= 1.0) << r.time;
+            for (int k = 0; m1 != nullptr && r.type == GmInterferenceType::EDGE_EDGE && k < 2; ++k) {
+                const int* c = (k == 0 ? m1 : m2)->getFace(k == 0 ? r.triangleIndex1 : r.triangleIndex2).vertices;
+                const std::ptrdiff_t i = std::find(c, c + 3, r.vertexIndices[2 * k]) - c;
+                EXPECT_TRUE(i < 3 && c[(i + 1) % 3] == r.vertexIndices[2 * k + 1]) << "edge " << k << " of " << key(r);
+            }
         }
 }
 
@@ -44,7 +51,7 @@ void checkSelf(const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& tree
     ASSERT_EQ(!found.empty(), contacts);
     EXPECT_GT(metrics.narrowPhaseTests(), 0u);
     expectMatchesBruteForce(&mesh, found, bruteForce<Record>(&mesh, boxes, boxes, kernel));
-    expectFields(found, object, object, tests);
+    expectFields(found, object, object, tests, &mesh, &mesh);
 
     std::vector<Record> adjacent, reference;
     std::set<FacePair> pairs;
