@@ -119,14 +119,15 @@ TEST(CollisionRules, AppendKeepsOldRecordsAndReturnsWhetherTheVectorGrew) {
     }
 }
 
-// Two triangles sharing vertex 0, the tip of the second moving up through the first: the
-// leaf pair is dropped before its box test; contacts come from the orphan entries only, each
-// entry's one test ANDed with the caller's.
+// Two triangles sharing vertex 0 (first corner of one, second of the other), the tip of the
+// second moving up through the first and its far edge across the first's: the leaf pair is
+// dropped before its box test; contacts come from the orphan entries only, each entry's one
+// test ANDed with the caller's.
 TEST(CollisionRules, AdjacentPairsOnlyThroughTheOrphanPass) {
     GmTriangleMesh m;
     m.addFace(Vec(0, 0, 0), Vec(1, 0, 0), Vec(0, 1, 0));
-    const int o = 0, b1 = m.addVertex(Vec(0.5, 0.2, 0.5)), b2 = m.addVertex(Vec(0.2, 0.5, -0.5));
-    m.addFace(o, b1, b2);
+    const int o = 0, b1 = m.addVertex(Vec(0.9, 0.6, 0.5)), b2 = m.addVertex(Vec(0.2, 0.5, -0.5));
+    m.addFace(b1, o, b2);
     m.finishConstruction();
     GmBoundingVolumeHierarchy plain(&m);
     GmBVHMetrics ms;
@@ -159,6 +160,8 @@ TEST(CollisionRules, AdjacentPairsOnlyThroughTheOrphanPass) {
             return r.type != GmInterferenceType::EDGE_EDGE && r.feature1 == b2;
         });
         EXPECT_TRUE(tip || tests != GmIntersection::kAllTests) << "the tip crossing the first face";
+        const bool edges = std::any_of(found.begin(), found.end(), [](const CT& r) { return r.type == GmInterferenceType::EDGE_EDGE; });
+        EXPECT_EQ(edges, (tests & GmIntersection::kEdgeEdgeTests).bits() != 0) << "the far edges crossing";
         for (const auto& r : found)
             EXPECT_TRUE(r.type == GmInterferenceType::VERTEX_FACE || tests != GmIntersection::kVertexFaceTests);
     }
