@@ -114,19 +114,26 @@ TEST(CurveTraversal, CurveCurveFindsExactlyTheBruteForcePairs) {
             const std::vector<double>*ra = radii ? &sa.radii : nullptr, *rb = radii ? &sb.radii : nullptr;
             const GmCurveBoundingTree ta(ca, sa.positions, 0.0, ra), tb(cb, sb.positions, 0.0, rb);
             auto r = [&](const Strands& s, std::uint64_t v) { return radii ? s.radii[v] : 0.0; };
-            const auto brute = bruteForce(
-                ta, tb, [](std::uint64_t, std::uint64_t) { return false; },
-                [&](std::uint64_t a, std::uint64_t b) {
-                    const GmCurveSegment &x = *ca.getPrimitive(a), &y = *cb.getPrimitive(b);
-                    GmSegmentSegmentInfo info;
-                    return GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1], r(sa, x.vertex0),
-                                                            r(sa, x.vertex1), sb.positions[y.vertex0], sb.positions[y.vertex1],
-                                                            r(sb, y.vertex0), r(sb, y.vertex1), info);
-                });
+            auto kernel = [&](std::uint64_t a, std::uint64_t b, GmSegmentSegmentInfo& info) {
+                const GmCurveSegment &x = *ca.getPrimitive(a), &y = *cb.getPrimitive(b);
+                return GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1], r(sa, x.vertex0),
+                                                        r(sa, x.vertex1), sb.positions[y.vertex0], sb.positions[y.vertex1],
+                                                        r(sb, y.vertex0), r(sb, y.vertex1), info);
+            };
+            const auto brute = bruteForce(ta, tb, [](std::uint64_t, std::uint64_t) { return false; },
+                                          [&](std::uint64_t a, std::uint64_t b) {
+                                              GmSegmentSegmentInfo info;
+                                              return kernel(a, b, info);
+                                          });
             expectWalk<GmSegmentSegmentInfo>(
                 [&](std::vector<GmSegmentSegmentInfo>& results) {
                     GmSegmentIntersector visitor(results, ca, cb, sa.positions, sb.positions, ra, rb);
                     ta.intersect(tb, visitor);
+                    for (const GmSegmentSegmentInfo& got : results) {  // the kernel's record, radii included
+                        GmSegmentSegmentInfo want;
+                        kernel(std::uint64_t(got.index1), std::uint64_t(got.index2), want);
+                        EXPECT_TRUE(got.radius1 == want.radius1 && got.radius2 == want.radius2 && got.distance == want.distance);
+                    }
                     return visitor.getNumberTests();
                 },
                 brute, false);
