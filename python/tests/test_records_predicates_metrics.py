@@ -1,6 +1,4 @@
-"""Collision records of small scenes with known answers, exact predicates, metrics."""
-
-from fractions import Fraction
+"""Collision records of small scenes with known answers, predicates, metrics."""
 
 import numpy as np
 import pytest
@@ -12,93 +10,18 @@ CROSSING_V = np.array([[0, 0, 0], [2, 0, 0], [0, 2, 0], [0.5, 0.5, -1], [0.5, 0.
 CROSSING_F = np.array([[0, 1, 2], [3, 5, 4]])
 
 
-def test_static_self_intersection_points_lie_on_both_triangles():
-    tree = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F))
-    res = tree.self_intersections()
+def test_static_self_intersection_and_metrics():
+    tree, m = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F)), qg.Metrics()
+    res = tree.self_intersections(metrics=m)
     assert len(res.pairs) == 1 and res.pairs.dtype == qg.intersection_pair_dtype
     pair = res.pairs[0]
     assert {pair["triangle1"], pair["triangle2"]} == {0, 1}
     pts = res.points[pair["first_point"]: pair["first_point"] + pair["point_count"]]
-    assert len(pts) >= 1
-    np.testing.assert_allclose(pts[:, 2], 0.0, atol=1e-12)  # on the horizontal triangle's plane
-    # ... and on the vertical triangle's plane.
+    assert len(pts) >= 1  # on the horizontal triangle's plane and on the vertical one's
+    np.testing.assert_allclose(pts[:, 2], 0.0, atol=1e-12)
     n = np.cross(CROSSING_V[5] - CROSSING_V[3], CROSSING_V[4] - CROSSING_V[3])
     np.testing.assert_allclose((pts - CROSSING_V[3]) @ n, 0.0, atol=1e-12)
-
-
-def two_meshes(gap):
-    """A unit triangle at z = 0 and a small one whose lowest vertex is gap above (0.25, 0.25)."""
-    a = qg.Mesh(np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], float), [[0, 1, 2]])
-    top = np.array([[0.25, 0.25, gap], [0.35, 0.25, gap + 0.3], [0.25, 0.35, gap + 0.3]])
-    return a, qg.Mesh(top, [[0, 1, 2]]), top
-
-
-@pytest.mark.parametrize("kind", ["proximity", "continuous"])
-def test_vertex_face_contact_records(kind):
-    bottom, top_mesh, top = two_meshes(0.01)
-    if kind == "proximity":
-        ta, tb = qg.Tree.thickened(bottom, 0.05), qg.Tree.thickened(top_mesh, 0.05)
-        rec = tb.proximity(ta, 0.05, tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
-        assert rec.dtype == qg.proximity_dtype
-    else:
-        end = top - [0, 0, 0.03]  # the vertex passes z = 0 at a third of the step
-        ta = qg.Tree.swept(bottom, bottom.positions)
-        tb = qg.Tree.swept(top_mesh, end)
-        rec = tb.continuous(ta, tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
-        assert rec.dtype == qg.continuous_dtype
-        np.testing.assert_allclose(rec["time"], 1 / 3, rtol=1e-9)
-    assert len(rec) == 1
-    r = rec[0]
-    assert (r["object1"], r["object2"], r["triangle1"], r["triangle2"]) == (1, 0, 0, 0)
-    assert r["type"] == qg.VERTEX_FACE and r["vertices"][0] == 0 and list(r["vertices"][1:]) == [0, 1, 2]
-    np.testing.assert_allclose(r["point"][:2], [0.25, 0.25], atol=1e-12)
-    np.testing.assert_allclose(r["barycentric2"], [0.5, 0.25, 0.25], atol=1e-12)
-    np.testing.assert_allclose(abs(r["normal"][2]), 1.0, atol=1e-12)
-    if kind == "proximity":
-        np.testing.assert_allclose(r["distance"], 0.01, atol=1e-12)
-        # Farther apart than the distance: nothing.
-        far_a, far_b, _ = two_meshes(0.2)
-        assert len(qg.Tree.thickened(far_b, 0.05).proximity(qg.Tree.thickened(far_a, 0.05), 0.05)) == 0
-
-
-def exact_orient(rows):
-    """Sign of det(rows[:-1] - rows[-1]) in exact rationals."""
-    m = [[Fraction(x) - Fraction(y) for x, y in zip(r, rows[-1])] for r in rows[:-1]]
-    if len(m) == 2:
-        return np.sign(m[0][0] * m[1][1] - m[0][1] * m[1][0])
-    det = (m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0])
-           + m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]))
-    return np.sign(det)
-
-
-@pytest.mark.parametrize("dim", [2, 3])
-def test_predicate_signs_are_exact_on_nearly_degenerate_points(dim):
-    rng = np.random.default_rng(dim)
-    n = 400
-    a, b = rng.random((n, dim)), rng.random((n, dim))
-    # Points on the line / plane of the others, then nudged by a few units in the last place.
-    pts = [a, b]
-    if dim == 3:
-        pts.append(rng.random((n, dim)))
-    w = rng.random((n, len(pts)))
-    w /= w.sum(1, keepdims=True)
-    last = sum(w[:, k:k + 1] * pts[k] for k in range(len(pts)))
-    last = last + rng.integers(-2, 3, last.shape) * np.spacing(last)
-    pts.append(last)
-    scale = 2.0 ** rng.integers(-20, 20, (n, 1))  # exact: the signs do not change
-    pts = [p * scale for p in pts]
-    got = (qg.orient2d if dim == 2 else qg.orient3d)(*pts)
-    # The library's convention: orient3d is positive when d lies below, i.e. det(a-d, b-d, c-d) > 0.
-    want = [exact_orient([p[i] for p in pts]) for i in range(n)]
-    np.testing.assert_array_equal(np.sign(got), want)
-    assert (np.array(want) == 0).sum() < n  # not all degenerate
-
-
-def test_metrics_as_dict_and_text():
-    tree = qg.Tree(qg.Mesh(CROSSING_V, CROSSING_F))
-    m = qg.Metrics()
-    tree.self_intersections(metrics=m)
-    tree.self_intersections(metrics=m)
+    tree.self_intersections(metrics=m)  # counters accumulate
     d = m.as_dict()
     assert d["broad_phase_candidates"] > 0 and d["broad_phase_candidates"] % 2 == 0
     assert d["narrow_phase_prune_rate"] == pytest.approx(
@@ -109,3 +32,56 @@ def test_metrics_as_dict_and_text():
     m2 = same = qg.Metrics()
     m2 += m
     assert m2 is same and m2 == m and qg.Metrics().as_dict()["edge_edge_prune_rate"] == 100.0
+
+
+BOTTOM = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0]], float)
+
+
+def top(gap):
+    """A small triangle whose lowest vertex is gap above (0.25, 0.25) of the unit triangle BOTTOM."""
+    return np.array([[0.25, 0.25, gap], [0.35, 0.25, gap + 0.3], [0.25, 0.35, gap + 0.3]])
+
+
+@pytest.mark.parametrize("kind", ["proximity", "continuous", "continuous self"])
+def test_vertex_face_contact_records(kind):
+    bottom, upper = qg.Mesh(BOTTOM, [[0, 1, 2]]), qg.Mesh(top(0.01), [[0, 1, 2]])
+    if kind == "proximity":
+        rec = qg.Tree.thickened(upper, 0.05).proximity(qg.Tree.thickened(bottom, 0.05), 0.05, tests=qg.VERTEX_FACE_TESTS,
+                                                       object_index1=1, object_index2=0)
+        assert rec.dtype == qg.proximity_dtype
+        far = qg.Tree.thickened(qg.Mesh(top(0.2), [[0, 1, 2]]), 0.05)
+        assert len(far.proximity(qg.Tree.thickened(bottom, 0.05), 0.05)) == 0  # farther apart than the distance
+    elif kind == "continuous":  # the vertex passes z = 0 at a third of the step
+        tb = qg.Tree.swept(upper, top(0.01) - [0, 0, 0.03])
+        rec = tb.continuous(qg.Tree.swept(bottom, BOTTOM), tests=qg.VERTEX_FACE_TESTS, object_index1=1, object_index2=0)
+    else:  # both in one mesh: the face comes first, the vertex is vertex 3
+        both = qg.Mesh(np.concatenate([BOTTOM, top(0.01)]), [[0, 1, 2], [3, 4, 5]])
+        rec = qg.Tree.swept(both, np.concatenate([BOTTOM, top(0.01) - [0, 0, 0.03]])).continuous_self(metrics=qg.Metrics())
+    assert len(rec) == 1
+    r = rec[0]
+    if kind == "continuous self":
+        assert (r["triangle1"], r["triangle2"], r["type"], r["feature1"], r["feature2"]) == (0, 1, qg.FACE_VERTEX, 3, 0)
+        np.testing.assert_array_equal(r["vertices"], [0, 1, 2, 3])
+        np.testing.assert_allclose(r["barycentric1"], [0.5, 0.25, 0.25], atol=1e-12)
+    else:
+        assert (r["object1"], r["object2"], r["triangle1"], r["triangle2"]) == (1, 0, 0, 0)
+        assert r["type"] == qg.VERTEX_FACE and list(r["vertices"]) == [0, 0, 1, 2]
+        np.testing.assert_allclose(r["barycentric2"], [0.5, 0.25, 0.25], atol=1e-12)
+    if kind == "proximity":
+        np.testing.assert_allclose(r["distance"], 0.01, atol=1e-12)
+    else:
+        assert rec.dtype == qg.continuous_dtype
+        np.testing.assert_allclose(rec["time"], 1 / 3, rtol=1e-9)
+    np.testing.assert_allclose(r["point"][:2], [0.25, 0.25], atol=1e-12)
+    np.testing.assert_allclose(abs(r["normal"][2]), 1.0, atol=1e-12)
+
+
+def test_predicates_vectorise_with_the_determinant_sign():
+    # Positive when det(a - d, b - d, c - d) > 0 (d below abc), likewise in 2-D; exactness near
+    # degenerate inputs is the C++ tests' business.
+    rng = np.random.default_rng(1)
+    for dim, orient in [(2, qg.orient2d), (3, qg.orient3d)]:
+        pts = [rng.random((100, dim)) for _ in range(dim + 1)]
+        want = np.sign(np.linalg.det(np.stack([p - pts[-1] for p in pts[:-1]], 1)))
+        np.testing.assert_array_equal(np.sign(orient(*pts)), want)
+        assert np.sign(orient(*[p[0] for p in pts])) == want[0]  # one point set: a number

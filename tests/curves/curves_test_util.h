@@ -11,6 +11,8 @@
 
 #include <quarrygeom/core/tarnCollision.h>
 #include <quarrygeom/curves/curves.h>
+#include <gtest/gtest.h>
+
 #include "../support/threading.h"
 
 namespace curvetest {
@@ -88,6 +90,40 @@ inline std::vector<GmAxisAlignedBox> leafBoxes(const GmCurveBoundingTree& tree) 
         boxes[node.primitive->index] = node.box;
     }
     return boxes;
+}
+
+// Brute force over the primitive pairs of two trees (a < b when both are one tree): `skip(a, b)`
+// leaves a pair out, `hit(a, b)` is the reference contact test. Returns the pairs hit and the
+// number of pairs kept whose leaf boxes overlap: the tests a walk makes.
+template <class Skip, class Hit>
+std::pair<std::multiset<Pair>, std::uint64_t> bruteForce(const GmCurveBoundingTree& t1, const GmCurveBoundingTree& t2,
+                                                         Skip&& skip, Hit&& hit) {
+    const std::vector<GmAxisAlignedBox> b1 = leafBoxes(t1), b2 = leafBoxes(t2);
+    std::pair<std::multiset<Pair>, std::uint64_t> out{{}, 0};
+    for (std::uint64_t a = 0; a < b1.size(); ++a)
+        for (std::uint64_t b = &t1 == &t2 ? a + 1 : 0; b < b2.size(); ++b) {
+            if (skip(a, b)) continue;
+            out.second += b1[a].overlaps(b2[b]);
+            if (hit(a, b)) {
+                EXPECT_TRUE(b1[a].overlaps(b2[b])) << "boxes miss a contact " << a << " " << b;
+                out.first.insert(Pair(std::int64_t(a), std::int64_t(b)));
+            }
+        }
+    return out;
+}
+
+// Runs `walk(results) -> number of tests` serially and in parallel: the pairs found (unordered
+// for a self walk) and the tests made are those of the brute force.
+template <class Info, class Walk>
+void expectWalk(Walk&& walk, const std::pair<std::multiset<Pair>, std::uint64_t>& brute, bool unordered) {
+    ThreadingSwitch sw;
+    for (bool parallel : {false, true}) {
+        SCOPED_TRACE(parallel ? "parallel" : "serial");
+        sw.set(parallel);
+        std::vector<Info> results;
+        EXPECT_EQ(walk(results), brute.second);
+        EXPECT_EQ(pairsOf(results, unordered), brute.first);
+    }
 }
 
 }  // namespace curvetest

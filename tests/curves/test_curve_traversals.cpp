@@ -22,73 +22,50 @@ struct Scene {
 };
 
 std::vector<Scene> scenes() {
-    std::vector<Scene> out;
-    out.push_back({"random", randomWalks(1, 60, 30, 4.0, 0.1, 0.02)});
-    out.push_back({"tangled", randomWalks(2, 24, 50, 0.6, 0.08, 0.015)});
+    std::vector<Scene> out = {{"random", randomWalks(1, 60, 30, 4.0, 0.1, 0.02)},
+                              {"tangled", randomWalks(2, 24, 50, 0.6, 0.08, 0.015)}};
     for (double scale : {1.0, 0x1p-30, 0x1p30}) out.push_back({"degenerate " + std::to_string(scale), degenerate(scale)});
     return out;
 }
 
-// Flags on some leaves: (disabled, frozen) by segment index.
-struct Flags {
-    std::vector<char> disabled, frozen;
-};
-Flags flagLeaves(GmCurveBoundingTree& tree, bool on) {
-    const std::uint64_t n = tree.getNumberLeafNodes();
-    Flags f{std::vector<char>(n, 0), std::vector<char>(n, 0)};
-    if (!on) return f;
-    for (std::uint64_t i = n - 1; i < 2 * n - 1; ++i) {
-        const std::uint64_t s = tree.getNode(i).primitive->index;
-        f.disabled[s] = s % 7 == 3;
-        f.frozen[s] = s % 3 != 0;
-        tree.setNodeFlags(i, f.disabled[s], f.frozen[s]);
-    }
-    return f;
-}
-
-bool pruned(const Flags& f, std::uint64_t a, std::uint64_t b, bool intersectDisabled) {
-    return (!intersectDisabled && (f.disabled[a] || f.disabled[b])) || (f.frozen[a] && f.frozen[b]);
-}
-
+// Self walk with radii or not, adjacent pairs tested or not, and leaves flagged disabled
+// (s % 7 == 3) and frozen (s % 3 != 0): pairs of two frozen leaves are pruned, disabled ones
+// unless the visitor intersects disabled leaves.
 template <int N>
-void checkSelf(const Scene& scene, bool radii, bool adjacent, bool flags, bool intersectDisabled) {
-    const Strands& s = scene.strands;
+void checkSelf(const Strands& s, bool radii, bool adjacent, bool flags, bool intersectDisabled) {
     const GmCurves curves(s.segments);
     const std::vector<double>* offsets = radii ? &s.radii : nullptr;
     GmCurveBoundingTree tree(curves, s.positions, 0.0, offsets);
-    const Flags f = flagLeaves(tree, flags);
-    const std::vector<GmAxisAlignedBox> boxes = leafBoxes(tree);
-
+    const std::uint64_t n = curves.getNumberPrimitives();
+    std::vector<char> disabled(n, 0), frozen(n, 0);
+    for (std::uint64_t i = n - 1; flags && i < 2 * n - 1; ++i) {
+        const std::uint64_t k = tree.getNode(i).primitive->index;
+        disabled[k] = k % 7 == 3;
+        frozen[k] = k % 3 != 0;
+        tree.setNodeFlags(i, disabled[k], frozen[k]);
+    }
     std::vector<GmSegmentSegmentInfo> scratch;
     GmSegmentSelfIntersector<N> reference(scratch, curves, s.positions, offsets);
-    std::multiset<Pair> expected;
-    std::uint64_t expectedTests = 0;
-    const std::uint64_t n = curves.getNumberPrimitives();
-    for (std::uint64_t a = 0; a < n; ++a)
-        for (std::uint64_t b = a + 1; b < n; ++b) {
-            const GmCurveSegment& sa = *curves.getPrimitive(a);
-            const GmCurveSegment& sb = *curves.getPrimitive(b);
-            if (pruned(f, a, b, intersectDisabled) || (!adjacent && reference.isAdjacent(sa, sb))) continue;
-            if (boxes[a].overlaps(boxes[b])) ++expectedTests;
+    auto seg = [&](std::uint64_t k) -> const GmCurveSegment& { return *curves.getPrimitive(k); };
+    const auto brute = bruteForce(
+        tree, tree,
+        [&](std::uint64_t a, std::uint64_t b) {
+            return (!intersectDisabled && (disabled[a] || disabled[b])) || (frozen[a] && frozen[b]) ||
+                   (!adjacent && reference.isAdjacent(seg(a), seg(b)));
+        },
+        [&](std::uint64_t a, std::uint64_t b) {
             GmSegmentSegmentInfo r;
-            if (reference.test(sa, sb, r)) {
-                EXPECT_TRUE(boxes[a].overlaps(boxes[b])) << "boxes miss a contact " << a << " " << b;
-                expected.insert(key(std::int64_t(a), std::int64_t(b)));
-            }
-        }
-
-    ThreadingSwitch sw;
-    for (bool parallel : {false, true}) {
-        SCOPED_TRACE(parallel ? "parallel" : "serial");
-        sw.set(parallel);
-        std::vector<GmSegmentSegmentInfo> results;
-        GmSegmentSelfIntersector<N> visitor(results, curves, s.positions, offsets);
-        visitor.setIntersectAdjacent(adjacent);
-        visitor.setIntersectDisabled(intersectDisabled);
-        tree.selfIntersect(visitor);
-        EXPECT_EQ(pairsOf(results, true), expected);
-        EXPECT_EQ(visitor.getNumberTests(), expectedTests);
-    }
+            return reference.test(seg(a), seg(b), r);
+        });
+    expectWalk<GmSegmentSegmentInfo>(
+        [&](std::vector<GmSegmentSegmentInfo>& results) {
+            GmSegmentSelfIntersector<N> visitor(results, curves, s.positions, offsets);
+            visitor.setIntersectAdjacent(adjacent);
+            visitor.setIntersectDisabled(intersectDisabled);
+            tree.selfIntersect(visitor);
+            return visitor.getNumberTests();
+        },
+        brute, true);
 }
 
 }  // namespace
@@ -98,13 +75,13 @@ TEST(CurveTraversal, SelfFindsExactlyTheBruteForcePairs) {
         for (int config = 0; config < 6; ++config) {
             const bool radii = config != 1, adjacent = config == 2, flags = config >= 4, intersectDisabled = config == 5;
             SCOPED_TRACE(scene.name + " config " + std::to_string(config));
-            checkSelf<1>(scene, radii, adjacent, flags, intersectDisabled);
-            checkSelf<3>(scene, radii, adjacent, flags, intersectDisabled);
+            checkSelf<1>(scene.strands, radii, adjacent, flags, intersectDisabled);
+            checkSelf<3>(scene.strands, radii, adjacent, flags, intersectDisabled);
         }
 }
 
 TEST(CurveTraversal, SelfAdjacencyRules) {
-    // One straight strand folded so that every segment touches every other one.
+    // One strand folded back and forth on one line: every segment touches every other one.
     const GmCurves curves(std::vector<std::size_t>{6});
     Positions p;
     for (int k = 0; k <= 6; ++k) p.push_back(Vec(k % 2, 0, 0));
@@ -124,67 +101,57 @@ TEST(CurveTraversal, SelfAdjacencyRules) {
     EXPECT_FALSE(v3.isAdjacent(*curves.getPrimitive(0), *curves.getPrimitive(3)));
     v1.setIntersectAdjacent(true);
     tree.selfIntersect(v1);
-    EXPECT_EQ(r1.size(), 15u);  // every pair of segments of a folded strand meets
+    EXPECT_EQ(r1.size(), 15u);
 }
 
 TEST(CurveTraversal, CurveCurveFindsExactlyTheBruteForcePairs) {
     const std::vector<Scene> all = scenes();
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        const Strands& sa = all[i].strands;
-        const Strands& sb = all[(i + 1) % all.size()].strands;
+    for (std::size_t i = 0; i < all.size(); ++i)
         for (bool radii : {false, true}) {
+            const Strands &sa = all[i].strands, &sb = all[(i + 1) % all.size()].strands;
             SCOPED_TRACE(all[i].name + (radii ? " radii" : ""));
             const GmCurves ca(sa.segments), cb(sb.segments);
-            const std::vector<double>* ra = radii ? &sa.radii : nullptr;
-            const std::vector<double>* rb = radii ? &sb.radii : nullptr;
+            const std::vector<double>*ra = radii ? &sa.radii : nullptr, *rb = radii ? &sb.radii : nullptr;
             const GmCurveBoundingTree ta(ca, sa.positions, 0.0, ra), tb(cb, sb.positions, 0.0, rb);
-            const std::vector<GmAxisAlignedBox> ba = leafBoxes(ta), bb = leafBoxes(tb);
-            std::multiset<Pair> expected;
-            std::uint64_t expectedTests = 0;
-            for (std::uint64_t a = 0; a < ca.getNumberPrimitives(); ++a)
-                for (std::uint64_t b = 0; b < cb.getNumberPrimitives(); ++b) {
-                    if (ba[a].overlaps(bb[b])) ++expectedTests;
-                    const GmCurveSegment& x = *ca.getPrimitive(a);
-                    const GmCurveSegment& y = *cb.getPrimitive(b);
-                    GmSegmentSegmentInfo r;
-                    if (GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1],
-                                                         radii ? sa.radii[x.vertex0] : 0, radii ? sa.radii[x.vertex1] : 0,
-                                                         sb.positions[y.vertex0], sb.positions[y.vertex1],
-                                                         radii ? sb.radii[y.vertex0] : 0, radii ? sb.radii[y.vertex1] : 0, r))
-                        expected.insert(Pair(std::int64_t(a), std::int64_t(b)));
-                }
-            ThreadingSwitch sw;
-            for (bool parallel : {false, true}) {
-                sw.set(parallel);
-                std::vector<GmSegmentSegmentInfo> results;
-                GmSegmentIntersector visitor(results, ca, cb, sa.positions, sb.positions, ra, rb);
-                ta.intersect(tb, visitor);
-                EXPECT_EQ(pairsOf(results, false), expected) << parallel;
-                EXPECT_EQ(visitor.getNumberTests(), expectedTests) << parallel;
-            }
+            auto r = [&](const Strands& s, std::uint64_t v) { return radii ? s.radii[v] : 0.0; };
+            auto kernel = [&](std::uint64_t a, std::uint64_t b, GmSegmentSegmentInfo& info) {
+                const GmCurveSegment &x = *ca.getPrimitive(a), &y = *cb.getPrimitive(b);
+                return GmSegmentKernels::segmentSegment(sa.positions[x.vertex0], sa.positions[x.vertex1], r(sa, x.vertex0),
+                                                        r(sa, x.vertex1), sb.positions[y.vertex0], sb.positions[y.vertex1],
+                                                        r(sb, y.vertex0), r(sb, y.vertex1), info);
+            };
+            const auto brute = bruteForce(ta, tb, [](std::uint64_t, std::uint64_t) { return false; },
+                                          [&](std::uint64_t a, std::uint64_t b) {
+                                              GmSegmentSegmentInfo info;
+                                              return kernel(a, b, info);
+                                          });
+            expectWalk<GmSegmentSegmentInfo>(
+                [&](std::vector<GmSegmentSegmentInfo>& results) {
+                    GmSegmentIntersector visitor(results, ca, cb, sa.positions, sb.positions, ra, rb);
+                    ta.intersect(tb, visitor);
+                    for (const GmSegmentSegmentInfo& got : results) {  // the kernel's record, radii included
+                        GmSegmentSegmentInfo want;
+                        kernel(std::uint64_t(got.index1), std::uint64_t(got.index2), want);
+                        EXPECT_TRUE(got.radius1 == want.radius1 && got.radius2 == want.radius2 && got.distance == want.distance);
+                    }
+                    return visitor.getNumberTests();
+                },
+                brute, false);
         }
-    }
 }
 
-namespace {
-
-// A body and strands that pass through it, touch it and stop short of it.
-struct Body {
-    GmTriangleMesh mesh = qgtools::makeIcosphere(2, 1.0);
-    Strands strands = randomWalks(3, 40, 12, 2.4, 0.25, 0.0);
-    Body() {
-        for (Vec& p : strands.positions) p -= Vec(1.2, 1.2, 1.2);
-    }
-};
-
-}  // namespace
-
+// Strands that pass through a sphere, touch it and stop short of it, against the sphere's
+// faces with every third face disabled: all crossings, or those through enabled faces, and
+// per strand the first-hit visitor.
 TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
-    const Body body;
-    const Strands& s = body.strands;
+    GmTriangleMesh mesh = qgtools::makeIcosphere(2, 1.0);
+    Strands s = randomWalks(3, 40, 12, 2.4, 0.25, 0.0);
+    for (Vec& p : s.positions) p -= Vec(1.2, 1.2, 1.2);
+    GmDisabledData mask(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); f += 3) mask.setFaceDisabled(f);
     const GmCurves curves(s.segments);
     const GmCurveBoundingTree tree(curves, s.positions, 0.0, nullptr);
-    const GmBoundingTree faces(const_cast<GmTriangleMesh*>(&body.mesh));
+    const GmBoundingTree faces(&mesh), masked(&mesh, &mask);
     const GmBoundingVolumeHierarchy& h = *faces.getHierarchy();
     const std::vector<GmAxisAlignedBox> boxes = leafBoxes(tree);
     std::map<int, GmAxisAlignedBox> faceBoxes;
@@ -192,56 +159,59 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
     h.getLeafRange(first, last);
     for (int i = first; i < last; ++i) faceBoxes[h.getNode(i).primitive->index] = h.getNode(i).box;
 
-    std::multiset<Pair> expected, candidates;
-    std::uint64_t expectedTests = 0;
-    const std::vector<Vec>& v = body.mesh.getVertices();
+    std::multiset<Pair> expected, enabled, candidates;
+    std::uint64_t tests = 0;
+    const std::vector<Vec>& v = mesh.getVertices();
     for (std::uint64_t a = 0; a < curves.getNumberPrimitives(); ++a)
-        for (int f = 0; f < body.mesh.getNumberFaces(); ++f) {
-            const GmTriangleFace& face = body.mesh.getFace(f);
-            if (boxes[a].overlaps(faceBoxes[f])) {
-                ++expectedTests;
-                candidates.insert(Pair(std::int64_t(a), 0));
-            }
+        for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+            if (boxes[a].overlaps(faceBoxes[f])) ++tests, candidates.insert(Pair(std::int64_t(a), 0));
             const GmCurveSegment& seg = *curves.getPrimitive(a);
+            const int* c = mesh.getFace(f).vertices;
             GmSegmentFaceInfo r;
-            if (GmSegmentKernels::segmentTriangle(s.positions[seg.vertex0], s.positions[seg.vertex1], v[face.vertices[0]],
-                                                  v[face.vertices[1]], v[face.vertices[2]], 0.0, r))
+            if (GmSegmentKernels::segmentTriangle(s.positions[seg.vertex0], s.positions[seg.vertex1], v[c[0]], v[c[1]],
+                                                  v[c[2]], 0.0, r)) {
                 expected.insert(Pair(std::int64_t(a), f));
+                if (!mask.isDisabled(f)) enabled.insert(Pair(std::int64_t(a), f));
+            }
         }
-    ASSERT_GT(expected.size(), 10u);
-
-    std::vector<GmSegmentFaceInfo> results;
-    GmSegmentMeshIntersector visitor(results, curves, s.positions, body.mesh);
-    tree.intersect(faces, visitor);  // through the facade
-    EXPECT_EQ(pairsOf(results, false), expected);
-    EXPECT_EQ(visitor.getNumberTests(), expectedTests);
-
+    ASSERT_GT(enabled.size(), 10u);
+    ASSERT_LT(enabled.size(), expected.size());
+    for (bool include : {false, true}) {
+        std::vector<GmSegmentFaceInfo> results;
+        GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
+        visitor.setIntersectDisabled(include);
+        tree.intersect(masked, visitor);
+        EXPECT_EQ(pairsOf(results, false), include ? expected : enabled) << include;
+    }
+    expectWalk<GmSegmentFaceInfo>(
+        [&](std::vector<GmSegmentFaceInfo>& results) {
+            GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
+            tree.intersect(faces, visitor);
+            return visitor.getNumberTests();
+        },
+        std::make_pair(expected, tests), false);
     std::vector<const GmCurveSegment*> segs;
     tree.getIntersectCandidates(h, segs);
     std::multiset<Pair> got;
     for (const GmCurveSegment* seg : segs) got.insert(Pair(std::int64_t(seg->index), 0));
     EXPECT_EQ(got, candidates);
 
-    // Per strand, the first-hit visitor keeps a real hit exactly when the strand has one.
+    // Per strand the first-hit visitor keeps, of the crossings in walk order, the first segment's
+    // crossing of smallest parameter, skipping later segments once one hit; it counts the ones taken.
     for (std::uint64_t c = 0; c < curves.getNumberCurves(); ++c) {
+        SCOPED_TRACE(c);
         const GmCurves one(std::vector<std::size_t>{c}, std::vector<std::size_t>{0}, std::vector<std::size_t>{12});
-        const std::uint64_t base = c * 13;
-        const Positions p(s.positions.begin() + base, s.positions.begin() + base + 13);
+        const Positions p(s.positions.begin() + std::ptrdiff_t(c * 13), s.positions.begin() + std::ptrdiff_t(c * 13 + 13));
         const GmCurveBoundingTree strand(one, p, 0.0, nullptr);
-        GmFirstSegmentIntersection first(p, body.mesh);
-        strand.intersect(h, first);
+        GmFirstSegmentIntersection firstHit(p, mesh);
+        strand.intersect(h, firstHit);
+        std::vector<GmSegmentFaceInfo> all;
+        GmSegmentMeshIntersector every(all, one, p, mesh);
+        strand.intersect(h, every);
         std::multiset<Pair> hits;
         for (const Pair& e : expected)
             if (std::uint64_t(e.first) / 12 == c) hits.insert(Pair(e.first - std::int64_t(c * 12), e.second));
-        EXPECT_EQ(first.getResult() != nullptr, !hits.empty()) << c;
-        EXPECT_LE(first.getNumberIntersections(), hits.size());
-        if (first.getResult() != nullptr) {
-            EXPECT_EQ(hits.count(Pair(first.getResult()->index1, first.getResult()->index2)), 1u);
-        }
-        // The first-hit rule replayed over all crossings in walk order gives the same hit and count.
-        std::vector<GmSegmentFaceInfo> all;
-        GmSegmentMeshIntersector every(all, one, p, body.mesh);
-        strand.intersect(h, every);
+        EXPECT_EQ(pairsOf(all, false), hits);
         const GmSegmentFaceInfo* best = nullptr;
         std::uint64_t taken = 0;
         for (const GmSegmentFaceInfo& r : all) {
@@ -249,22 +219,19 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
             ++taken;
             if (best == nullptr || best->parameter1 > r.parameter1) best = &r;
         }
-        EXPECT_EQ(first.getNumberIntersections(), taken) << c;
-        ASSERT_EQ(first.getResult() != nullptr, best != nullptr) << c;
+        EXPECT_EQ(firstHit.getNumberIntersections(), taken);
+        ASSERT_EQ(firstHit.getResult() != nullptr, best != nullptr);
         if (best != nullptr) {
-            EXPECT_EQ(first.getResult()->index1, best->index1) << c;
-            EXPECT_EQ(first.getResult()->index2, best->index2) << c;
+            EXPECT_EQ(firstHit.getResult()->index1, best->index1);
+            EXPECT_EQ(firstHit.getResult()->index2, best->index2);
         }
     }
 }
 
 TEST(CurveVisitors, SegmentFaceEndsAndFirstHitRules) {
-    // One face in z = 0 and strands along z ending on it, short of it and beyond it.
+    // One face in z = 0 and segments along z ending on it, short of it and beyond it.
     GmTriangleMesh mesh("face");
-    mesh.addVertex(Vec(-1, -1, 0));
-    mesh.addVertex(Vec(2, -1, 0));
-    mesh.addVertex(Vec(-1, 2, 0));
-    mesh.addFace(0, 1, 2);
+    mesh.addFace(Vec(-1, -1, 0), Vec(2, -1, 0), Vec(-1, 2, 0));
     mesh.finishConstruction();
     const GmBoundingTree faces(&mesh);
     struct Case {
@@ -282,20 +249,16 @@ TEST(CurveVisitors, SegmentFaceEndsAndFirstHitRules) {
         tree.intersect(faces, first);
         EXPECT_EQ(first.getResult() != nullptr, c.hit);
         EXPECT_EQ(first.getNumberTests(), c.tests);
-        if (c.hit) {
-            EXPECT_DOUBLE_EQ(first.getResult()->parameter1, c.z0 / (c.z0 - c.z1));
-        }
+        EXPECT_TRUE(!c.hit || first.getResult()->parameter1 == c.z0 / (c.z0 - c.z1));
         GmFirstSegmentIntersection copy(first);
         EXPECT_EQ(copy.getResult() != nullptr, c.hit);
     }
-    // Two segments crossing the face: the later segment is skipped once the earlier one hit,
-    // an earlier hit with a larger parameter does not displace the kept one.
+    // The later segment is skipped once the earlier one hit; an earlier hit with a larger
+    // parameter does not displace the kept one.
     const GmCurves strand(std::size_t(4));
     const Positions zig = {Vec(0.1, 0.1, 1), Vec(0.1, 0.1, -0.1), Vec(0.2, 0.1, 1), Vec(0.2, 0.1, -3)};
     GmFirstSegmentIntersection first(zig, mesh);
-    first(*strand.getPrimitive(2), mesh.getFace(0));
-    first(*strand.getPrimitive(0), mesh.getFace(0));
-    first(*strand.getPrimitive(2), mesh.getFace(0));
+    for (int k : {2, 0, 2}) first(*strand.getPrimitive(std::uint64_t(k)), mesh.getFace(0));
     ASSERT_NE(first.getResult(), nullptr);
     EXPECT_EQ(first.getResult()->index1, 2);
     EXPECT_EQ(first.getNumberTests(), 3u);
@@ -308,34 +271,30 @@ TEST(CurveVisitors, ClosestEdgeProximityMatchesBruteForce) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<double> u(-1.3, 1.3);
     const std::vector<Vec>& v = mesh.getVertices();
+    const double distance = 0.05;
     for (int trial = 0; trial < 40; ++trial) {
         const Positions p = {Vec(u(rng), u(rng), u(rng)), Vec(u(rng), u(rng), u(rng))};
         const std::vector<double> offsets = {0.01 * (trial % 5), 0.02};
-        const double distance = 0.05;
         double best = DBL_MAX;
-        int found = 0;
+        std::uint64_t found = 0;
         for (int e = 0; e < mesh.getNumberEdges(); ++e) {
             GmSegmentSegmentInfo r;
             if (GmSegmentKernels::segmentSegment(p[0], p[1], distance + offsets[0], distance + offsets[1],
-                                                 v[mesh.getEdge(e).from], v[mesh.getEdge(e).to], 0, 0, r)) {
-                best = std::min(best, r.distance);
-                ++found;
-            }
+                                                 v[mesh.getEdge(e).from], v[mesh.getEdge(e).to], 0, 0, r))
+                best = std::min(best, r.distance), ++found;
         }
         const GmCurves one(std::size_t(2));
         const GmCurveBoundingTree tree(one, p, distance + 0.04, nullptr);
         GmClosestEdgeEdgeProximityOnSingleSegment prox(p, distance, offsets, mesh);
         tree.intersect(faces, prox);
         ASSERT_EQ(prox.getResult() != nullptr, found > 0) << trial;
-        EXPECT_EQ(prox.getNumberProximities(), std::uint64_t(found));
+        EXPECT_EQ(prox.getNumberProximities(), found);
         if (found == 0) continue;
         const GmSegmentFaceInfo& r = *prox.getResult();
         EXPECT_EQ(r.distance, best);
-        const GmTriangleEdge& edge = mesh.getEdge(static_cast<int>(r.index3));
-        EXPECT_EQ(edge.firstFace, r.index2);
-        const GmTriangleFace& f = mesh.getFace(static_cast<int>(r.index2));
-        const Vec onFace = v[f.vertices[0]] * r.barycentric.x + v[f.vertices[1]] * r.barycentric.y +
-                           v[f.vertices[2]] * r.barycentric.z;
+        EXPECT_EQ(mesh.getEdge(static_cast<int>(r.index3)).firstFace, r.index2);
+        const int* f = mesh.getFace(static_cast<int>(r.index2)).vertices;
+        const Vec onFace = v[f[0]] * r.barycentric.x + v[f[1]] * r.barycentric.y + v[f[2]] * r.barycentric.z;
         EXPECT_NEAR((onFace - r.point2).length(), 0.0, 1e-12);
         EXPECT_NEAR(r.normal.length(), 1.0, 1e-12);
     }
@@ -364,37 +323,17 @@ TEST(CurveKernels, SegmentContactAgainstSampling) {
             EXPECT_GT(sampled, 1.0 - 1e-12);
         }
     }
-    // Segments that meet without radii, parallel segments in contact, and zero-length ones.
-    GmSegmentSegmentInfo r;
-    EXPECT_TRUE(GmSegmentKernels::segmentSegment(Vec(0, 0, 0), Vec(2, 0, 0), 0, 0, Vec(1, -1, 0), Vec(1, 1, 0), 0, 0, r));
-    EXPECT_EQ(r.distance, 0.0);
-    EXPECT_NEAR(r.normal.length(), 1.0, 1e-15);
-    EXPECT_TRUE(GmSegmentKernels::segmentSegment(Vec(0, 0, 0), Vec(2, 0, 0), 0, 0, Vec(1, 0, 0), Vec(3, 0, 0), 0, 0, r));
-    EXPECT_NEAR(r.normal.length(), 1.0, 1e-15);
-    EXPECT_FALSE(GmSegmentKernels::segmentSegment(Vec(0, 0, 0), Vec(2, 0, 0), 0, 0, Vec(1, 1e-9, 0), Vec(3, 1e-9, 0), 0, 0, r));
-    EXPECT_TRUE(GmSegmentKernels::segmentSegment(Vec(1, 1, 1), Vec(1, 1, 1), 0, 0, Vec(0, 0, 0), Vec(2, 2, 2), 0, 0, r));
-}
-
-TEST(CurveTraversal, CurveMeshSkipsDisabledFacesUnlessAsked) {
-    // Every crossing through a face that the mask disables is skipped, unless the visitor asks
-    // for disabled faces.
-    const Body body;
-    GmTriangleMesh mesh = body.mesh;
-    GmDisabledData mask(&mesh);
-    for (int f = 0; f < mesh.getNumberFaces(); f += 3) mask.setFaceDisabled(f);
-    const GmBoundingTree faces(&mesh, &mask);
-    const Strands& s = body.strands;
-    const GmCurves curves(s.segments);
-    const GmCurveBoundingTree tree(curves, s.positions, 0.0, nullptr);
-    for (bool include : {false, true}) {
-        std::vector<GmSegmentFaceInfo> all, results;
-        GmSegmentMeshIntersector reference(all, curves, s.positions, mesh);
-        for (const GmCurveSegment* seg : curves.getPrimitives())
-            for (int f = 0; f < mesh.getNumberFaces(); ++f)
-                if (include || !mask.isDisabled(f)) reference(*seg, mesh.getFace(f));
-        GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
-        visitor.setIntersectDisabled(include);
-        tree.intersect(faces, visitor);
-        EXPECT_EQ(pairsOf(results, false), pairsOf(all, false)) << include;
+    // Segments that meet without radii, parallel segments in contact or 1e-9 apart, a point.
+    struct Case {
+        Vec p0, p1, q0, q1;
+        bool hit;
+    };
+    for (const Case& c : {Case{{0, 0, 0}, {2, 0, 0}, {1, -1, 0}, {1, 1, 0}, true}, Case{{0, 0, 0}, {2, 0, 0}, {1, 0, 0}, {3, 0, 0}, true},
+                          Case{{0, 0, 0}, {2, 0, 0}, {1, 1e-9, 0}, {3, 1e-9, 0}, false},
+                          Case{{1, 1, 1}, {1, 1, 1}, {0, 0, 0}, {2, 2, 2}, true}}) {
+        GmSegmentSegmentInfo r;
+        EXPECT_EQ(GmSegmentKernels::segmentSegment(c.p0, c.p1, 0, 0, c.q0, c.q1, 0, 0, r), c.hit) << c.q0;
+        EXPECT_TRUE(!c.hit || r.distance == 0.0) << r.distance;
+        EXPECT_TRUE(!c.hit || c.p0 == c.p1 || std::fabs(r.normal.length() - 1.0) < 1e-15) << r.normal;
     }
 }
