@@ -1,17 +1,19 @@
 #!/usr/bin/env bash
 # Applies each deliberate fault in tests/faults/*.patch, rebuilds, runs the suite and reverts.
-# usage: tests/faults/run.sh [--only REGEX] [--record FILE] [--compare FILE] [--build-dir DIR]
+# usage: tests/faults/run.sh [--only REGEX] [--record FILE] [--compare FILE] [--build-dir DIR] [--first]
+# --first stops the suite at the first failing test (the count is then a lower bound).
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
-only=. record= compare= build="$root/build-faults"
+only=. record= compare= build="$root/build-faults" stop=
 while [ $# -gt 0 ]; do
   case $1 in
     --only) only=$2; shift 2 ;;
     --record) record=$(realpath -m "$2"); shift 2 ;;
     --compare) compare=$(realpath -m "$2"); shift 2 ;;
     --build-dir) build=$(realpath -m "$2"); shift 2 ;;
-    *) echo "usage: $0 [--only REGEX] [--record FILE] [--compare FILE] [--build-dir DIR]" >&2; exit 2 ;;
+    --first) stop=--stop-on-failure; shift ;;
+    *) echo "usage: $0 [--only REGEX] [--record FILE] [--compare FILE] [--build-dir DIR] [--first]" >&2; exit 2 ;;
   esac
 done
 cd "$root"
@@ -42,7 +44,7 @@ for p in "$here"/*.patch; do
       n=not-compiled
     else
       rm -f "$build/Testing/Temporary/LastTestsFailed.log"
-      (cd "$build" && ctest -j2 --timeout 120 >"$build/fault-ctest.log" 2>&1)
+      (cd "$build" && ctest -j2 --timeout 120 $stop >"$build/fault-ctest.log" 2>&1)
       names=$(cut -d: -f2- "$build/Testing/Temporary/LastTestsFailed.log" 2>/dev/null | sort | paste -sd' ')
       n=$(wc -w <<<"$names")
     fi
