@@ -11,8 +11,13 @@ namespace GmOrient3dFilter {
 
 constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
-// Added to the bound so that products lost to underflow (each off by at most 2^-1074) can
-// never make an uncertain sign look certain.
+// Underflow: a product below the normal range is off by up to 2^-1075 in absolute terms, and
+// a 2x2 minor lost that way is still multiplied by its z difference, which can be as large as
+// the double range allows. The bound therefore grows by (|adz| + |bdz| + |cdz|) 2^-1072 (a
+// factor four above the two lost products per minor) plus 2^-1000 for the last products and
+// the rounding of the slack itself, so that no sign is called certain that underflow could
+// have changed. Overflow leaves det or permanent infinite or NaN, and the test fails.
+constexpr double kUnderflowPerZ = 0x1p-1072;
 constexpr double kUnderflowSlack = 0x1p-1000;
 
 inline bool stageA(const double* pa, const double* pb, const double* pc, const double* pd, double& det,
@@ -26,10 +31,10 @@ inline bool stageA(const double* pa, const double* pb, const double* pc, const d
     const double adxbdy = adx * bdy, bdxady = bdx * ady;
 
     det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    const double bound = kBoundA * permanent + kUnderflowSlack;
+    const double aadz = std::fabs(adz), abdz = std::fabs(bdz), acdz = std::fabs(cdz);
+    permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * aadz + (std::fabs(cdxady) + std::fabs(adxcdy)) * abdz +
+                (std::fabs(adxbdy) + std::fabs(bdxady)) * acdz;
+    const double bound = kBoundA * permanent + ((aadz + abdz + acdz) * kUnderflowPerZ + kUnderflowSlack);
     return det > bound || -det > bound;
 }
 
