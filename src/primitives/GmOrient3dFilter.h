@@ -13,11 +13,15 @@ constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
 // Underflow: a product below the normal range is off by up to 2^-1075 in absolute terms, and
 // a 2x2 minor lost that way is still multiplied by its z difference, which can be as large as
-// the double range allows. The bound therefore grows by (|adz| + |bdz| + |cdz|) 2^-1072 (a
-// factor four above the two lost products per minor) plus 2^-1000 for the last products and
-// the rounding of the slack itself, so that no sign is called certain that underflow could
-// have changed. Overflow leaves det or permanent infinite or NaN, and the test fails.
-constexpr double kUnderflowPerZ = 0x1p-1072;
+// the double range allows. Each minor's sum of absolute products therefore carries a floor of
+// 2^-1020 into the permanent: kBoundA times it exceeds the two products' loss (2^-1074) by a
+// factor of seven. Where the floor is absorbed by rounding, the minor is at least 2^-965 and
+// the loss below 2^-110 of it, which the bound's extra eps^2 covers. 2^-1000 covers the last
+// products and the permanent's own underflow. Overflow leaves det or permanent infinite or
+// NaN, and the test fails. So no sign is called certain that underflow or overflow could have
+// changed; the floors only make the adaptive stages' bounds a little more cautious.
+constexpr double kMinorFloor = 0x1p-1020;
+constexpr double kBoundFiltered = kBoundA + kEpsilon * kEpsilon;
 constexpr double kUnderflowSlack = 0x1p-1000;
 
 inline bool stageA(const double* pa, const double* pb, const double* pc, const double* pd, double& det,
@@ -31,10 +35,10 @@ inline bool stageA(const double* pa, const double* pb, const double* pc, const d
     const double adxbdy = adx * bdy, bdxady = bdx * ady;
 
     det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    const double aadz = std::fabs(adz), abdz = std::fabs(bdz), acdz = std::fabs(cdz);
-    permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * aadz + (std::fabs(cdxady) + std::fabs(adxcdy)) * abdz +
-                (std::fabs(adxbdy) + std::fabs(bdxady)) * acdz;
-    const double bound = kBoundA * permanent + ((aadz + abdz + acdz) * kUnderflowPerZ + kUnderflowSlack);
+    permanent = ((std::fabs(bdxcdy) + std::fabs(cdxbdy)) + kMinorFloor) * std::fabs(adz) +
+                ((std::fabs(cdxady) + std::fabs(adxcdy)) + kMinorFloor) * std::fabs(bdz) +
+                ((std::fabs(adxbdy) + std::fabs(bdxady)) + kMinorFloor) * std::fabs(cdz);
+    const double bound = kBoundFiltered * permanent + kUnderflowSlack;
     return det > bound || -det > bound;
 }
 
