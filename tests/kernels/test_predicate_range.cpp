@@ -1,6 +1,5 @@
-// Scale checks against exact references: the orientation predicates on coordinates spread over the
-// whole double range (subnormals included), and the continuous-time edge-edge normal under
-// power-of-two scaling.
+// Orientation signs over the whole double range (subnormals included) against GMP, and the
+// continuous-time edge-edge normal under power-of-two scaling.
 
 #include <gtest/gtest.h>
 
@@ -61,9 +60,8 @@ TEST(PredicateRange, SignsExactAcrossTheWholeDoubleRange) {
 }
 #endif
 
-// Edges 1e-5 long crossing at a shallow angle (sometimes away from the origin): the same time
-// and normal at every power-of-two scale, the normal across the edges' plane (from c-d
-// towards a-b, which starts above).
+// Edges 1e-5 long crossing at shallow angles: the same time and normal at every power-of-two
+// scale, across the edges' plane from c-d towards a-b (which starts above).
 TEST(PredicateRange, EdgeEdgeNormalSameAtEveryScale) {
     const double h = 5e-6;
     for (double k : {1e-6, 1e-3, 1e-9})
