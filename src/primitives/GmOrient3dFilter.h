@@ -14,9 +14,10 @@ constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
 // Underflow: a product below the normal range is off by up to 2^-1075 in absolute terms, and
 // a 2x2 minor lost that way is still multiplied by its z difference, which can be as large as
 // the double range allows. Each minor's sum of absolute products therefore carries a floor of
-// 2^-1020 into the permanent: kBoundA times it exceeds the two products' loss (2^-1074) by a
-// factor of seven. Where the floor is absorbed by rounding, the minor is at least 2^-965 and
-// the loss below 2^-110 of it, which the bound's extra eps^2 covers. 2^-1000 covers the last
+// 2^-1020 into the permanent: kBoundA times it exceeds the two products' loss (2^-1074) more
+// than tenfold. Where rounding absorbs the floor, the minor is at least 2^-968, at most one of
+// its products underflowed, and the loss (2^-1075) is below eps^2 / 2 of it, which the bound's
+// extra eps^2 covers. 2^-1000 covers the last
 // products and the permanent's own underflow. Overflow leaves det or permanent infinite or
 // NaN, and the test fails. So no sign is called certain that underflow or overflow could have
 // changed; the floors only make the adaptive stages' bounds a little more cautious.
