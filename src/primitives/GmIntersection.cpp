@@ -21,7 +21,6 @@ namespace {
 
 using Vec = GmTVector<double>;
 
-constexpr double kDegenerateLength = 2.220446049250313e-16;
 constexpr double kResidual = 1e-12;      // |p(t)| counted as zero by the pre-check gate and Newton
 constexpr double kRootLow = -1e-6;       // roots below are skipped
 constexpr double kRootHigh = 1.000001;   // roots above end the search
@@ -535,20 +534,29 @@ bool edgeEdgeIntersection(const Vec& a0, const Vec& b0, const Vec& c0, const Vec
     const Vec da = b - a, dc = d - c;
     Vec n = (a + da * ss) - (c + dc * tt);
     double len = n.length();
-    // The closest-point direction is meaningful only above its own rounding noise.
+    // The closest-point direction is meaningful only above its own rounding noise: that of the
+    // positions (magnitude m) and that of the closest points along the edges, which grows as
+    // 1 / sin(angle) when the edges are close to parallel (their own branch when parallel).
+    // Every term is relative to the features, so the decision is the same at any power-of-two
+    // scale.
     const double m = std::max({absv(a).length(), absv(b).length(), absv(c).length(), absv(d).length()});
-    const double noise = 64.0 * kUnitRound * m;
+    const double la = da.length(), lc = dc.length();
+    const Vec cr = da.cross(dc);
+    const double crl = cr.length();
+    const bool crossing = crossAboveNoise(crl, la, lc, m);
+    const double along = 16.0 * kUnitRound * std::max(la, lc) * (crossing ? la * (lc / crl) : 1.0);
+    const double noise = std::max(64.0 * kUnitRound * m, along);
     bool found = true;
-    if (!(len > std::max(kDegenerateLength, noise))) {
+    if (!(len > noise)) {
         double s2, t2;
         GmSegmentDistance::segmentSegmentDistanceSquared(a, b, c, d, s2, t2);
         n = (a + da * s2) - (c + dc * t2);
         len = n.length();
-        if (!(len > std::max(kDegenerateLength, noise))) {
+        if (!(len > noise)) {
             // The edges cross: the normal of the plane they span, unless they are parallel.
-            n = da.cross(dc);
-            len = n.length();
-            found = crossAboveNoise(len, da.length(), dc.length(), m);
+            n = cr;
+            len = crl;
+            found = crossing;
         }
     }
     if (found) {

@@ -11,8 +11,18 @@ namespace GmOrient3dFilter {
 
 constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kBoundA = (7.0 + 56.0 * kEpsilon) * kEpsilon;
-// Added to the bound so that products lost to underflow (each off by at most 2^-1074) can
-// never make an uncertain sign look certain.
+// Underflow: a product below the normal range is off by up to 2^-1075 in absolute terms, and
+// a 2x2 minor lost that way is still multiplied by its z difference, which can be as large as
+// the double range allows. Each minor's sum of absolute products therefore carries a floor of
+// 2^-1020 into the permanent: kBoundA times it exceeds the two products' loss (2^-1074) more
+// than tenfold. Where rounding absorbs the floor, the minor is at least 2^-968, at most one of
+// its products underflowed, and the loss (2^-1075) is below eps^2 / 2 of it, which the bound's
+// extra eps^2 covers. 2^-1000 covers the last
+// products and the permanent's own underflow. Overflow leaves det or permanent infinite or
+// NaN, and the test fails. So no sign is called certain that underflow or overflow could have
+// changed; the floors only make the adaptive stages' bounds a little more cautious.
+constexpr double kMinorFloor = 0x1p-1020;
+constexpr double kBoundFiltered = kBoundA + kEpsilon * kEpsilon;
 constexpr double kUnderflowSlack = 0x1p-1000;
 
 inline bool stageA(const double* pa, const double* pb, const double* pc, const double* pd, double& det,
@@ -26,10 +36,10 @@ inline bool stageA(const double* pa, const double* pb, const double* pc, const d
     const double adxbdy = adx * bdy, bdxady = bdx * ady;
 
     det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    const double bound = kBoundA * permanent + kUnderflowSlack;
+    permanent = ((std::fabs(bdxcdy) + std::fabs(cdxbdy)) + kMinorFloor) * std::fabs(adz) +
+                ((std::fabs(cdxady) + std::fabs(adxcdy)) + kMinorFloor) * std::fabs(bdz) +
+                ((std::fabs(adxbdy) + std::fabs(bdxady)) + kMinorFloor) * std::fabs(cdz);
+    const double bound = kBoundFiltered * permanent + kUnderflowSlack;
     return det > bound || -det > bound;
 }
 

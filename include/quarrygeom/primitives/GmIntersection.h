@@ -26,8 +26,9 @@ QUARRYGEOM_API bool pointFaceIntersection(const GmTVector<double>& p0, const GmT
 // Edge a-b against edge c-d, both moving linearly over the step. On contact returns true with
 // the first contact time (below timeBound), the parameters s along a-b and t along c-d of the
 // contact and a unit normal pointing from edge c-d towards edge a-b as they stood at the start.
-// The normal is the closest-point direction, or the cross product of the edge directions when
-// the edges cross exactly; parallel edges in contact take the direction between the edges at
+// The normal is the closest-point direction while it stands above its rounding noise (judged
+// relative to the edges' length and the sine of their angle, so the same at every power-of-two
+// scale), else the cross product of the edge directions; parallel edges in contact take the direction between the edges at
 // the start of the step, else the one against the motion of a-b relative to c-d. Only edges
 // that coincide throughout have no normal: a message goes to std::cerr and the result is false.
 // Both primitives: every tolerance is relative to the features' size, so a scene scaled by a

@@ -7,7 +7,9 @@
 // The sign of each result is exact for every finite input (coordinates that would make the
 // expansion arithmetic overflow or underflow are evaluated in wide fixed-point arithmetic); its
 // magnitude approximates the determinant, kept within the finite doubles so that the sign
-// survives. Input that is not finite gives NaN.
+// survives. Input that is not finite gives NaN. The floating-point filter allows for products
+// lost to underflow, so inputs spread over the whole double range (subnormals included) get
+// exact signs too; they are checked against exact rational arithmetic.
 namespace GmPredicates {
 
 // The machine constants and error bounds of the predicates (eps = 2^-53).
