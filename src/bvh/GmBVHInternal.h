@@ -33,8 +33,27 @@ extern "C" void __tsan_release(void* addr);
 
 namespace GmBVHDetail {
 
-// Box padding and search slack.
+// Box padding. A face's leaf box is its (swept) box mn .. mx padded on every side by
+//   leafPad = max(kPad, kRelativePad * (ex + ey + ez) + kNoisePad * m)   (+ the thickness)
+// with e the box's extents and m its largest coordinate magnitude. The continuous-time kernels
+// accept features that come within 1e-6 of their longest edge at the contact time; an edge of
+// the face at any time of the step is no longer than the box's diagonal, at most ex + ey + ez,
+// so the pad covers that tolerance twice over, whichever of two faces holds the longer feature.
+// The noise term covers positions interpolated at the contact time and the kernels' distances,
+// which are off by a few units in the last place of m. The floor keeps the absolute pad of
+// small coordinates. Every pair the kernels accept anywhere in the supported range thus has
+// overlapping leaf boxes.
 constexpr double kPad = 1e-8;
+constexpr double kRelativePad = 0x1p-19;  // 1.9e-6
+constexpr double kNoisePad = 0x1p-48;     // 3.6e-15
+
+inline double leafPad(double extentSum, double magnitude) {
+    return std::max(kPad, kRelativePad * extentSum + kNoisePad * magnitude);
+}
+
+// Slack of the nearest-first searches on squared distances: relative, for the rounding of the
+// box distances (the boxes' pads exceed the rounding of the face distances).
+constexpr double kSearchSlack = 0x1p-40;
 
 // Nearest float at or below / at or above a double (the same values as
 // GmAxisAlignedBox::roundDown / roundUp, without the library call per bound).
@@ -215,7 +234,7 @@ private:
 
 // Depth-first walk of a face hierarchy towards p, nearest subtree first, for nearest-primitive
 // searches. A subtree is entered only while its squared box distance is not greater than the
-// current bound + kPad (the others wait on a stack with their box distances and are checked
+// current bound (times 1 + kSearchSlack) (the others wait on a stack with their box distances and are checked
 // again when taken), and with includeDisabled false disabled subtrees are skipped.
 // leaf(i, bound) handles leaf node i and returns the bound, possibly lowered; leafHint(i) is
 // called for a leaf as soon as it qualifies, ahead of its visit (to start loading its face).
@@ -239,7 +258,7 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const Boxes& boxes, 
     if (!includeDisabled && nodes[0].disabled) return;
     const int numberNodes = static_cast<int>(tree.size());
     const int firstLeaf = numberNodes / 2;  // 2n - 1 nodes, the last n of them leaves
-    double limit = bound + kPad;
+    double limit = bound + bound * kSearchSlack;
 
     // Once a node qualifies, start loading what its visit reads: the face of a leaf, else the
     // boxes its step measures.
@@ -310,7 +329,7 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const Boxes& boxes, 
         if (!(key > limit)) {
             if (node >= firstLeaf) {
                 bound = leaf(node, bound);
-                limit = bound + kPad;
+                limit = bound + bound * kSearchSlack;
             } else {
                 const int k = 2 * node + 2 < firstLeaf ? measure(std::integral_constant<int, 4>(), 4 * node + 3)
                                                        : measure(std::integral_constant<int, 2>(), 2 * node + 1);

@@ -99,7 +99,6 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
     const GmTVector<double>& a = v[idx[0]];
     const GmTVector<double>& b = v[idx[1]];
     const GmTVector<double>& c = v[idx[2]];
-    const double pad = N == 2 ? thickness + kPad : kPad;
 #if defined(__SSE2__)
     // The scalar rule below, two axes per register; the minima and maxima keep std::min's and
     // std::max's operand order, and the upper bounds are rounded down negated.
@@ -118,6 +117,15 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
         mnZ = _mm_min_pd(_mm_min_pd(_mm_min_pd(zz(g), zz(e)), zz(d)), mnZ);
         mxZ = _mm_max_pd(_mm_max_pd(_mm_max_pd(zz(g), zz(e)), zz(d)), mxZ);
     }
+    // The pad (leafPad) from the extents and the largest magnitude of the unpadded box.
+    const __m128d absMask = _mm_castsi128_pd(_mm_set1_epi64x(0x7fffffffffffffffLL));
+    const __m128d extentXY = _mm_sub_pd(mxXY, mnXY);
+    const __m128d magXY = _mm_max_pd(_mm_and_pd(mnXY, absMask), _mm_and_pd(mxXY, absMask));
+    const __m128d magZ = _mm_max_pd(_mm_and_pd(mnZ, absMask), _mm_and_pd(mxZ, absMask));
+    const __m128d magAll = _mm_max_sd(_mm_max_sd(magXY, _mm_unpackhi_pd(magXY, magXY)), magZ);
+    const double extentSum = _mm_cvtsd_f64(extentXY) + _mm_cvtsd_f64(_mm_unpackhi_pd(extentXY, extentXY)) +
+                             (_mm_cvtsd_f64(mxZ) - _mm_cvtsd_f64(mnZ));
+    const double pad = (N == 2 ? thickness : 0.0) + leafPad(extentSum, _mm_cvtsd_f64(magAll));
     const __m128d p = _mm_set1_pd(pad), zero = _mm_setzero_pd();
     const __m128d loXY = _mm_sub_pd(mnXY, p), loZ = _mm_sub_pd(mnZ, p);
     const __m128d negHiXY = _mm_sub_pd(_mm_sub_pd(zero, mxXY), p), negHiZ = _mm_sub_pd(_mm_sub_pd(zero, mxZ), p);
@@ -155,6 +163,12 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
             mx[k] = std::max(mx[k], std::max(d[k], std::max(e[k], g[k])));
         }
     }
+    double extentSum = 0.0, magnitude = 0.0;
+    for (int k = 0; k < 3; ++k) {
+        extentSum += mx[k] - mn[k];
+        magnitude = std::max(magnitude, std::max(std::fabs(mn[k]), std::fabs(mx[k])));
+    }
+    const double pad = (N == 2 ? thickness : 0.0) + leafPad(extentSum, magnitude);
     // Rounded outwards to floats, so the box always encloses the padded face.
     box = GmAxisAlignedBox(GmAxisAlignedBox::padDown(mn[0], pad), GmAxisAlignedBox::padDown(mn[1], pad),
                            GmAxisAlignedBox::padDown(mn[2], pad), GmAxisAlignedBox::padUp(mx[0], pad),
