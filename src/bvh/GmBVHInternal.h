@@ -35,9 +35,11 @@ namespace GmBVHDetail {
 
 // Box padding. A face's leaf box is its (swept) box mn .. mx padded on every side by
 //   leafPad = max(kPad, kRelativePad * (ex + ey + ez) + kNoisePad * m)   (+ the thickness)
-// with e the box's extents and m its largest coordinate magnitude. The continuous-time kernels
-// accept features that come within 1e-6 of their longest edge at the contact time; an edge of
-// the face at any time of the step is no longer than the box's diagonal, at most ex + ey + ez,
+// with e the extents of the face's box (in swept mode the larger sum of its two placements')
+// and m the largest coordinate magnitude of the (swept) box. The continuous-time kernels accept
+// features that come within 1e-6 of their longest edge at the contact time; an edge of the face
+// at any time of the step is no longer than at one end of the step, there no longer than that
+// placement's box diagonal, at most ex + ey + ez,
 // so the pad covers that tolerance twice over, whichever of two faces holds the longer feature.
 // The noise term covers positions interpolated at the contact time and the kernels' distances,
 // which are off by a few units in the last place of m. The floor keeps the absolute pad of

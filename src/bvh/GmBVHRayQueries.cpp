@@ -610,11 +610,23 @@ bool GmBoundingVolumeHierarchy::initializeClosestPointInfo(const GmTVector<doubl
             any = true;
             info.face = hit.face;
             info.distanceSquared = hit.distanceSquared;
-            info.point = hit.point;
-            info.s = hit.weights.y;
-            info.t = hit.weights.z;
-            info.type = classifyWeights(hit.weights.x, hit.weights.y, hit.weights.z);
         }
+    }
+    if (any) {
+        // The seed is the closest point of the face met nearest: a hit point of a face seen
+        // nearly edge-on carries the rounding of a small determinant, and a bound below the
+        // true distance would let the search pass over the nearest face.
+        const GmTriangleFace& f = _mesh->getFace(info.face);
+        const std::vector<GmTVector<double>>& V = _mesh->getVertices();
+        const GmTVector<double>& v1 = V[static_cast<size_t>(f.vertices[0])];
+        const GmTVector<double>& v2 = V[static_cast<size_t>(f.vertices[1])];
+        const GmTVector<double>& v3 = V[static_cast<size_t>(f.vertices[2])];
+        double s = 0.0, t = 0.0;
+        info.distanceSquared = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
+        info.s = s;
+        info.t = t;
+        info.point = v1 * (1.0 - s - t) + v2 * s + v3 * t;
+        info.type = classifyWeights(1.0 - s - t, s, t);
     }
     return any;
 }

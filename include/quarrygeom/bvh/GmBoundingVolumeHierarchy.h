@@ -61,7 +61,8 @@ enum class GmSelfContactRecords {
 // one face each. Boxes are single precision, rounded outwards. A leaf box is the face's box
 // (in swept mode over both positions) padded on every side by
 //   max(1e-8, 2^-19 * (ex + ey + ez) + 2^-48 * m)   (plus the thickness in thickened mode),
-// e the box's extents and m its largest coordinate magnitude: the pad grows with the face's size
+// e the extents of the face's box (swept: the larger sum of its two placements') and m the
+// largest coordinate magnitude: the pad grows with the face's size
 // and position, so that no pair the contact kernels accept (features within 1e-6 of their
 // longest edge at the contact, distances off by rounding at magnitude m) is pruned at any scale
 // of the supported range, and it never falls below the absolute 1e-8 of small coordinates.
