@@ -33,28 +33,11 @@ extern "C" void __tsan_release(void* addr);
 
 namespace GmBVHDetail {
 
-// Box padding. A face's leaf box is its (swept) box mn .. mx padded on every side by
-//   leafPad = max(kPad, kRelativePad * (ex + ey + ez) + kNoisePad * m)   (+ the thickness)
-// with e the extents of the face's box (in swept mode the larger sum of its two placements')
-// and m the largest coordinate magnitude of the (swept) box. The continuous-time kernels accept
-// features that come within 1e-6 of their longest edge at the contact time; an edge of the face
-// at any time of the step is no longer than at one end of the step, there no longer than that
-// placement's box diagonal, at most ex + ey + ez,
-// so the pad covers that tolerance twice over, whichever of two faces holds the longer feature.
-// The noise term covers positions interpolated at the contact time and the kernels' distances,
-// which are off by a few units in the last place of m. The floor keeps the absolute pad of
-// small coordinates. Every pair the kernels accept anywhere in the supported range thus has
-// overlapping leaf boxes.
+// Box padding (every leaf box, on every side, plus the thickness in thickened mode).
 constexpr double kPad = 1e-8;
-constexpr double kRelativePad = 0x1p-19;  // 1.9e-6
-constexpr double kNoisePad = 0x1p-48;     // 3.6e-15
-
-inline double leafPad(double extentSum, double magnitude) {
-    return std::max(kPad, kRelativePad * extentSum + kNoisePad * magnitude);
-}
 
 // Slack of the nearest-first searches on squared distances: relative, for the rounding of the
-// box distances (the boxes' pads exceed the rounding of the face distances).
+// box and face distances (boxes enclose their faces, so a box is never farther than its face).
 constexpr double kSearchSlack = 0x1p-40;
 
 // Nearest float at or below / at or above a double (the same values as

@@ -99,6 +99,7 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
     const GmTVector<double>& a = v[idx[0]];
     const GmTVector<double>& b = v[idx[1]];
     const GmTVector<double>& c = v[idx[2]];
+    const double pad = N == 2 ? thickness + kPad : kPad;
 #if defined(__SSE2__)
     // The scalar rule below, two axes per register; the minima and maxima keep std::min's and
     // std::max's operand order, and the upper bounds are rounded down negated.
@@ -108,32 +109,15 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
     __m128d mxXY = _mm_max_pd(_mm_max_pd(xy(c), xy(b)), xy(a));
     __m128d mnZ = _mm_min_pd(_mm_min_pd(zz(c), zz(b)), zz(a));
     __m128d mxZ = _mm_max_pd(_mm_max_pd(zz(c), zz(b)), zz(a));
-    // Sum of the extents of the face's box (in swept mode the larger of its two placements').
-    const auto extentSumOf = [](__m128d lo, __m128d hi, __m128d loZ, __m128d hiZ) {
-        const __m128d e = _mm_sub_pd(hi, lo);
-        return _mm_cvtsd_f64(e) + _mm_cvtsd_f64(_mm_unpackhi_pd(e, e)) + (_mm_cvtsd_f64(hiZ) - _mm_cvtsd_f64(loZ));
-    };
-    double extentSum = extentSumOf(mnXY, mxXY, mnZ, mxZ);
     if (N == 1) {
         const GmTVector<double>& d = positions[idx[0]];
         const GmTVector<double>& e = positions[idx[1]];
         const GmTVector<double>& g = positions[idx[2]];
-        const __m128d mnXY1 = _mm_min_pd(_mm_min_pd(xy(g), xy(e)), xy(d));
-        const __m128d mxXY1 = _mm_max_pd(_mm_max_pd(xy(g), xy(e)), xy(d));
-        const __m128d mnZ1 = _mm_min_pd(_mm_min_pd(zz(g), zz(e)), zz(d));
-        const __m128d mxZ1 = _mm_max_pd(_mm_max_pd(zz(g), zz(e)), zz(d));
-        extentSum = std::max(extentSum, extentSumOf(mnXY1, mxXY1, mnZ1, mxZ1));
-        mnXY = _mm_min_pd(mnXY1, mnXY);
-        mxXY = _mm_max_pd(mxXY1, mxXY);
-        mnZ = _mm_min_pd(mnZ1, mnZ);
-        mxZ = _mm_max_pd(mxZ1, mxZ);
+        mnXY = _mm_min_pd(_mm_min_pd(_mm_min_pd(xy(g), xy(e)), xy(d)), mnXY);
+        mxXY = _mm_max_pd(_mm_max_pd(_mm_max_pd(xy(g), xy(e)), xy(d)), mxXY);
+        mnZ = _mm_min_pd(_mm_min_pd(_mm_min_pd(zz(g), zz(e)), zz(d)), mnZ);
+        mxZ = _mm_max_pd(_mm_max_pd(_mm_max_pd(zz(g), zz(e)), zz(d)), mxZ);
     }
-    // The pad (leafPad) from the extents and the largest magnitude of the unpadded box.
-    const __m128d absMask = _mm_castsi128_pd(_mm_set1_epi64x(0x7fffffffffffffffLL));
-    const __m128d magXY = _mm_max_pd(_mm_and_pd(mnXY, absMask), _mm_and_pd(mxXY, absMask));
-    const __m128d magZ = _mm_max_pd(_mm_and_pd(mnZ, absMask), _mm_and_pd(mxZ, absMask));
-    const __m128d magAll = _mm_max_sd(_mm_max_sd(magXY, _mm_unpackhi_pd(magXY, magXY)), magZ);
-    const double pad = (N == 2 ? thickness : 0.0) + leafPad(extentSum, _mm_cvtsd_f64(magAll));
     const __m128d p = _mm_set1_pd(pad), zero = _mm_setzero_pd();
     const __m128d loXY = _mm_sub_pd(mnXY, p), loZ = _mm_sub_pd(mnZ, p);
     const __m128d negHiXY = _mm_sub_pd(_mm_sub_pd(zero, mxXY), p), negHiZ = _mm_sub_pd(_mm_sub_pd(zero, mxZ), p);
@@ -157,27 +141,20 @@ __attribute__((always_inline)) inline void leafBoxAt(const GmTVector<double>* v,
     }
     box = GmAxisAlignedBox(out[0], out[1], out[2], out[3], out[4], out[5]);
 #else
-    double mn[3], mx[3], extentSum = 0.0, magnitude = 0.0;
+    double mn[3], mx[3];
     for (int k = 0; k < 3; ++k) {
         mn[k] = std::min(a[k], std::min(b[k], c[k]));
         mx[k] = std::max(a[k], std::max(b[k], c[k]));
-        extentSum += mx[k] - mn[k];
     }
     if (N == 1) {
         const GmTVector<double>& d = positions[idx[0]];
         const GmTVector<double>& e = positions[idx[1]];
         const GmTVector<double>& g = positions[idx[2]];
-        double extentSum1 = 0.0;
         for (int k = 0; k < 3; ++k) {
-            const double lo = std::min(d[k], std::min(e[k], g[k])), hi = std::max(d[k], std::max(e[k], g[k]));
-            extentSum1 += hi - lo;
-            mn[k] = std::min(mn[k], lo);
-            mx[k] = std::max(mx[k], hi);
+            mn[k] = std::min(mn[k], std::min(d[k], std::min(e[k], g[k])));
+            mx[k] = std::max(mx[k], std::max(d[k], std::max(e[k], g[k])));
         }
-        extentSum = std::max(extentSum, extentSum1);
     }
-    for (int k = 0; k < 3; ++k) magnitude = std::max(magnitude, std::max(std::fabs(mn[k]), std::fabs(mx[k])));
-    const double pad = (N == 2 ? thickness : 0.0) + leafPad(extentSum, magnitude);
     // Rounded outwards to floats, so the box always encloses the padded face.
     box = GmAxisAlignedBox(GmAxisAlignedBox::padDown(mn[0], pad), GmAxisAlignedBox::padDown(mn[1], pad),
                            GmAxisAlignedBox::padDown(mn[2], pad), GmAxisAlignedBox::padUp(mx[0], pad),

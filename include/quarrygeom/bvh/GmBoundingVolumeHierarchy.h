@@ -58,14 +58,8 @@ enum class GmSelfContactRecords {
 //
 // The tree is a complete binary heap stored in one array: for n faces there are 2n - 1 nodes,
 // nodes 0 .. n-2 are internal (children 2i + 1 and 2i + 2), nodes n-1 .. 2n-2 are leaves with
-// one face each. Boxes are single precision, rounded outwards. A leaf box is the face's box
-// (in swept mode over both positions) padded on every side by
-//   max(1e-8, 2^-19 * (ex + ey + ez) + 2^-48 * m)   (plus the thickness in thickened mode),
-// e the extents of the face's box (swept: the larger sum of its two placements') and m the
-// largest coordinate magnitude: the pad grows with the face's size
-// and position, so that no pair the contact kernels accept (features within 1e-6 of their
-// longest edge at the contact, distances off by rounding at magnitude m) is pruned at any scale
-// of the supported range, and it never falls below the absolute 1e-8 of small coordinates.
+// one face each. Boxes are single precision, padded by 1e-8 (plus a thickness in thickened
+// mode) and rounded outwards, so a box always encloses its padded face.
 // The hierarchy keeps non-owning pointers to its mesh and masks and owns only its nodes.
 //
 // Three bounding modes share one build and refit:
@@ -96,7 +90,7 @@ public:
     // Swept mode: boxes enclose each face at the mesh's positions and at 'positions'.
     GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, const std::vector<GmTVector<double>>& positions,
                               const GmDisabledData* disabled = nullptr, const GmFrozenData* frozen = nullptr);
-    // Thickened mode: boxes padded by thickness (in addition to the pad above).
+    // Thickened mode: boxes padded by thickness (in addition to 1e-8).
     GmBoundingVolumeHierarchy(GmTriangleMesh* mesh, double thickness, const GmDisabledData* disabled = nullptr,
                               const GmFrozenData* frozen = nullptr);
     // Plain mode.
