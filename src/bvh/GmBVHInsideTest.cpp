@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cfloat>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -97,6 +98,37 @@ bool GmBoundingVolumeHierarchy::prepareInsideQueries(bool includeDisabled) const
     return insideQueriesPrepared(includeDisabled);
 }
 
+namespace {
+
+// Whether p lies exactly on the closed triangle abc (of positive area): in its plane, and inside
+// or on the boundary of its projection along an axis in which the projection has area.
+bool exactlyOnTriangle(const V3& a, const V3& b, const V3& c, const V3& p) {
+    if (orient3(a, b, c, p) != 0) return false;
+    for (int drop = 0; drop < 3; ++drop) {
+        if (orient2Dropped(a, b, c, drop) == 0) continue;
+        const int o1 = orient2Dropped(a, b, p, drop), o2 = orient2Dropped(b, c, p, drop),
+                  o3 = orient2Dropped(c, a, p, drop);
+        return !((o1 < 0 || o2 < 0 || o3 < 0) && (o1 > 0 || o2 > 0 || o3 > 0));
+    }
+    return false;
+}
+
+// Whether p lies exactly on a face of the mesh: the faces whose boxes hold p are those an axis
+// ray from p reaches first, so one ray's walk visits them all.
+bool exactlyOnSurface(const GmBoundingVolumeHierarchy::Node* nodes, int numberNodes, const GmTriangleMesh& mesh,
+                      const V3& p) {
+    const V3* v = mesh.getVertices().data();
+    bool on = false;
+    castAxisRay(0, nodes, numberNodes, mesh, p, 0.0, [&](int face) {
+        const GmTriangleFace& f = mesh.getFace(face);
+        on = on || exactlyOnTriangle(v[f.vertices[0]], v[f.vertices[1]], v[f.vertices[2]], p);
+        return true;
+    }, [](int) {});
+    return on;
+}
+
+}  // namespace
+
 int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, bool includeDisabled) const {
     // Outside the root box (or not finite): never inside. (isInside, without the call.)
     if (_nodes.empty()) return 0;
@@ -115,16 +147,24 @@ int GmBoundingVolumeHierarchy::insideByRayParity(const GmTVector<double>& p, boo
     int first = 0;
     for (int d = 1; d < 6; ++d)
         if (room[d] < room[first]) first = d;
-    for (int k = 0; k < 6; ++k) {
-        const int d = k == 0 ? first : (k <= first ? k - 1 : k);
-        bool odd = false;
-        const RayOutcome r = castAxisRay(
-            d, _nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p, certificate.delta, [](int) { return false; }, [&odd](int) { odd = !odd; });
-        if (r == kRayNearSurface) return -1;
-        if (r != kRayDecided) continue;
-        return odd ? 1 : 0;
+    // Away from the surface (beyond the certificate's delta) the first ray that meets no edge
+    // or vertex decides; near it, the same exact crossings without the distance test.
+    double delta = certificate.delta;
+    for (int pass = 0; pass < 2; ++pass, delta = 0.0) {
+        bool near = false;
+        for (int k = 0; k < 6 && !near; ++k) {
+            const int d = k == 0 ? first : (k <= first ? k - 1 : k);
+            bool odd = false;
+            const RayOutcome r = castAxisRay(
+                d, _nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p, delta, [](int) { return false; },
+                [&odd](int) { odd = !odd; });
+            near = r == kRayNearSurface;
+            if (r == kRayDecided) return odd ? 1 : 0;
+        }
+        if (!near) break;
     }
-    return -1;  // every axis ray met an edge or a vertex
+    // Every axis ray met an edge or a vertex, or started on a face: on the surface counts as inside.
+    return exactlyOnSurface(_nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p) ? 1 : -1;
 }
 
 namespace {
@@ -156,15 +196,23 @@ double GmBoundingVolumeHierarchy::_closestPointInside(const GmTVector<double>& p
 
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     const double d = _closestPointSigned(p, info, true, includeDisabled, -1);
-    if (d > 0.0 && !exactRayMissesAll(_nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p)) {
-        // The search's axis-ray seeding passes over faces that are small in absolute terms, and
-        // on a closed mesh a ray without a hit reads as "outside". Every exact axis ray meets the
-        // surface here: settle the answer by the crossing count, checking the mesh now.
+    // Near the surface (within 1e-7 of the root box's size and position) the search's sign rests
+    // on rounded distances and normals; and where its axis-ray seeding finds no face, "outside"
+    // holds only if an exact axis ray confirms it. In both cases the exact crossing count
+    // settles the answer, checking the mesh now.
+    const GmAxisAlignedBox& root = _nodes[0].box;
+    const double reach = 1e-7 * (double(root.maxX) - double(root.minX) + double(root.maxY) - double(root.minY) +
+                                 double(root.maxZ) - double(root.minZ) + std::fabs(p.x) + std::fabs(p.y) +
+                                 std::fabs(p.z));
+    if (std::fabs(d) <= reach ||
+        (d > 0.0 && !exactRayMissesAll(_nodes.data(), static_cast<int>(_nodes.size()), *_mesh, p))) {
         state.check(*this, true);
-        if (insideByRayParity(p, includeDisabled) == 1) {
+        const int byRays = insideByRayParity(p, includeDisabled);
+        if (byRays == 1 && !(d <= 0.0)) {
             const double inside = _closestPointSigned(p, info, false, includeDisabled, -1);
             return info.face >= 0 ? -std::fabs(inside) : -0.0;
         }
+        if (byRays == 0 && d <= 0.0) return d == 0.0 ? DBL_MIN : -d;
     }
     std::int64_t budget = state.checkCost.load(std::memory_order_relaxed);
     if (budget < 0) budget = kEstimatedCheckNanosPerFace * _numberFaces;

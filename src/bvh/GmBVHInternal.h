@@ -33,8 +33,12 @@ extern "C" void __tsan_release(void* addr);
 
 namespace GmBVHDetail {
 
-// Box padding and search slack.
+// Box padding (every leaf box, on every side, plus the thickness in thickened mode).
 constexpr double kPad = 1e-8;
+
+// Slack of the nearest-first searches on squared distances: relative, for the rounding of the
+// box and face distances (boxes enclose their faces, so a box is never farther than its face).
+constexpr double kSearchSlack = 0x1p-40;
 
 // Nearest float at or below / at or above a double (the same values as
 // GmAxisAlignedBox::roundDown / roundUp, without the library call per bound).
@@ -215,7 +219,7 @@ private:
 
 // Depth-first walk of a face hierarchy towards p, nearest subtree first, for nearest-primitive
 // searches. A subtree is entered only while its squared box distance is not greater than the
-// current bound + kPad (the others wait on a stack with their box distances and are checked
+// current bound (times 1 + kSearchSlack) (the others wait on a stack with their box distances and are checked
 // again when taken), and with includeDisabled false disabled subtrees are skipped.
 // leaf(i, bound) handles leaf node i and returns the bound, possibly lowered; leafHint(i) is
 // called for a leaf as soon as it qualifies, ahead of its visit (to start loading its face).
@@ -239,7 +243,7 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const Boxes& boxes, 
     if (!includeDisabled && nodes[0].disabled) return;
     const int numberNodes = static_cast<int>(tree.size());
     const int firstLeaf = numberNodes / 2;  // 2n - 1 nodes, the last n of them leaves
-    double limit = bound + kPad;
+    double limit = bound + bound * kSearchSlack;
 
     // Once a node qualifies, start loading what its visit reads: the face of a leaf, else the
     // boxes its step measures.
@@ -310,7 +314,7 @@ inline void walkNearestFirst(const std::vector<Node>& tree, const Boxes& boxes, 
         if (!(key > limit)) {
             if (node >= firstLeaf) {
                 bound = leaf(node, bound);
-                limit = bound + kPad;
+                limit = bound + bound * kSearchSlack;
             } else {
                 const int k = 2 * node + 2 < firstLeaf ? measure(std::integral_constant<int, 4>(), 4 * node + 3)
                                                        : measure(std::integral_constant<int, 2>(), 2 * node + 1);

@@ -22,6 +22,8 @@ namespace {
 typedef GmBoundingVolumeHierarchy::Node Node;
 typedef GmBoundingVolumeHierarchy::LeafFace LeafFace;
 
+// Slack of the tests of unit directions (dimensionless), and of the nearest-face walk's
+// comparisons relative to the lengths compared.
 constexpr double kSlack = 1e-8;
 constexpr double kWeightTol = 2.220446049250313e-14;  // 100 * DBL_EPSILON
 constexpr double kPi = 3.14159265358979323846;
@@ -96,7 +98,7 @@ void GmBoundingVolumeHierarchy::findClosestPointBase(const GmTVector<double>& p,
         const GmTVector<double>& v3 = V[f.vertices[2]];
         double s = 0.0, t = 0.0;
         const double d2 = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
-        if (!(d2 <= best + kSlack)) return best;  // also drops NaN
+        if (!(d2 <= best + best * kSearchSlack)) return best;  // also drops NaN
         if (sideTest) {
             const GmTVector<double> c = v1 * (1.0 - s - t) + v2 * s + v3 * t;
             const bool front = (c - p).dot(mesh.getFaceNormal(f.face)) > 0.0;
@@ -172,7 +174,9 @@ void GmBoundingVolumeHierarchy::walkClosestPoint(const GmTVector<double>& p, Clo
         info.type = classifyWeights(w1, s, t);
         info.distanceSquared = d2;
         const GmTVector<double> diff = p - info.point;
-        const GmTVector<double> u = diff / std::max(diff.length(), 1e-12);
+        const double diffLength = diff.length();
+        if (!(diffLength > 0.0)) break;  // p lies on the face
+        const GmTVector<double> u = diff / diffLength;
 
         int next = -1;
         if (isEdgeType(info.type)) {
@@ -181,7 +185,8 @@ void GmBoundingVolumeHierarchy::walkClosestPoint(const GmTVector<double>& p, Clo
             if (g < 0 || g == f || _faceDisabled(g, includeDisabled)) break;
             const int w = mesh.getOtherVertex(g, e);
             if (w < 0) break;
-            if ((info.point - V[static_cast<size_t>(w)]).dot(u) < -kSlack && g != previous) next = g;
+            const GmTVector<double> towards = info.point - V[static_cast<size_t>(w)];
+            if (towards.dot(u) < -kSlack * towards.length() && g != previous) next = g;
         } else if (isVertexType(info.type)) {
             const int vtx = vertexOfType(face, info.type);
             int chosen = -1;
@@ -192,7 +197,8 @@ void GmBoundingVolumeHierarchy::walkClosestPoint(const GmTVector<double>& p, Clo
                     (edge.secondFace < 0 || _faceDisabled(edge.secondFace, false)))
                     continue;  // every face of the edge is disabled
                 const int other = edge.getOtherVertex(vtx);
-                if ((V[static_cast<size_t>(vtx)] - V[static_cast<size_t>(other)]).dot(u) < -kSlack) {
+                const GmTVector<double> along = V[static_cast<size_t>(vtx)] - V[static_cast<size_t>(other)];
+                if (along.dot(u) < -kSlack * along.length()) {
                     chosen = e;
                     break;
                 }

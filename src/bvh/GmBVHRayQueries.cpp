@@ -27,6 +27,7 @@ typedef GmBoundingVolumeHierarchy::Node Node;
 
 constexpr double kAxisTol = 1e-8;
 constexpr double kAxisOne = 1.00000001;
+constexpr double kAxisNoise = 0x1p-48;
 
 // Box and triangle tests of one ray kind. test() gives the hit point and the weights of the
 // face's vertices 1, 2, 3.
@@ -124,8 +125,11 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
     }
     bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
                   GmTVector<double>& point, GmTVector<double>& weights) const {
-        const double det = (v3[C] - v1[C]) * (v2[B] - v1[B]) - (v3[B] - v1[B]) * (v2[C] - v1[C]);
-        if (std::fabs(det) <= kAxisTol) return false;
+        // Faces seen (nearly) edge-on are left to the other rays; the tolerances are relative
+        // to the face's size and, for the hit behind the origin, to the coordinates' magnitude.
+        const double p1 = (v3[C] - v1[C]) * (v2[B] - v1[B]), p2 = (v3[B] - v1[B]) * (v2[C] - v1[C]);
+        const double det = p1 - p2;
+        if (!(std::fabs(det) > kAxisTol * (std::fabs(p1) + std::fabs(p2)))) return false;
         const double dx = o[B] - v1[B], dy = o[C] - v1[C];
         const double u = (dx * (v3[C] - v1[C]) - dy * (v3[B] - v1[B])) / det;
         if (u < -kAxisTol || u > kAxisOne) return false;
@@ -133,7 +137,9 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
         if (v < -kAxisTol || u + v > kAxisOne) return false;
         const double w = 1.0 - u - v;
         point = v1 * w + v2 * u + v3 * v;
-        if (S < 0 ? point[A] > o[A] + kAxisTol : point[A] < o[A] - kAxisTol) return false;
+        const double behind = kAxisTol * (std::fabs(v2[A] - v1[A]) + std::fabs(v3[A] - v1[A])) +
+                              kAxisNoise * std::fabs(o[A]);
+        if (S < 0 ? point[A] > o[A] + behind : point[A] < o[A] - behind) return false;
         weights.set(w, u, v);
         return true;
     }
@@ -608,11 +614,23 @@ bool GmBoundingVolumeHierarchy::initializeClosestPointInfo(const GmTVector<doubl
             any = true;
             info.face = hit.face;
             info.distanceSquared = hit.distanceSquared;
-            info.point = hit.point;
-            info.s = hit.weights.y;
-            info.t = hit.weights.z;
-            info.type = classifyWeights(hit.weights.x, hit.weights.y, hit.weights.z);
         }
+    }
+    if (any) {
+        // The seed is the closest point of the face met nearest: a hit point of a face seen
+        // nearly edge-on carries the rounding of a small determinant, and a bound below the
+        // true distance would let the search pass over the nearest face.
+        const GmTriangleFace& f = _mesh->getFace(info.face);
+        const std::vector<GmTVector<double>>& V = _mesh->getVertices();
+        const GmTVector<double>& v1 = V[static_cast<size_t>(f.vertices[0])];
+        const GmTVector<double>& v2 = V[static_cast<size_t>(f.vertices[1])];
+        const GmTVector<double>& v3 = V[static_cast<size_t>(f.vertices[2])];
+        double s = 0.0, t = 0.0;
+        info.distanceSquared = GmGeometry::closestParametricPointOnTriangle(p, v1, v2, v3, s, t);
+        info.s = s;
+        info.t = t;
+        info.point = v1 * (1.0 - s - t) + v2 * s + v3 * t;
+        info.type = classifyWeights(1.0 - s - t, s, t);
     }
     return any;
 }

@@ -59,7 +59,8 @@ enum class GmSelfContactRecords {
 // The tree is a complete binary heap stored in one array: for n faces there are 2n - 1 nodes,
 // nodes 0 .. n-2 are internal (children 2i + 1 and 2i + 2), nodes n-1 .. 2n-2 are leaves with
 // one face each. Boxes are single precision, padded by 1e-8 (plus a thickness in thickened
-// mode). The hierarchy keeps non-owning pointers to its mesh and masks and owns only its nodes.
+// mode) and rounded outwards, so a box always encloses its padded face.
+// The hierarchy keeps non-owning pointers to its mesh and masks and owns only its nodes.
 //
 // Three bounding modes share one build and refit:
 //   plain      build(disabled, frozen)            - the face at the mesh's positions
@@ -195,10 +196,12 @@ public:
     // True when p lies inside the mesh or on its surface.
     bool isInsideMesh(const GmTVector<double>& p, bool includeDisabled) const;
     // On a closed, manifold, outward oriented mesh without self-intersections or nested parts,
-    // isInsideMesh decides points away from the surface by the parity of the crossings of one
-    // axis ray (the answer is the same). The check that allows this costs about one static
-    // self-intersection pass; isInsideMesh runs it once its closest-point searches since the
-    // last build, refit or mask change have cost as much. prepareInsideQueries runs it now and
+    // isInsideMesh decides by the parity of the exact crossings of one axis ray (the answer is
+    // the same away from the surface; near it, within 1e-7 of the mesh's size, it is the exact
+    // one, and a point exactly on a face is inside). The check that allows this costs about one
+    // static self-intersection pass; isInsideMesh runs it once its closest-point searches since
+    // the last build, refit or mask change have cost as much, or at once for a search that ends
+    // near the surface of a closed mesh. prepareInsideQueries runs it now and
     // returns whether the ray path serves queries with includeDisabled; insideQueriesPrepared
     // only reports that. Disabled faces (with includeDisabled false) keep the search path.
     bool prepareInsideQueries(bool includeDisabled) const;
