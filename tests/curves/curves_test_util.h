@@ -21,7 +21,6 @@ using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
 using Pair = std::pair<std::int64_t, std::int64_t>;
 
-
 // A set of strands with positions and per-vertex radii.
 struct Strands {
     std::vector<std::size_t> segments;  // per curve
