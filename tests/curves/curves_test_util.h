@@ -71,7 +71,6 @@ inline Strands degenerate(double scale) {
     return s;
 }
 
-// Unordered segment pair.
 inline Pair key(std::int64_t a, std::int64_t b) { return a < b ? Pair(a, b) : Pair(b, a); }
 
 template <class Records>
