@@ -21,7 +21,6 @@ using Vec = GmTVector<double>;
 using Positions = std::vector<Vec>;
 using Pair = std::pair<std::int64_t, std::int64_t>;
 
-
 // A set of strands with positions and per-vertex radii.
 struct Strands {
     std::vector<std::size_t> segments;  // per curve
@@ -72,7 +71,6 @@ inline Strands degenerate(double scale) {
     return s;
 }
 
-// Unordered segment pair.
 inline Pair key(std::int64_t a, std::int64_t b) { return a < b ? Pair(a, b) : Pair(b, a); }
 
 template <class Records>

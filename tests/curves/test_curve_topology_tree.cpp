@@ -15,18 +15,13 @@
 
 using namespace curvetest;
 
-namespace {
-
-struct CurvesCase {
-    const char* name;
-    std::shared_ptr<GmCurves> curves;
-    std::uint64_t numberCurves, numberVertices;
-    std::vector<std::uint64_t> primitiveCurve, primitiveSegment, vertex0;
-};
-
-}  // namespace
-
 TEST(CurveTopology, ConstructorsNumberSegmentsAndVertices) {
+    struct CurvesCase {
+        const char* name;
+        std::shared_ptr<GmCurves> curves;
+        std::uint64_t numberCurves, numberVertices;
+        std::vector<std::uint64_t> primitiveCurve, primitiveSegment, vertex0;
+    };
     const std::vector<CurvesCase> cases = {
         {"zero vertices", std::make_shared<GmCurves>(std::size_t(0)), 0, 0, {}, {}, {}},
         {"one vertex", std::make_shared<GmCurves>(std::size_t(1)), 0, 0, {}, {}, {}},

@@ -37,9 +37,7 @@ inline bool exactTrianglesMeet(const Exact& a0, const Exact& a1, const Exact& a2
             col[i][k] = (*a[i])[k];
             col[3 + i][k] = -(*b[i])[k];
         }
-        col[i][3] = 1;
-        col[i][4] = 0;
-        col[3 + i][3] = 0;
+        col[i][3] = 1;  // the other entries stay zero
         col[3 + i][4] = 1;
     }
     for (int mask = 1; mask < 64; ++mask) {
