@@ -73,8 +73,6 @@ void checkSelf(const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& tree
     EXPECT_EQ(metrics.narrowPhaseCandidates(), overlappingLeafPairs(tree) + orphanCandidates);
     EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
     EXPECT_EQ(metrics.narrowPhaseSuccesses(), pairs.size() + orphanSuccesses);
-    EXPECT_LE(metrics.broadPhaseSuccesses(), metrics.broadPhaseTests());
-    EXPECT_LE(metrics.broadPhaseTests(), metrics.broadPhaseCandidates());
     if ((tests & GmIntersection::kEdgeEdgeTests).bits() == 0) {
         EXPECT_EQ(metrics.edgeEdgeCandidates(), 0u);
     }

@@ -76,8 +76,6 @@ const SpheresScene& spheres() {
     return s;
 }
 
-// ---- Crossing rule -------------------------------------------------------------------------
-
 TEST(PinchCrossing, PathAgainstOnePieceFollowsTheOrientationRule) {
     struct Case {
         const char* what;
@@ -130,8 +128,6 @@ TEST(PinchCrossing, ParityOfPiecesDecidesTheSideOnAFace) {
     info.uniformType = 2;
     EXPECT_EQ(info.facePointType(0, beyondTwo), 2);
 }
-
-// ---- Scenes with known sides ---------------------------------------------------------------
 
 TEST(PinchScenes, UniformMeshTakesItsOrientationAndOtherObjects) {
     struct Case {
@@ -242,8 +238,6 @@ TEST(PinchScenes, FoldReachingTheOpenBoundary) {
     }
 }
 
-// ---- Messages ------------------------------------------------------------------------------
-
 TEST(PinchMessages, SeedFailureUnknownVerticesAndFacesAndFacePointType) {
     // A tetrahedron whose pairs of faces are all reported as meeting (every vertex LOOP), and
     // 13 vertices that no face uses.
@@ -310,8 +304,6 @@ TEST(PinchMessages, OpenBoundaryListStopsAfterTwelveAndPrintsOncePerObject) {
     EXPECT_EQ(buildCapturing(copy, tree, records), "");
     EXPECT_EQ(buildCapturing(fresh, tree, records), expected);
 }
-
-// ---- Queries with pinch information ---------------------------------------------------------
 
 // A cloth moving down through the overlapping spheres: the flags of the two-mesh records say
 // whether the body's feature lies inside the other sphere, serial and parallel alike; without
