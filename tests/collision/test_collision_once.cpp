@@ -108,7 +108,8 @@ TEST(EachFeaturePairOnce, MatchesBruteForceOverAllFeaturePairs) {
         EXPECT_EQ(facade.getSelfContactRecords(), GmSelfContactRecords::EveryTrianglePair);
         std::vector<Record> every;
         GmBVHMetrics mEvery;
-        facade.getHierarchy()->continuousTimeSelfIntersect(every, end, GmIntersection::kAllTests, false, false, 0, mEvery);
+        facade.getHierarchy()->continuousTimeSelfIntersect(every, end, GmIntersection::kAllTests, false, false, 0,
+                                                           mEvery);
         facade.setSelfContactRecords(GmSelfContactRecords::EachFeaturePairOnce);
         const GmBoundingVolumeHierarchy tree(*facade.getHierarchy());
         auto [once, mOnce] = serialAndParallel<Record>([&](std::vector<Record>& r, GmBVHMetrics& m) {
@@ -119,7 +120,8 @@ TEST(EachFeaturePairOnce, MatchesBruteForceOverAllFeaturePairs) {
         expectSameContacts(expected, distinct(once, repeatsOnce));
         EXPECT_EQ(repeatsOnce, 0u);
         if (repeatsEvery > 0) {
-            EXPECT_LT(mOnce.vertexFaceTests() + mOnce.edgeEdgeTests(), mEvery.vertexFaceTests() + mEvery.edgeEdgeTests());
+            EXPECT_LT(mOnce.vertexFaceTests() + mOnce.edgeEdgeTests(),
+                      mEvery.vertexFaceTests() + mEvery.edgeEdgeTests());
         }
         const std::vector<std::string> all = sortedKeys(every);
         for (const Record& r : once) EXPECT_TRUE(std::binary_search(all.begin(), all.end(), key(r))) << key(r);

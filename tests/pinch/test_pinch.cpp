@@ -196,7 +196,8 @@ TEST(PinchScenes, FlapPushedThroughASheetIsOnTheOtherSideBeyondTheSheet) {
     SelfIntersectionInfo info;
     // The crossing runs across the whole tongue, so it meets the tongue's open edges; nothing unknown.
     const std::string err = buildCapturing(info, tree, selfRecords(tree));
-    EXPECT_TRUE(err.find("near open boundary edges") != std::string::npos && err.find("unknown") == std::string::npos) << err;
+    EXPECT_NE(err.find("near open boundary edges"), std::string::npos) << err;
+    EXPECT_EQ(err.find("unknown"), std::string::npos) << err;
     const int sheetFaces = 800, columns = 8;  // quads across the tongue
     const int dive = sheetFaces + qgtools::kFlapDive * 2 * columns;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
@@ -370,7 +371,8 @@ TEST(PinchQueries, PinchAwareInsideMatchesTheUnionOfOverlappingSolids) {
         GmBoundingTree probeTree(&probe);
         for (const bool withInfo : {true, false}) {
             std::vector<GmInsideInfo> inside;
-            probeTree.intersect({s.tree.get()}, {withInfo ? &multi : nullptr}, 0, objects, inside, false, true, metrics);
+            probeTree.intersect({s.tree.get()}, {withInfo ? &multi : nullptr}, 0, objects, inside, false, true,
+                                metrics);
             std::vector<char> reported(std::size_t(probe.getNumberVertices()), 0);
             int wrong = 0, wrongClosest = 0, pinched = 0;
             for (const GmInsideInfo& r : inside) {
