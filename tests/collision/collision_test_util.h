@@ -78,8 +78,6 @@ inline Positions foldZ(const Positions& p, double factor) {
     return out;
 }
 
-// ---- Record keys ---------------------------------------------------------------------------
-
 inline std::string key(const GmTriangleInterferenceInfo& r) {
     std::ostringstream os;
     os.precision(17);
@@ -112,8 +110,6 @@ std::vector<std::string> sortedKeys(const std::vector<Record>& records) {
     std::sort(keys.begin(), keys.end());
     return keys;
 }
-
-// ---- Brute force ---------------------------------------------------------------------------
 
 // Double-precision box of a face over several position sets, padded: a reference prefilter
 // strictly more inclusive than the hierarchy's boxes.

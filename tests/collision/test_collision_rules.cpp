@@ -47,12 +47,10 @@ TEST(CollisionRules, HandCountedMetricsOfThreeCrossingTriangles) {
         [&](std::vector<ST>& r, GmBVHMetrics& mm) { return tree.selfIntersect(r, false, false, false, mm); });
     // Descents from (1, 2) and (3, 4): (1, 2) overlaps and splits into two leaf pairs; (3, 4) is
     // a leaf pair. Four node pairs, all overlapping; three triangle pairs, all intersecting.
-    EXPECT_EQ(metrics.broadPhaseCandidates(), 4u);
-    EXPECT_EQ(metrics.broadPhaseTests(), 4u);
-    EXPECT_EQ(metrics.broadPhaseSuccesses(), 4u);
-    EXPECT_EQ(metrics.narrowPhaseCandidates(), 3u);
-    EXPECT_EQ(metrics.narrowPhaseTests(), 3u);
-    EXPECT_EQ(metrics.narrowPhaseSuccesses(), 3u);
+    EXPECT_EQ((std::vector<std::uint32_t>{metrics.broadPhaseCandidates(), metrics.broadPhaseTests(),
+                                          metrics.broadPhaseSuccesses(), metrics.narrowPhaseCandidates(),
+                                          metrics.narrowPhaseTests(), metrics.narrowPhaseSuccesses()}),
+              (std::vector<std::uint32_t>{4, 4, 4, 3, 3, 3}));
     std::set<FacePair> pairs;
     for (const auto& r : found)
         pairs.insert({std::min(r.triangleIndex1, r.triangleIndex2), std::max(r.triangleIndex1, r.triangleIndex2)});
@@ -61,8 +59,9 @@ TEST(CollisionRules, HandCountedMetricsOfThreeCrossingTriangles) {
 }
 
 // A single leaf, an empty mesh and two meshes whose roots are apart: nothing found; only the
-// roots of the apart meshes are examined.
-TEST(CollisionRules, DegenerateAndDisjointTrees) {
+// roots of the apart meshes are examined. Appending keeps old records and returns whether the
+// vector grew; counters accumulate.
+TEST(CollisionRules, DegenerateTreesAndAppendSemantics) {
     GmTriangleMesh one, empty, other = threeCrossingTriangles();
     one.addFace(Vec(0, 0, 0), Vec(1, 0, 0), Vec(0, 1, 0));
     one.finishConstruction();
@@ -87,35 +86,22 @@ TEST(CollisionRules, DegenerateAndDisjointTrees) {
         EXPECT_FALSE(to.meshMeshIntersect(s, te, false, false, m));
         EXPECT_TRUE(s.empty());
         EXPECT_TRUE(m == GmBVHMetrics());
-        EXPECT_FALSE(ta.meshMeshIntersect(s, tb, false, false, m));
+        ST marker;
+        marker.triangleIndex1 = 77;
+        s = {marker};
+        EXPECT_FALSE(ta.meshMeshIntersect(s, tb, true, false, m));  // appending nothing
+        EXPECT_EQ(s.size(), 1u);
         EXPECT_EQ(m.broadPhaseCandidates(), 1u);
         EXPECT_EQ(m.broadPhaseTests(), 1u);
         EXPECT_EQ(m.broadPhaseSuccesses(), 0u);
-    }
-}
-
-TEST(CollisionRules, AppendKeepsOldRecordsAndReturnsWhetherTheVectorGrew) {
-    GmTriangleMesh m = threeCrossingTriangles(), far = qgtools::makeIcosphere(0, 0.1, Vec(10, 0, 0));
-    GmBoundingVolumeHierarchy tree(&m), farTree(&far);
-    ThreadingSwitch sw;
-    for (bool parallel : {false, true}) {
-        sw.set(parallel);
-        ST marker;
-        marker.triangleIndex1 = 77;
-        std::vector<ST> r{marker};
-        GmBVHMetrics metrics;
-        EXPECT_TRUE(tree.selfIntersect(r, false, true, false, metrics));
-        ASSERT_EQ(r.size(), 4u);
-        EXPECT_EQ(r.front().triangleIndex1, 77);
-        EXPECT_TRUE(tree.selfIntersect(r, false, false, false, metrics));  // cleared first
-        EXPECT_EQ(r.size(), 3u);
-        EXPECT_EQ(metrics.narrowPhaseTests(), 6u);  // counters accumulate
-        // Appending nothing returns false although the vector is not empty.
-        std::vector<ST> kept{marker};
-        EXPECT_FALSE(tree.meshMeshIntersect(kept, farTree, true, false, metrics));
-        EXPECT_EQ(kept.size(), 1u);
-        EXPECT_FALSE(tree.meshMeshIntersect(kept, farTree, false, false, metrics));
-        EXPECT_TRUE(kept.empty());
+        EXPECT_TRUE(to.selfIntersect(s, false, true, false, m));
+        ASSERT_EQ(s.size(), 4u);
+        EXPECT_EQ(s.front().triangleIndex1, 77);
+        EXPECT_TRUE(to.selfIntersect(s, false, false, false, m));  // cleared first
+        EXPECT_EQ(s.size(), 3u);
+        EXPECT_EQ(m.narrowPhaseTests(), 6u);
+        EXPECT_FALSE(ta.meshMeshIntersect(s, tb, false, false, m));
+        EXPECT_TRUE(s.empty());
     }
 }
 
@@ -167,7 +153,42 @@ TEST(CollisionRules, AdjacentPairsOnlyThroughTheOrphanPass) {
     }
 }
 
-TEST(CollisionRules, DisabledFacesArePrunedUnlessIncluded) {
+TEST(CollisionRules, FrozenPairsArePrunedUnlessIgnored) {
+    GmTriangleMesh strip = qgtools::makeFoldedGrid(40, 6);
+    const int n = strip.getNumberFaces();
+    GmFrozenData frozen(n), half(n);
+    for (int f = 0; f < n; ++f) frozen.setFaceFrozen(f);
+    for (int f = 0; f < n / 2; ++f) half.setFaceFrozen(f);
+    GmBoundingVolumeHierarchy tree(&strip, nullptr, &frozen), plain(&strip);
+    auto run = [&](std::vector<ST>& r, GmBVHMetrics& m) { return tree.selfIntersect(r, false, false, false, m); };
+    auto allFrozen = serialAndParallel<ST>(run);
+    EXPECT_TRUE(allFrozen.first.empty());
+    // Each descent stops at its first pair: one candidate per internal node, nothing tested.
+    EXPECT_EQ(allFrozen.second.broadPhaseCandidates(), std::uint32_t(tree.getNumberInternalNodes()));
+    EXPECT_EQ(allFrozen.second.broadPhaseTests(), 0u);
+
+    auto reference = serialAndParallel<ST>(
+        [&](std::vector<ST>& r, GmBVHMetrics& m) { return plain.selfIntersect(r, false, false, false, m); });
+    ASSERT_FALSE(reference.first.empty());
+    tree.setIgnoreFrozen(true);
+    auto ignored = serialAndParallel<ST>(run);
+    EXPECT_EQ(sortedKeys(ignored.first), sortedKeys(reference.first));
+    EXPECT_TRUE(ignored.second == reference.second);
+
+    // Half frozen: pairs of two frozen faces disappear, pairs with a moving face remain.
+    tree.setIgnoreFrozen(false);
+    tree.setFrozenData(&half);
+    std::vector<ST> expected;
+    for (const auto& r : reference.first)
+        if (!(half.isFrozen(r.triangleIndex1) && half.isFrozen(r.triangleIndex2))) expected.push_back(r);
+    ASSERT_LT(expected.size(), reference.first.size());
+    EXPECT_EQ(sortedKeys(serialAndParallel<ST>(run).first), sortedKeys(expected));
+}
+
+// Faces of a disabled mask are pruned (a mask with a zero count acts like none); the
+// vertex-radius test keeps pairs near each other in the reference positions. Both against the
+// unfiltered query's records.
+TEST(CollisionRules, DisabledFacesAndVertexRadiusTestFilterTheRecords) {
     auto [mesh, end] = fold(16, 1.5, 3.4);
     GmDisabledData disabled(&mesh), zeroCount(&mesh);
     std::vector<int> off;
@@ -204,63 +225,22 @@ TEST(CollisionRules, DisabledFacesArePrunedUnlessIncluded) {
     EXPECT_TRUE(included.second == ma);
     EXPECT_EQ(sortedKeys(query<CT>(runOn(zero, false), &mz)), sortedKeys(all));
     EXPECT_TRUE(mz == ma);
-}
 
-TEST(CollisionRules, FrozenPairsArePrunedUnlessIgnored) {
-    GmTriangleMesh strip = qgtools::makeFoldedGrid(40, 6);
-    const int n = strip.getNumberFaces();
-    GmFrozenData frozen(n), half(n);
-    for (int f = 0; f < n; ++f) frozen.setFaceFrozen(f);
-    for (int f = 0; f < n / 2; ++f) half.setFaceFrozen(f);
-    GmBoundingVolumeHierarchy tree(&strip, nullptr, &frozen), plain(&strip);
-    auto run = [&](std::vector<ST>& r, GmBVHMetrics& m) { return tree.selfIntersect(r, false, false, false, m); };
-    auto allFrozen = serialAndParallel<ST>(run);
-    EXPECT_TRUE(allFrozen.first.empty());
-    // Each descent stops at its first pair: one candidate per internal node, nothing tested.
-    EXPECT_EQ(allFrozen.second.broadPhaseCandidates(), std::uint32_t(tree.getNumberInternalNodes()));
-    EXPECT_EQ(allFrozen.second.broadPhaseTests(), 0u);
-
-    auto reference = serialAndParallel<ST>(
-        [&](std::vector<ST>& r, GmBVHMetrics& m) { return plain.selfIntersect(r, false, false, false, m); });
-    ASSERT_FALSE(reference.first.empty());
-    tree.setIgnoreFrozen(true);
-    auto ignored = serialAndParallel<ST>(run);
-    EXPECT_EQ(sortedKeys(ignored.first), sortedKeys(reference.first));
-    EXPECT_TRUE(ignored.second == reference.second);
-
-    // Half frozen: pairs of two frozen faces disappear, pairs with a moving face remain.
-    tree.setIgnoreFrozen(false);
-    tree.setFrozenData(&half);
-    std::vector<ST> expected;
-    for (const auto& r : reference.first)
-        if (!(half.isFrozen(r.triangleIndex1) && half.isFrozen(r.triangleIndex2))) expected.push_back(r);
-    ASSERT_LT(expected.size(), reference.first.size());
-    EXPECT_EQ(sortedKeys(serialAndParallel<ST>(run).first), sortedKeys(expected));
-}
-
-TEST(CollisionRules, VertexRadiusTestFiltersCandidates) {
-    auto [mesh, end] = fold(16, 1.5, 3.4);
     // Reference positions: the flat cloth, where folded-over faces are far apart; only pairs
     // within 0.15 of each other there may reach the kernel.
     auto ref = std::make_shared<Positions>(qgtools::makeClothGrid(16, 16, 1.0, 1.0).getVertices());
-    GmBoundingVolumeHierarchy tree(&mesh, end), filtered(&mesh, end);
+    GmBoundingVolumeHierarchy filtered(&mesh, end);
     GmIntersection::MeshTests tests;
     tests.setVertexRadiusTest(ref, 0.15);
     filtered.setMeshTests(tests);
-    GmBVHMetrics ma;
-    const std::vector<CT> all = query<CT>(
-        [&](auto& r, auto& m) { return tree.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, false, 0, m); },
-        &ma);
-    auto [found, metrics] = serialAndParallel<CT>([&](std::vector<CT>& r, GmBVHMetrics& m) {
-        return filtered.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, false, 0, m);
-    });
-    std::vector<CT> expected;
+    auto [near, nearMetrics] = serialAndParallel<CT>(runOn(filtered, false));
+    std::vector<CT> expected;  // the unfiltered records, filtered
     for (const auto& r : all)
         if (tests.vertexRadiusTest(mesh.getFace(r.triangleIndex1).vertices, mesh.getFace(r.triangleIndex2).vertices))
             expected.push_back(r);
     EXPECT_LT(expected.size(), all.size()) << "the test should remove far-apart pairs";
-    EXPECT_EQ(sortedKeys(found), sortedKeys(expected));
+    EXPECT_EQ(sortedKeys(near), sortedKeys(expected));
     // The same candidates are examined; fewer reach the kernel.
-    EXPECT_EQ(metrics.narrowPhaseCandidates(), ma.narrowPhaseCandidates());
-    EXPECT_LT(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
+    EXPECT_EQ(nearMetrics.narrowPhaseCandidates(), ma.narrowPhaseCandidates());
+    EXPECT_LT(nearMetrics.narrowPhaseTests(), nearMetrics.narrowPhaseCandidates());
 }

@@ -73,8 +73,6 @@ void checkSelf(const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& tree
     EXPECT_EQ(metrics.narrowPhaseCandidates(), overlappingLeafPairs(tree) + orphanCandidates);
     EXPECT_EQ(metrics.narrowPhaseTests(), metrics.narrowPhaseCandidates());
     EXPECT_EQ(metrics.narrowPhaseSuccesses(), pairs.size() + orphanSuccesses);
-    EXPECT_LE(metrics.broadPhaseSuccesses(), metrics.broadPhaseTests());
-    EXPECT_LE(metrics.broadPhaseTests(), metrics.broadPhaseCandidates());
     if ((tests & GmIntersection::kEdgeEdgeTests).bits() == 0) {
         EXPECT_EQ(metrics.edgeEdgeCandidates(), 0u);
     }
@@ -237,25 +235,23 @@ TEST(CollisionPair, FacadeForwardsAndChoosesComponentTests) {
     Positions clothEnd = cloth.getVertices();
     for (Vec& p : clothEnd) p.z -= 0.25;
     const Positions sphereEnd = sphere.getVertices();
-    GmBoundingTree tc(&cloth, clothEnd), ts(&sphere, sphereEnd);
+    GmBoundingTree tc(&cloth, clothEnd), ts(&sphere, sphereEnd), xc(&cloth, 0.05), xs(&sphere, 0.05);
     for (bool vertexFace : {true, false}) {
         const ComponentTests tests = vertexFace ? GmIntersection::kVertexFaceTests : GmIntersection::kAllTests;
         std::vector<CT> direct, facade;
+        std::vector<PX> p1, p2;
         GmBVHMetrics m1, m2;
         tc.getHierarchy()->continuousTimeIntersect(direct, clothEnd, *ts.getHierarchy(), sphereEnd, nullptr, nullptr,
                                                    tests, false, false, false, 0, 1, m1);
         tc.continuousTimeIntersect(facade, clothEnd, ts, sphereEnd, nullptr, nullptr, vertexFace, false, false, false,
                                    0, 1, m2);
+        xc.getHierarchy()->proximityCheck(p1, 0.05, *xs.getHierarchy(), nullptr, tests, false, false, 0, 1, 0.0, m1);
+        xc.proximityCheck(p2, 0.05, xs, nullptr, vertexFace, false, false, 0, 1, 0.0, m2);
         EXPECT_FALSE(facade.empty());
         EXPECT_EQ(sortedKeys(direct), sortedKeys(facade));
+        EXPECT_EQ(sortedKeys(p1), sortedKeys(p2));
         EXPECT_TRUE(m1 == m2);
         expectFields(facade, 0, 1, tests);
-
-        std::vector<PX> p1, p2;
-        GmBoundingTree xc(&cloth, 0.05), xs(&sphere, 0.05);
-        xc.proximityCheck(p1, 0.05, xs, nullptr, vertexFace, false, false, 0, 1, 0.0, m1);
-        xc.getHierarchy()->proximityCheck(p2, 0.05, *xs.getHierarchy(), nullptr, tests, false, false, 0, 1, 0.0, m2);
-        EXPECT_EQ(sortedKeys(p1), sortedKeys(p2));
     }
     std::vector<ST> s1, s2;
     GmBVHMetrics n1, n2;

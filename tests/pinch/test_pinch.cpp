@@ -1,7 +1,6 @@
 // Pinch classification: crossing rule, scenes with known sides, pinch-aware queries, messages.
 
 #include <algorithm>
-#include <cfloat>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -77,8 +76,6 @@ const SpheresScene& spheres() {
     return s;
 }
 
-// ---- Crossing rule -------------------------------------------------------------------------
-
 TEST(PinchCrossing, PathAgainstOnePieceFollowsTheOrientationRule) {
     struct Case {
         const char* what;
@@ -132,8 +129,6 @@ TEST(PinchCrossing, ParityOfPiecesDecidesTheSideOnAFace) {
     EXPECT_EQ(info.facePointType(0, beyondTwo), 2);
 }
 
-// ---- Scenes with known sides ---------------------------------------------------------------
-
 TEST(PinchScenes, UniformMeshTakesItsOrientationAndOtherObjects) {
     struct Case {
         bool flipped, insideOther;
@@ -165,8 +160,7 @@ TEST(PinchScenes, UniformMeshTakesItsOrientationAndOtherObjects) {
 }
 
 // Faces without crossings take the side of the other solid their centre lies in, points on
-// faces with crossings likewise; the pinch-aware inside decision agrees with the union of the
-// solids on a grid (the plain one does not; the full 128^3 grid runs in the benchmark).
+// faces with crossings likewise.
 TEST(PinchScenes, OverlappingSpheresSplitIntoOuterAndBuriedSurface) {
     const SpheresScene& s = spheres();
     EXPECT_FALSE(s.info.uniform);
@@ -194,30 +188,15 @@ TEST(PinchScenes, OverlappingSpheresSplitIntoOuterAndBuriedSurface) {
         }
     }
     EXPECT_GT(whole, s.half);
-    const int n = 24;
-    int wrongPinch = 0, wrongPlain = 0;
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j)
-            for (int k = 0; k < n; ++k) {
-                const Vec p(-1.3 + 3.3 * (i + 0.5) / n, -1.3 + 2.6 * (j + 0.5) / n, -1.3 + 2.6 * (k + 0.5) / n);
-                const double plain = signedDistance(*s.tree, p, nullptr);
-                if (std::fabs(plain) <= 1e-6) continue;
-                const double aware = signedDistance(*s.tree, p, &s.info);
-                EXPECT_EQ(std::fabs(aware), std::fabs(plain));
-                wrongPinch += (aware <= 0.0) != s.unionContains(p);
-                wrongPlain += (plain <= 0.0) != s.unionContains(p);
-            }
-    EXPECT_EQ(wrongPinch, 0);
-    EXPECT_GT(wrongPlain, 0);
 }
 
 TEST(PinchScenes, FlapPushedThroughASheetIsOnTheOtherSideBeyondTheSheet) {
     GmTriangleMesh mesh = qgtools::makeFlapSheet();
     GmBoundingTree tree(&mesh);
     SelfIntersectionInfo info;
+    // The crossing runs across the whole tongue, so it meets the tongue's open edges; nothing unknown.
     const std::string err = buildCapturing(info, tree, selfRecords(tree));
-    // The crossing runs across the whole tongue, so it meets the tongue's open edges.
-    EXPECT_NE(err.find("has pinch regions\n  (which may be ill-defined) near open boundary edges:\n    "), std::string::npos);
+    EXPECT_NE(err.find("near open boundary edges"), std::string::npos) << err;
     EXPECT_EQ(err.find("unknown"), std::string::npos) << err;
     const int sheetFaces = 800, columns = 8;  // quads across the tongue
     const int dive = sheetFaces + qgtools::kFlapDive * 2 * columns;
@@ -241,11 +220,7 @@ TEST(PinchScenes, FoldReachingTheOpenBoundary) {
     GmTriangleMesh mesh = qgtools::makeFoldedGrid(40, 6, 1.0, 0.6);
     GmBoundingTree tree(&mesh);
     SelfIntersectionInfo info;
-    const std::string err = buildCapturing(info, tree, selfRecords(tree));
-    EXPECT_EQ(err.rfind("WARNING in Pinch Classification: SelfIntersectionInfo::build():\n  Collision mesh 'folded' has "
-                        "pinch regions\n  (which may be ill-defined) near open boundary edges:\n    ", 0), 0u)
-        << err;
-    EXPECT_EQ(buildCapturing(info, tree, selfRecords(tree)), "");  // once per object
+    EXPECT_NE(buildCapturing(info, tree, selfRecords(tree)).find("'folded' has pinch regions"), std::string::npos);
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
         const Vec c = mesh.getFaceCenter(f);
         const double t = c.z / c.x;  // the strip's curve parameter
@@ -263,8 +238,6 @@ TEST(PinchScenes, FoldReachingTheOpenBoundary) {
         EXPECT_TRUE(pinched);
     }
 }
-
-// ---- Messages ------------------------------------------------------------------------------
 
 TEST(PinchMessages, SeedFailureUnknownVerticesAndFacesAndFacePointType) {
     // A tetrahedron whose pairs of faces are all reported as meeting (every vertex LOOP), and
@@ -333,8 +306,6 @@ TEST(PinchMessages, OpenBoundaryListStopsAfterTwelveAndPrintsOncePerObject) {
     EXPECT_EQ(buildCapturing(fresh, tree, records), expected);
 }
 
-// ---- Queries with pinch information ---------------------------------------------------------
-
 // A cloth moving down through the overlapping spheres: the flags of the two-mesh records say
 // whether the body's feature lies inside the other sphere, serial and parallel alike; without
 // information the same records, flags off.
@@ -385,30 +356,43 @@ TEST(PinchQueries, ContactFlagsMarkBuriedFeaturesAndMatchAcrossThreads) {
     for (const auto& r : plain.px) EXPECT_FALSE(r.pinched);
 }
 
-// Multi-object inside query: vertices inside the union are reported, those near buried
-// surface flagged; without information the plain decision, no flags.
-TEST(PinchQueries, MultiObjectInsideQueryUsesEachObjectsInformation) {
+// Points on layers through both spheres: the pinch-aware inside decisions (closest point with
+// information, multi-object inside query) agree with the union of the solids; the plain ones
+// do not (the full 128^3 grid runs in the benchmark). Multi-object results near buried surface
+// are flagged only with information.
+TEST(PinchQueries, PinchAwareInsideMatchesTheUnionOfOverlappingSolids) {
     const SpheresScene& s = spheres();
     MultiIntersectionInfo multi;
     multi.build(*s.tree, selfRecords(*s.tree));
-    GmTriangleMesh probe = qgtools::makeClothGrid(30, 30, 3.2, 2.4, Vec(-1.25, -1.2, 0.05));
-    GmBoundingTree probeTree(&probe);
     std::vector<int> objects = {1};
     GmBVHMetrics metrics;
-    for (const bool withInfo : {true, false}) {
-        std::vector<GmInsideInfo> inside;
-        probeTree.intersect({s.tree.get()}, {withInfo ? &multi : nullptr}, 0, objects, inside, false, true, metrics);
-        std::vector<char> reported(std::size_t(probe.getNumberVertices()), 0);
-        int wrong = 0, pinched = 0;
-        for (const GmInsideInfo& r : inside) {
-            reported[std::size_t(r.vertex)] = 1;
-            pinched += r.pinched;
-            EXPECT_EQ(r.objectIndex2, 1);
+    for (const double z : {-0.7, 0.05, 0.4}) {
+        GmTriangleMesh probe = qgtools::makeClothGrid(30, 30, 3.2, 2.4, Vec(-1.25, -1.2, z));
+        GmBoundingTree probeTree(&probe);
+        for (const bool withInfo : {true, false}) {
+            std::vector<GmInsideInfo> inside;
+            probeTree.intersect({s.tree.get()}, {withInfo ? &multi : nullptr}, 0, objects, inside, false, true,
+                                metrics);
+            std::vector<char> reported(std::size_t(probe.getNumberVertices()), 0);
+            int wrong = 0, wrongClosest = 0, pinched = 0;
+            for (const GmInsideInfo& r : inside) {
+                reported[std::size_t(r.vertex)] = 1;
+                pinched += r.pinched;
+                EXPECT_EQ(r.objectIndex2, 1);
+            }
+            for (int v = 0; v < probe.getNumberVertices(); ++v) {
+                const Vec p = probe.getVertex(v);
+                wrong += (reported[std::size_t(v)] != 0) != s.unionContains(p);
+                const double plain = signedDistance(*s.tree, p, nullptr);
+                if (std::fabs(plain) <= 1e-6) continue;
+                const double d = withInfo ? signedDistance(*s.tree, p, &s.info) : plain;
+                EXPECT_EQ(std::fabs(d), std::fabs(plain));
+                wrongClosest += (d <= 0.0) != s.unionContains(p);
+            }
+            EXPECT_EQ(wrong == 0, withInfo) << z;
+            EXPECT_EQ(wrongClosest == 0, withInfo) << z;
+            EXPECT_EQ(pinched > 0, withInfo) << z;
         }
-        for (int v = 0; v < probe.getNumberVertices(); ++v)
-            wrong += (reported[std::size_t(v)] != 0) != s.unionContains(probe.getVertex(v));
-        EXPECT_EQ(wrong == 0, withInfo);
-        EXPECT_EQ(pinched > 0, withInfo);
     }
 }
 
