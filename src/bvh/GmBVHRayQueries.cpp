@@ -27,7 +27,6 @@ typedef GmBoundingVolumeHierarchy::Node Node;
 
 constexpr double kAxisTol = 1e-8;
 constexpr double kAxisOne = 1.00000001;
-constexpr double kAxisNoise = 0x1p-48;
 
 // Box and triangle tests of one ray kind. test() gives the hit point and the weights of the
 // face's vertices 1, 2, 3.
@@ -125,11 +124,8 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
     }
     bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
                   GmTVector<double>& point, GmTVector<double>& weights) const {
-        // Faces seen (nearly) edge-on are left to the other rays; the tolerances are relative
-        // to the face's size and, for the hit behind the origin, to the coordinates' magnitude.
-        const double p1 = (v3[C] - v1[C]) * (v2[B] - v1[B]), p2 = (v3[B] - v1[B]) * (v2[C] - v1[C]);
-        const double det = p1 - p2;
-        if (!(std::fabs(det) > kAxisTol * (std::fabs(p1) + std::fabs(p2)))) return false;
+        const double det = (v3[C] - v1[C]) * (v2[B] - v1[B]) - (v3[B] - v1[B]) * (v2[C] - v1[C]);
+        if (std::fabs(det) <= kAxisTol) return false;
         const double dx = o[B] - v1[B], dy = o[C] - v1[C];
         const double u = (dx * (v3[C] - v1[C]) - dy * (v3[B] - v1[B])) / det;
         if (u < -kAxisTol || u > kAxisOne) return false;
@@ -137,9 +133,7 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
         if (v < -kAxisTol || u + v > kAxisOne) return false;
         const double w = 1.0 - u - v;
         point = v1 * w + v2 * u + v3 * v;
-        const double behind = kAxisTol * (std::fabs(v2[A] - v1[A]) + std::fabs(v3[A] - v1[A])) +
-                              kAxisNoise * std::fabs(o[A]);
-        if (S < 0 ? point[A] > o[A] + behind : point[A] < o[A] - behind) return false;
+        if (S < 0 ? point[A] > o[A] + kAxisTol : point[A] < o[A] - kAxisTol) return false;
         weights.set(w, u, v);
         return true;
     }
