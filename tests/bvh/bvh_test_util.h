@@ -214,12 +214,6 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
     return -1;
 }
 
-inline int firstDifference(const GmBoundingVolumeHierarchy& a, const GmBoundingVolumeHierarchy& b) {
-    std::vector<RefNode> ref;
-    for (const auto& n : b.getNodes()) ref.push_back({n.box, b.getFaceIndex(n), n.disabled, n.frozen});
-    return firstDifference(a, ref);
-}
-
 // ---- Brute-force references ---------------------------------------------------------------
 
 // Closest face among those `keep` admits: smallest squared distance, ties to the smallest index.
@@ -258,38 +252,24 @@ int scanVertices(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
     return best;
 }
 
-// Faces the ray meets, by the triangle test alone.
+// Every face the ray meets by the triangle test alone, by face, with that test's outputs; `ts`
+// gets the ray parameters.
 template <class Keep>
-std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep) {
-    std::set<int> s;
+std::vector<GmPointIntersectionInfo> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep,
+                                              std::vector<double>* ts = nullptr) {
+    std::vector<GmPointIntersectionInfo> hits;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        V3 point;
+        GmPointIntersectionInfo r;
         double t, u, v;
-        if (keep(f) && GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
-                                                   mesh.getFaceVertex3(f), point, t, u, v))
-            s.insert(f);
-    }
-    return s;
-}
-
-// Nearest hit: smallest (t, face), with the triangle test's own outputs.
-inline bool bruteFirst(const GmTriangleMesh& mesh, const V3& o, const V3& d, GmPointIntersectionInfo& best,
-                       double& bestT) {
-    bool found = false;
-    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        V3 point;
-        double t, u, v;
-        if (!GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
-                                         point, t, u, v) ||
-            (found && !(t < bestT)))
+        if (!keep(f) || !GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
+                                                     mesh.getFaceVertex3(f), r.point, t, u, v))
             continue;
-        found = true;
-        bestT = t;
-        best.triangleIndex = f;
-        best.point = point;
-        best.barycentric = V3(1 - u - v, u, v);
+        r.triangleIndex = f;
+        r.barycentric = V3(1 - u - v, u, v);
+        hits.push_back(r);
+        if (ts) ts->push_back(t);
     }
-    return found;
+    return hits;
 }
 
 // Generalised winding number: 1 inside a closed outward mesh, 0 outside.
