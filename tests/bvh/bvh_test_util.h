@@ -300,7 +300,9 @@ inline V3 randomPointAround(const GmTriangleMesh& mesh, std::mt19937& rng, doubl
     return V3(lo.x + size.x * u(rng), lo.y + size.y * u(rng), lo.z + size.z * u(rng));
 }
 
-// Random points around the mesh, and points exactly on faces, edges and vertices.
+// Random points around the mesh; points exactly on faces, edges and vertices; midpoints of the
+// diagonals v1-v3 (a grid cell's centre); points outside the root box within a few hundred units
+// (where equal distances still go to the smallest face index), and its corners.
 inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsigned seed) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(0.0, 1.0);
@@ -311,10 +313,16 @@ inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsign
         const V3 &a = mesh.getFaceVertex1(f), &b = mesh.getFaceVertex2(f), &c = mesh.getFaceVertex3(f);
         double s = u(rng), t = u(rng);
         if (s + t > 1) s = 1 - s, t = 1 - t;
-        pts.push_back(a * (1 - s - t) + b * s + c * t);
-        pts.push_back(a * (1 - s) + b * s);
-        pts.push_back(c);
+        pts.insert(pts.end(), {a * (1 - s - t) + b * s + c * t, a * (1 - s) + b * s, c, (a + c) * 0.5});
     }
+    const GmAxisAlignedBox b = meshBounds(mesh);
+    const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ), size = mx - mn;
+    const double reach = std::max({size.x, size.y, size.z});
+    for (const V3& dir : {V3(1, 0, 0), V3(0, -1, 0), V3(0, 0, 1), V3(-1, 1, -1)})
+        for (const double k : {0.5, 3.0, 100.0})
+            if (k * reach < 500.0) pts.push_back((mn + mx) * 0.5 + dir * (k * reach));
+    for (int corner = 0; corner < 8; ++corner)
+        pts.push_back(V3(corner & 1 ? mx.x : mn.x, corner & 2 ? mx.y : mn.y, corner & 4 ? mx.z : mn.z));
     return pts;
 }
 

@@ -12,25 +12,6 @@ using namespace bvhtest;
 
 namespace {
 
-// Query points, vertices, cell centres, points outside the root box and on its corners (within a
-// few hundred units, where equal distances still go to the smallest face index).
-std::vector<V3> pointsFor(const GmTriangleMesh& mesh, int count, unsigned seed) {
-    std::vector<V3> points = queryPoints(mesh, count, seed);
-    for (int v = 0, step = 1 + mesh.getNumberVertices() / 40; v < mesh.getNumberVertices(); v += step)
-        points.push_back(mesh.getVertex(v));
-    for (int f = 0, step = 1 + mesh.getNumberFaces() / 30; f < mesh.getNumberFaces(); f += step)  // cell centres
-        points.push_back((mesh.getFaceVertex1(f) + mesh.getFaceVertex3(f)) * 0.5);
-    const GmAxisAlignedBox b = meshBounds(mesh);
-    const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ), size = mx - mn;
-    const double reach = std::max({size.x, size.y, size.z});
-    for (const V3& dir : {V3(1, 0, 0), V3(0, -1, 0), V3(0, 0, 1), V3(-1, 1, -1)})
-        for (const double k : {0.5, 3.0, 100.0})
-            if (k * reach < 500.0) points.push_back((mn + mx) * 0.5 + dir * (k * reach));
-    for (int corner = 0; corner < 8; ++corner)
-        points.push_back(V3(corner & 1 ? mx.x : mn.x, corner & 2 ? mx.y : mn.y, corner & 4 ? mx.z : mn.z));
-    return points;
-}
-
 // Every query form against the scans, with and without the disabled faces, and normal filters;
 // also on a fresh copy per point, whose first searches read the nodes, not the compact copy.
 void expectMatchesScans(const std::string& name, const GmTriangleMesh& mesh, const GmBoundingVolumeHierarchy& h,
@@ -115,7 +96,7 @@ TEST(BvhClosestPoint, SameAnswersAsScans) {
             if (f % 2 == 0 || f < mesh.getNumberFaces() / 3) other.setFaceDisabled(f);  // all of a single face
         }
         GmBoundingVolumeHierarchy h(&m.mesh, &mask, nullptr);
-        const std::vector<V3> points = pointsFor(mesh, mesh.getNumberFaces() < 30 ? 40 : 80, 29);
+        const std::vector<V3> points = queryPoints(mesh, mesh.getNumberFaces() < 30 ? 40 : 80, 29);
         expectMatchesScans(m.name, mesh, h, points, &mask);
         const std::vector<V3> few(points.begin(), points.begin() + 40);
         m.mesh.setVertices(jitteredPositions(mesh, 0.02 * meshBounds(mesh).getExtent().length(), 5));
