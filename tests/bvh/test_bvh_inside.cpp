@@ -35,24 +35,8 @@ GmTriangleMesh joined(const std::vector<qgtools::PolygonSoup>& parts) {
     return qgtools::meshFromSoup(all);
 }
 
-GmTriangleMesh openBox() {  // the unit cube without its top
-    qgtools::PolygonSoup s = qgtools::cubeSoup();
-    auto top = [&](const std::array<int, 3>& t) {
-        return s.positions[size_t(t[0])].z + s.positions[size_t(t[1])].z + s.positions[size_t(t[2])].z == 3.0;
-    };
-    s.triangles.erase(std::remove_if(s.triangles.begin(), s.triangles.end(), top), s.triangles.end());
-    return qgtools::meshFromSoup(s);
-}
-
-// Two tetrahedra sharing one vertex: every edge has two faces, the vertex two fans.
-GmTriangleMesh tetrahedraAtOneVertex() {
-    qgtools::PolygonSoup a = qgtools::tetrahedronSoup(1.0), s = a;
-    for (size_t k = 1; k < a.positions.size(); ++k) s.positions.push_back(a.positions[0] * 2.0 - a.positions[k]);
-    auto moved = [](int i) { return i != 0 ? i + 3 : 0; };
-    for (const auto& t : a.triangles)  // the point reflection turns the orientation: two corners swap
-        s.triangles.push_back({moved(t[0]), moved(t[2]), moved(t[1])});
-    return qgtools::meshFromSoup(s);
-}
+const std::vector<V3> kUnitCube{V3(0, 0, 0), V3(1, 0, 0), V3(0, 1, 0), V3(1, 1, 0),
+                                 V3(0, 0, 1), V3(1, 0, 1), V3(0, 1, 1), V3(1, 1, 1)};
 
 typedef std::vector<std::pair<V3, bool>> Known;
 
@@ -93,7 +77,11 @@ std::vector<InsideCase> insideCases() {
     c.push_back({"three parts", joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 0.5, V3(2.6, 0, 0)),
                                         qgtools::cubeSoup(V3(0.5, 2.2, 0.3), V3(1.2, 2.6, 0.9))}),
                  true});
-    c.push_back({"open box", openBox(), false,  // at the rim the nearest face is a side's outside
+    c.push_back({"open box",  // the unit cube without its top; at the rim the nearest face is a side's outside
+                 qgtools::meshFromSoup({kUnitCube,
+                                        {{0, 2, 1}, {1, 2, 3}, {0, 1, 5}, {0, 5, 4}, {1, 3, 7},
+                                         {1, 7, 5}, {3, 2, 6}, {3, 6, 7}, {2, 0, 4}, {2, 4, 6}}}),
+                 false,
                  {{V3(0.5, 0.5, 0.1), true}, {V3(0.1, 0.5, 0.5), true}, {V3(0.3, 0.5, 1.0), false},
                   {V3(0.0, 0.5, 1.0), false}, {V3(0.0, 0.5, 0.5), true}}});
     c.push_back({"overlapping cubes",
@@ -103,7 +91,13 @@ std::vector<InsideCase> insideCases() {
     c.push_back({"inverted sphere", qgtools::meshFromSoup(inverted), false});
     c.push_back({"nested spheres",
                  joined({qgtools::icosphereSoup(2, 1.0), qgtools::icosphereSoup(2, 0.5, V3(0.1, 0, 0))}), false});
-    c.push_back({"tetrahedra at one vertex", tetrahedraAtOneVertex(), false});
+    // Two tetrahedra sharing one vertex: every edge has two faces, the vertex two fans.
+    c.push_back({"tetrahedra at one vertex",
+                 qgtools::meshFromSoup({{V3(0, 0, 0), V3(1, 0, 0), V3(0, 1, 0), V3(0, 0, 1), V3(-1, 0, 0),
+                                         V3(0, -1, 0), V3(0, 0, -1)},
+                                        {{0, 2, 1}, {0, 1, 3}, {0, 3, 2}, {1, 2, 3}, {0, 4, 5}, {0, 6, 4},
+                                         {0, 5, 6}, {4, 6, 5}}}),
+                 false});
     // Closed, positive volume, no separate faces meet, yet adjacent faces overlap: a folded flap,
     // and a pyramid whose twisted apex fan pokes a base edge through a side face.
     c.push_back({"folded flap",
