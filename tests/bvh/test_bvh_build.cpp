@@ -94,16 +94,12 @@ TEST(BvhBuild, EqualsReferenceInEveryMode) {
     }
 }
 
-// ---- Refit --------------------------------------------------------------------------------
-
 // After each refit every node equals the reference refit of the unchanged shape, serial and
 // parallel (the grid is above the parallel refit's size threshold); masks changed between
 // refits, a zero-count mask, and masks set or cleared without a refit.
 TEST(BvhRefit, EqualsReferenceOfTheSameShape) {
-    std::vector<NamedMesh> meshes;
-    meshes.push_back({"torus", qgtools::makeTorus(24, 12)});
-    meshes.push_back({"grid", qgtools::makeClothGrid(190, 180, 3.0, 2.0)});
-    for (NamedMesh& m : meshes)
+    for (const NamedMesh& m : {NamedMesh{"torus", qgtools::makeTorus(24, 12)},
+                               NamedMesh{"grid", qgtools::makeClothGrid(190, 180, 3.0, 2.0)}})
         for (bool parallel : {false, true}) {
             ScopedThreading threading(parallel);
             GmTriangleMesh mesh = m.mesh;
@@ -146,8 +142,6 @@ TEST(BvhRefit, EqualsReferenceOfTheSameShape) {
             expectRefit(refLeaves(mesh, 0, nullptr, 0.0, &disabled, &frozen), "masks set");
         }
 }
-
-// ---- Lifecycle ------------------------------------------------------------------------------
 
 // An empty mesh, and points that are not finite: every query finds nothing.
 TEST(BvhLifecycle, QueriesThatFindNothing) {

@@ -47,17 +47,12 @@ void expectMatchesScans(const std::string& name, const GmTriangleMesh& mesh, con
                 EXPECT_EQ(std::signbit(d), (closest - p).dot(normal) > 0);
             }
             if (!inc || ref.face < 0) continue;
-            // The seeded search behind the signed queries, and the plain scan, agree.
-            GmGeometry::PointOnTriType type;
+            // The seeded search behind the signed queries.
             bool pinched = true;
             int f2 = -1;
             V3 c2, n2;
-            EXPECT_NEAR(std::fabs(h.findClosestPointWithHint(p, c2, f2, n2, type, pinched, false, true, nullptr, 0, -1)),
-                        ref.distance(), tol);
-            if (tol == 0.0) { EXPECT_EQ(f2, ref.face) << " at " << p; }
             EXPECT_NEAR(std::fabs(h.findClosestPoint(p, c2, f2, n2, pinched, false, true)), ref.distance(), tol);
-            EXPECT_FALSE(pinched);
-            EXPECT_NEAR(std::fabs(h.findClosestPointBruteForce(p, c2, f2, n2, true)), ref.distance(), tol);
+            EXPECT_TRUE(!pinched && (tol > 0.0 || f2 == ref.face)) << " at " << p;
             if (!fresh) continue;
             // Normal filters drop faces exactly as a scan applying them does; a side filter fixes the sign.
             const V3 dir = V3(-0.2, 0.9, 0.4).safeNormalized();

@@ -314,8 +314,6 @@ TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
     EXPECT_TRUE(results.empty());
 }
 
-// ---- When the ray check holds ----------------------------------------------------------------
-
 TEST(BvhInside, MasksRefitsAndCopiesDropTheCheck) {
     GmTriangleMesh mesh = qgtools::makeIcosphere(3);
     GmDisabledData mask(&mesh);
