@@ -8,7 +8,6 @@
 #include <cmath>
 #include <numeric>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -26,9 +25,7 @@ namespace bvhtest {
 
 typedef GmTVector<double> V3;
 
-inline GmTriangleMesh loadData(const std::string& name) {
-    return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/" + name);
-}
+inline GmTriangleMesh loadSpot() { return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/spot.obj"); }
 
 // Appends the triangle (a, b, c) as three new vertices.
 inline void addTriangle(qgtools::PolygonSoup& s, const V3& a, const V3& b, const V3& c) {
@@ -92,14 +89,12 @@ inline std::vector<NamedMesh> testMeshes() {
             {"icosphere", qgtools::makeIcosphere(3)},
             {"torus", qgtools::makeTorus(30, 12)},
             {"cube", qgtools::makeCube()},
-            {"spot", loadData("spot.obj")},
+            {"spot", loadSpot()},
             {"grid", qgtools::makeClothGrid(20, 13)},
             {"mixed", mixedMesh()},
             {"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)},
             {"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)}};
 }
-
-// ---- Reference build and refit ---------------------------------------------------------------
 
 struct RefNode {
     GmAxisAlignedBox box;
@@ -213,8 +208,6 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
     }
     return -1;
 }
-
-// ---- Brute-force references ---------------------------------------------------------------
 
 // Closest face among those `keep` admits: smallest squared distance, ties to the smallest index.
 struct FaceAnswer {

@@ -95,7 +95,7 @@ void expectBatchesMatch(GmTriangleMesh& mesh, bool parallel, bool maskHalf, bool
 }
 
 TEST(BatchQueries, EveryEntryEqualsTheSingleQuery) {
-    for (GmTriangleMesh mesh : {loadData("spot.obj"), qgtools::makeTorus(40, 24), randomSoup(600, 7)})
+    for (GmTriangleMesh mesh : {loadSpot(), qgtools::makeTorus(40, 24), randomSoup(600, 7)})
         for (int mode = 0; mode < 4; ++mode) {  // serial, parallel, parallel masked, parallel prefilled
             SCOPED_TRACE(std::to_string(mesh.getNumberFaces()) + " faces, mode " + std::to_string(mode));
             GmTriangleMesh copy = mesh;

@@ -147,12 +147,6 @@ Probes makeProbes(const GmTriangleMesh& mesh, unsigned seed) {
         r[k] = mn[k] + (mx[k] - mn[k]) * u(rng);  // near or through the edge a-c, when it is one
         pr.aligned.insert(pr.aligned.end(), {p, r, V3(a.x, c.y, mn.z + (mx.z - mn.z) * u(rng))});
     }
-    for (int i = 0; i < 40; ++i) {
-        V3 p = randomPointAround(mesh, rng, 0.0);
-        const int k = static_cast<int>(rng() % 3u);
-        p[k] = (i % 2 ? mx[k] : mn[k]) + (i % 2 ? 1.0 : -1.0) * diag * (i % 4 < 2 ? 1e-3 : 2.0);
-        pr.uniform.push_back(p);
-    }
     return pr;
 }
 
@@ -207,7 +201,6 @@ TEST(BvhInside, DefinedAnswersOnEveryMesh) {
             if (!h.inRootBox(p)) { EXPECT_EQ(h.byRays(p, true), 0) << name << " at " << p; }
         for (const auto& [p, inside] : c.known)  // well away from the surface the rays decide
             if (bruteDistance(mesh, p) >= 0.1) { EXPECT_EQ(h.byRays(p, true), int(inside)) << name << " at " << p; }
-        for (int v = 0; v < mesh.getNumberVertices(); v += 7) EXPECT_TRUE(h.isInsideMesh(mesh.getVertex(v), true));
         // Away from the surface the answer is the winding number's.
         int checked = 0, inside = 0;
         const double diag = meshBounds(mesh).getExtent().length();
