@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <quarrygeom/bvh/bvh.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
 #include <quarrygeom/mesh/mesh.h>
@@ -263,6 +265,16 @@ std::vector<GmPointIntersectionInfo> bruteRay(const GmTriangleMesh& mesh, const 
         if (ts) ts->push_back(t);
     }
     return hits;
+}
+
+// Ray records equal field for field, in order.
+inline void expectSameRecords(const std::vector<GmPointIntersectionInfo>& a,
+                              const std::vector<GmPointIntersectionInfo>& b, const std::string& what) {
+    ASSERT_EQ(a.size(), b.size()) << what;
+    for (size_t i = 0; i < a.size(); ++i)
+        EXPECT_TRUE(a[i].triangleIndex == b[i].triangleIndex && a[i].objectIndex == b[i].objectIndex &&
+                    a[i].point == b[i].point && a[i].barycentric == b[i].barycentric)
+            << what << " record " << i << ": face " << a[i].triangleIndex << " vs " << b[i].triangleIndex;
 }
 
 // Generalised winding number: 1 inside a closed outward mesh, 0 outside.

@@ -73,12 +73,7 @@ void expectBatchesMatch(GmTriangleMesh& mesh, bool parallel, bool maskHalf, bool
         const GmRay ray(pts[i], dirs[i]);
         std::vector<GmPointIntersectionInfo> hits;
         tree.intersect(ray, hits, false, inc);
-        ASSERT_EQ(hits.size(), offsets[i + 1] - offsets[i]);
-        for (std::size_t k = 0; k < hits.size(); ++k) {
-            const GmPointIntersectionInfo& h = all[offsets[i] + k];
-            EXPECT_TRUE(h.triangleIndex == hits[k].triangleIndex && same(h.point, hits[k].point) &&
-                        same(h.barycentric, hits[k].barycentric));
-        }
+        expectSameRecords({all.begin() + offsets[i], all.begin() + offsets[i + 1]}, hits, "all hits");
         GmPointIntersectionInfo first;
         double firstT = -1;
         if (tree.intersectFirst(ray, first, firstT, inc)) {

@@ -36,15 +36,6 @@ std::vector<std::pair<V3, V3>> testRays(const GmTriangleMesh& mesh, unsigned see
     return rays;
 }
 
-void expectSameRecords(const std::vector<GmPointIntersectionInfo>& a, const std::vector<GmPointIntersectionInfo>& b,
-                       const std::string& what) {
-    ASSERT_EQ(a.size(), b.size()) << what;
-    for (size_t i = 0; i < a.size(); ++i)
-        EXPECT_TRUE(a[i].triangleIndex == b[i].triangleIndex && a[i].objectIndex == b[i].objectIndex &&
-                    a[i].point == b[i].point && a[i].barycentric == b[i].barycentric)
-            << what << " record " << i << ": face " << a[i].triangleIndex << " vs " << b[i].triangleIndex;
-}
-
 // The axis-ray triangle rule, for the ray along axis a with sign sgn.
 bool axisHit(const V3& o, int a, int sgn, const V3& v1, const V3& v2, const V3& v3, V3& point, V3& w) {
     const int x = (a + 1) % 3, y = (a + 2) % 3;
