@@ -10,26 +10,6 @@ using namespace bvhtest;
 
 namespace {
 
-TEST(BvhLayout, DepthAndLevelRanges) {
-    // Level k holds nodes [2^k - 1, min(2^(k+1) - 1, node count)), down to the depth ceil(log2 n);
-    // the leaves are the last n nodes.
-    for (int n = 0; n <= 40; ++n) {
-        GmTriangleMesh mesh = randomSoup(n, 11);
-        GmBoundingVolumeHierarchy h(&mesh);
-        int depth = 0, first, last;
-        while ((1 << depth) < n) ++depth;
-        if (n == 0) depth = -1;
-        EXPECT_EQ(h.getDepth(), depth) << n;
-        h.getLeafRange(first, last);
-        EXPECT_TRUE(first == std::max(n - 1, 0) && last == first + n) << n;
-        for (int i = 0; i < h.getNumberNodes(); ++i) EXPECT_EQ(h.getNode(i).isLeaf(), i >= n - 1) << n << " " << i;
-        for (int level = 0; level <= depth; ++level) {
-            h.getRange(level, first, last);
-            EXPECT_TRUE(first == (1 << level) - 1 && last == std::min((2 << level) - 1, 2 * n - 1)) << n << " " << level;
-        }
-    }
-}
-
 // Faces far beyond the float range, tiny ones, floats so large that the pad is lost in a double
 // subtraction, and centres at -0 and +0.
 GmTriangleMesh extremeMesh() {
@@ -65,13 +45,14 @@ GmTriangleMesh nearlyEqualCentres(int n, int clusters, unsigned seed) {
 
 // Every mode (plain, swept, thick; masks) equals the reference node for node, serial and parallel.
 // 70000 faces in 4000 clusters start and end the parallel build's chunks inside runs of equal
-// keys; the small soups give every shape of the last two levels.
+// keys; the small soups give every shape of the last two levels. Level k holds nodes [2^k - 1,
+// min(2^(k+1) - 1, node count)) down to the depth ceil(log2 n); the leaves are the last n nodes.
 TEST(BvhBuild, EqualsReferenceInEveryMode) {
     std::vector<NamedMesh> meshes = testMeshes();
     meshes.push_back({"extreme", extremeMesh()});
     meshes.push_back({"one cluster", nearlyEqualCentres(3000, 1, 8)});
     meshes.push_back({"clusters", nearlyEqualCentres(70000, 4000, 8)});
-    for (int n = 1; n <= 40; ++n) meshes.push_back({"soup" + std::to_string(n), randomSoup(n, 100 + n)});
+    for (int n = 0; n <= 40; ++n) meshes.push_back({"soup" + std::to_string(n), randomSoup(n, 100 + n)});
     for (NamedMesh& m : meshes) {
         GmTriangleMesh& mesh = m.mesh;
         const std::vector<V3> moved = jitteredPositions(mesh, 0.05, 7);
@@ -80,6 +61,18 @@ TEST(BvhBuild, EqualsReferenceInEveryMode) {
         for (int f = 0; f < mesh.getNumberFaces(); ++f) {
             if (f % 3 == 0 || f < mesh.getNumberFaces() / 4) disabled.setFaceDisabled(f);
             if (f < mesh.getNumberFaces() / 2) frozen.setFaceFrozen(f);
+        }
+        const int n = mesh.getNumberFaces();
+        GmBoundingVolumeHierarchy h(&mesh);
+        int depth = 0, first, last;
+        while ((1 << depth) < n) ++depth;
+        EXPECT_EQ(h.getDepth(), n == 0 ? -1 : depth) << m.name;
+        h.getLeafRange(first, last);
+        EXPECT_TRUE(first == std::max(n - 1, 0) && last == first + n) << m.name;
+        for (int i = 0; i < h.getNumberNodes(); ++i) ASSERT_EQ(h.getNode(i).isLeaf(), i >= n - 1) << m.name << " " << i;
+        for (int level = 0; level <= depth && n > 0; ++level) {
+            h.getRange(level, first, last);
+            EXPECT_TRUE(first == (1 << level) - 1 && last == std::min((2 << level) - 1, 2 * n - 1)) << m.name << level;
         }
         const std::vector<RefNode> plain = referenceBuild(mesh, refLeaves(mesh, 0, nullptr, 0.0));
         const std::vector<RefNode> swept = referenceBuild(mesh, refLeaves(mesh, 1, &moved, 0.0, &disabled, &frozen));
