@@ -36,35 +36,27 @@ std::vector<std::pair<V3, V3>> testRays(const GmTriangleMesh& mesh, unsigned see
     return rays;
 }
 
-// The axis-ray triangle rule, for the ray along axis a with sign sgn.
-bool axisHit(const V3& o, int a, int sgn, const V3& v1, const V3& v2, const V3& v3, V3& point, V3& w) {
-    const int x = (a + 1) % 3, y = (a + 2) % 3;
-    const double det = (v3[y] - v1[y]) * (v2[x] - v1[x]) - (v3[x] - v1[x]) * (v2[y] - v1[y]);
-    if (std::fabs(det) <= 1e-8) return false;
-    const double dx = o[x] - v1[x], dy = o[y] - v1[y];
-    const double u = (dx * (v3[y] - v1[y]) - dy * (v3[x] - v1[x])) / det;
-    if (u < -1e-8 || u > 1.00000001) return false;
-    const double v = -(dx * (v2[y] - v1[y]) - dy * (v2[x] - v1[x])) / det;
-    if (v < -1e-8 || u + v > 1.00000001) return false;
-    point = v1 * (1 - u - v) + v2 * u + v3 * v;
-    if (sgn < 0 ? point[a] > o[a] + 1e-8 : point[a] < o[a] - 1e-8) return false;
-    w = V3(1 - u - v, u, v);
-    return true;
-}
-
-// The hits of an axis ray, by face, against the rule applied to every face.
+// The hits of an axis ray, by face, against the axis-ray triangle rule applied to every face.
 template <class AxisRay>
 void expectAxisRayMatches(const GmBoundingVolumeHierarchy& h, const GmTriangleMesh& mesh, const AxisRay& ray,
                           const GmDisabledData& mask, bool include) {
-    constexpr int a = AxisRay::kAxis, sgn = AxisRay::kSign;
+    constexpr int a = AxisRay::kAxis, sgn = AxisRay::kSign, x = (a + 1) % 3, y = (a + 2) % 3;
+    const V3& o = ray.getOrigin();
     std::vector<GmPointIntersectionInfo> hits, expected;
     const bool any = h.intersect(ray, hits, false, include);
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+        const V3 &v1 = mesh.getFaceVertex1(f), &v2 = mesh.getFaceVertex2(f), &v3 = mesh.getFaceVertex3(f);
+        const double det = (v3[y] - v1[y]) * (v2[x] - v1[x]) - (v3[x] - v1[x]) * (v2[y] - v1[y]);
+        if ((!include && mask.isFaceDisabled(f)) || std::fabs(det) <= 1e-8) continue;
+        const double dx = o[x] - v1[x], dy = o[y] - v1[y];
+        const double u = (dx * (v3[y] - v1[y]) - dy * (v3[x] - v1[x])) / det;
+        const double v = -(dx * (v2[y] - v1[y]) - dy * (v2[x] - v1[x])) / det;
         GmPointIntersectionInfo r;
         r.triangleIndex = f;
-        if ((include || !mask.isFaceDisabled(f)) && axisHit(ray.getOrigin(), a, sgn, mesh.getFaceVertex1(f),
-                                                             mesh.getFaceVertex2(f), mesh.getFaceVertex3(f), r.point,
-                                                             r.barycentric))
+        r.point = v1 * (1 - u - v) + v2 * u + v3 * v;
+        r.barycentric = V3(1 - u - v, u, v);
+        if (u >= -1e-8 && u <= 1.00000001 && v >= -1e-8 && u + v <= 1.00000001 &&
+            (sgn < 0 ? r.point[a] <= o[a] + 1e-8 : r.point[a] >= o[a] - 1e-8))
             expected.push_back(r);
     }
     EXPECT_EQ(any, !expected.empty());
