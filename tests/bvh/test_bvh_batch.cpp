@@ -52,6 +52,17 @@ void expectBatchesMatch(GmTriangleMesh& mesh, bool parallel, bool maskHalf, bool
     std::vector<std::size_t> offsets;
     const std::size_t total = GmBatchQueries::intersectAll(tree, pts.data(), dirs.data(), n, all, offsets, inc, fill);
     ASSERT_TRUE(offsets.size() == n + 1 && offsets[n] == total && total == all.size());
+    // Only the wanted outputs are written; an empty batch clears the lists.
+    std::vector<double> distOnly(n, -1.0);
+    GmBatchQueries::ClosestPointOutputs only;
+    only.distance = distOnly.data();
+    GmBatchQueries::findClosestPoints(tree, pts.data(), n, only, inc, fill);
+    EXPECT_TRUE(std::equal(dist.begin(), dist.end(), distOnly.begin(), [](double a, double b) { return same(a, b); }));
+    std::vector<GmPointIntersectionInfo> none(3);
+    std::vector<std::size_t> noOffsets(5);
+    EXPECT_EQ(GmBatchQueries::intersectAll(tree, nullptr, nullptr, 0, none, noOffsets, inc, fill), 0u);
+    EXPECT_TRUE(none.empty() && noOffsets == std::vector<std::size_t>{0});
+    GmBatchQueries::findClosestPoints(tree, nullptr, 0, {}, inc, fill);
 
     ScopedThreading serial(false);
     std::size_t misses = 0;
@@ -96,24 +107,6 @@ TEST(BatchQueries, EveryEntryEqualsTheSingleQuery) {
             GmTriangleMesh copy = mesh;
             expectBatchesMatch(copy, mode > 0, mode == 2, mode == 3);
         }
-}
-
-TEST(BatchQueriesEdges, EmptyBatchesAndOmittedOutputs) {
-    GmTriangleMesh mesh = qgtools::makeCube();
-    GmBoundingVolumeHierarchy tree(&mesh);
-    std::vector<GmPointIntersectionInfo> hits(3);
-    std::vector<std::size_t> offsets(5);
-    EXPECT_EQ(GmBatchQueries::intersectAll(tree, nullptr, nullptr, 0, hits, offsets, true), 0u);
-    EXPECT_TRUE(hits.empty());
-    EXPECT_EQ(offsets, std::vector<std::size_t>{0});
-    GmBatchQueries::findClosestPoints(tree, nullptr, 0, {}, true);
-    // Only the wanted outputs are written.
-    const V3 p(0.5, 0.5, 2.0);
-    double d = 0;
-    GmBatchQueries::ClosestPointOutputs out;
-    out.distance = &d;
-    GmBatchQueries::findClosestPoints(tree, &p, 1, out, true);
-    EXPECT_DOUBLE_EQ(d, 1.0);
 }
 
 }  // namespace
