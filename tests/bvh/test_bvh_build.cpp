@@ -63,6 +63,7 @@ TEST(BvhBuild, EqualsReferenceInEveryMode) {
             if (f < mesh.getNumberFaces() / 2) frozen.setFaceFrozen(f);
         }
         const int n = mesh.getNumberFaces();
+        ScopedThreading serial(false);
         GmBoundingVolumeHierarchy h(&mesh);
         int depth = 0, first, last;
         while ((1 << depth) < n) ++depth;
