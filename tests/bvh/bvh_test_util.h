@@ -8,9 +8,10 @@
 #include <cmath>
 #include <numeric>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <quarrygeom/bvh/bvh.h>
 #include <quarrygeom/core/GmBVHMetrics.h>
@@ -26,9 +27,7 @@ namespace bvhtest {
 
 typedef GmTVector<double> V3;
 
-inline GmTriangleMesh loadData(const std::string& name) {
-    return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/" + name);
-}
+inline GmTriangleMesh loadSpot() { return qgtools::loadObjMesh(qgtools::dataDir() + "/meshes/spot.obj"); }
 
 // Appends the triangle (a, b, c) as three new vertices.
 inline void addTriangle(qgtools::PolygonSoup& s, const V3& a, const V3& b, const V3& c) {
@@ -92,14 +91,12 @@ inline std::vector<NamedMesh> testMeshes() {
             {"icosphere", qgtools::makeIcosphere(3)},
             {"torus", qgtools::makeTorus(30, 12)},
             {"cube", qgtools::makeCube()},
-            {"spot", loadData("spot.obj")},
+            {"spot", loadSpot()},
             {"grid", qgtools::makeClothGrid(20, 13)},
             {"mixed", mixedMesh()},
             {"sphere 2^-12", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p-12)},
             {"sphere 2^20", transformed(qgtools::makeIcosphere(2), V3(3, -1, 0.5), 0x1p20)}};
 }
-
-// ---- Reference build and refit ---------------------------------------------------------------
 
 struct RefNode {
     GmAxisAlignedBox box;
@@ -214,14 +211,6 @@ inline int firstDifference(const GmBoundingVolumeHierarchy& h, const std::vector
     return -1;
 }
 
-inline int firstDifference(const GmBoundingVolumeHierarchy& a, const GmBoundingVolumeHierarchy& b) {
-    std::vector<RefNode> ref;
-    for (const auto& n : b.getNodes()) ref.push_back({n.box, b.getFaceIndex(n), n.disabled, n.frozen});
-    return firstDifference(a, ref);
-}
-
-// ---- Brute-force references ---------------------------------------------------------------
-
 // Closest face among those `keep` admits: smallest squared distance, ties to the smallest index.
 struct FaceAnswer {
     int face = -1;
@@ -258,38 +247,34 @@ int scanVertices(const GmTriangleMesh& mesh, const V3& p, Keep keep) {
     return best;
 }
 
-// Faces the ray meets, by the triangle test alone.
+// Every face the ray meets by the triangle test alone, by face, with that test's outputs; `ts`
+// gets the ray parameters.
 template <class Keep>
-std::set<int> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep) {
-    std::set<int> s;
+std::vector<GmPointIntersectionInfo> bruteRay(const GmTriangleMesh& mesh, const V3& o, const V3& d, Keep keep,
+                                              std::vector<double>* ts = nullptr) {
+    std::vector<GmPointIntersectionInfo> hits;
     for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        V3 point;
+        GmPointIntersectionInfo r;
         double t, u, v;
-        if (keep(f) && GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
-                                                   mesh.getFaceVertex3(f), point, t, u, v))
-            s.insert(f);
+        if (!keep(f) || !GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f),
+                                                     mesh.getFaceVertex3(f), r.point, t, u, v))
+            continue;
+        r.triangleIndex = f;
+        r.barycentric = V3(1 - u - v, u, v);
+        hits.push_back(r);
+        if (ts) ts->push_back(t);
     }
-    return s;
+    return hits;
 }
 
-// Nearest hit: smallest (t, face), with the triangle test's own outputs.
-inline bool bruteFirst(const GmTriangleMesh& mesh, const V3& o, const V3& d, GmPointIntersectionInfo& best,
-                       double& bestT) {
-    bool found = false;
-    for (int f = 0; f < mesh.getNumberFaces(); ++f) {
-        V3 point;
-        double t, u, v;
-        if (!GmGeometry::intersectRayTri(o, d, mesh.getFaceVertex1(f), mesh.getFaceVertex2(f), mesh.getFaceVertex3(f),
-                                         point, t, u, v) ||
-            (found && !(t < bestT)))
-            continue;
-        found = true;
-        bestT = t;
-        best.triangleIndex = f;
-        best.point = point;
-        best.barycentric = V3(1 - u - v, u, v);
-    }
-    return found;
+// Ray records equal field for field, in order.
+inline void expectSameRecords(const std::vector<GmPointIntersectionInfo>& a,
+                              const std::vector<GmPointIntersectionInfo>& b, const std::string& what) {
+    ASSERT_EQ(a.size(), b.size()) << what;
+    for (size_t i = 0; i < a.size(); ++i)
+        EXPECT_TRUE(a[i].triangleIndex == b[i].triangleIndex && a[i].objectIndex == b[i].objectIndex &&
+                    a[i].point == b[i].point && a[i].barycentric == b[i].barycentric)
+            << what << " record " << i << ": face " << a[i].triangleIndex << " vs " << b[i].triangleIndex;
 }
 
 // Generalised winding number: 1 inside a closed outward mesh, 0 outside.
@@ -320,7 +305,9 @@ inline V3 randomPointAround(const GmTriangleMesh& mesh, std::mt19937& rng, doubl
     return V3(lo.x + size.x * u(rng), lo.y + size.y * u(rng), lo.z + size.z * u(rng));
 }
 
-// Random points around the mesh, and points exactly on faces, edges and vertices.
+// Random points around the mesh; points exactly on faces, edges and vertices; midpoints of the
+// diagonals v1-v3 (a grid cell's centre); points outside the root box within a few hundred units
+// (where equal distances still go to the smallest face index), and its corners.
 inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsigned seed) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(0.0, 1.0);
@@ -331,10 +318,16 @@ inline std::vector<V3> queryPoints(const GmTriangleMesh& mesh, int count, unsign
         const V3 &a = mesh.getFaceVertex1(f), &b = mesh.getFaceVertex2(f), &c = mesh.getFaceVertex3(f);
         double s = u(rng), t = u(rng);
         if (s + t > 1) s = 1 - s, t = 1 - t;
-        pts.push_back(a * (1 - s - t) + b * s + c * t);
-        pts.push_back(a * (1 - s) + b * s);
-        pts.push_back(c);
+        pts.insert(pts.end(), {a * (1 - s - t) + b * s + c * t, a * (1 - s) + b * s, c, (a + c) * 0.5});
     }
+    const GmAxisAlignedBox b = meshBounds(mesh);
+    const V3 mn(b.minX, b.minY, b.minZ), mx(b.maxX, b.maxY, b.maxZ), size = mx - mn;
+    const double reach = std::max({size.x, size.y, size.z});
+    for (const V3& dir : {V3(1, 0, 0), V3(0, -1, 0), V3(0, 0, 1), V3(-1, 1, -1)})
+        for (const double k : {0.5, 3.0, 100.0})
+            if (k * reach < 500.0) pts.push_back((mn + mx) * 0.5 + dir * (k * reach));
+    for (int corner = 0; corner < 8; ++corner)
+        pts.push_back(V3(corner & 1 ? mx.x : mn.x, corner & 2 ? mx.y : mn.y, corner & 4 ? mx.z : mn.z));
     return pts;
 }
 

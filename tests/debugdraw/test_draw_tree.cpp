@@ -5,11 +5,9 @@
 
 #include <GL/gl.h>
 
-#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,38 +27,21 @@ namespace {
 using Vec = GmTVector<double>;
 constexpr int kWidth = 256, kHeight = 192;
 
-// One context for the whole program; null (with the reason) where none can be created.
-qgrender::OffscreenContext* context(std::string& why) {
-    static std::string error;
-    static const std::unique_ptr<qgrender::OffscreenContext> shared = [] {
-        setenv("LP_NUM_THREADS", "0", 0);  // rasterise on the calling thread
-        auto c = std::make_unique<qgrender::OffscreenContext>();
-        if (!c->create(kWidth, kHeight, &error)) c.reset();
-        return c;
-    }();
-    why = error;
-    return shared.get();
-}
-
 // The segments a level draws: the twelve edges of each of its boxes, in the order below (corners
-// named by which coordinates take the maximum). A level holds nodes [2^level - 1, min(nodes,
-// 2^(level+1) - 1)) below the depth (ceil(log2 n)); at or beyond it, the leaves [n - 1, 2n - 1);
-// a negative level or an empty tree draws nothing.
+// named by which coordinates take the maximum). A level holds the nodes of the tree's level range
+// below its depth; at or beyond it, the leaves; a negative level or an empty tree draws nothing.
 std::vector<std::array<Vec, 2>> levelEdges(const GmBoundingTree& tree, int faces, int level) {
     static const int kEdges[12][2][3] = {
         {{0, 0, 0}, {1, 0, 0}}, {{0, 0, 0}, {0, 1, 0}}, {{0, 0, 0}, {0, 0, 1}}, {{0, 1, 0}, {1, 1, 0}},
         {{0, 1, 0}, {0, 1, 1}}, {{1, 0, 0}, {1, 1, 0}}, {{1, 1, 1}, {0, 1, 1}}, {{1, 1, 1}, {1, 0, 1}},
         {{1, 1, 1}, {1, 1, 0}}, {{1, 0, 1}, {0, 0, 1}}, {{1, 0, 1}, {1, 0, 0}}, {{0, 1, 1}, {0, 0, 1}}};
-    int depth = 0, first = 0, last = 0;
-    while ((1 << depth) < faces) ++depth;
-    if (faces > 0 && level >= depth) {
-        first = faces - 1, last = 2 * faces - 1;
-    } else if (faces > 0 && level >= 0) {
-        first = (1 << level) - 1, last = std::min(2 * faces - 1, (2 << level) - 1);
-    }
+    const GmBoundingVolumeHierarchy& h = *tree.getHierarchy();
+    int first = 0, last = 0;
+    if (faces > 0 && level >= h.getDepth()) h.getLeafRange(first, last);
+    if (faces > 0 && level >= 0 && level < h.getDepth()) h.getRange(level, first, last);
     std::vector<std::array<Vec, 2>> edges;
     for (int i = first; i < last; ++i) {
-        const GmAxisAlignedBox& b = tree.getHierarchy()->getNode(i).box;
+        const GmAxisAlignedBox& b = h.getNode(i).box;
         auto corner = [&](const int* c) {
             return Vec(c[0] ? b.maxX : b.minX, c[1] ? b.maxY : b.minY, c[2] ? b.maxZ : b.minZ);
         };
@@ -75,9 +56,11 @@ TEST(DrawTree, GLReceivesTheBoxEdgesOfTheLevelInOrder) {
 #ifndef QG_TEST_LIBRARY_DRAWS
     GTEST_SKIP() << "the library was built without OpenGL";
 #endif
+    setenv("LP_NUM_THREADS", "0", 0);  // rasterise on the calling thread
+    qgrender::OffscreenContext context;
     std::string why;
-    if (!context(why)) GTEST_SKIP() << "no offscreen OpenGL context: " << why;
-    context(why)->makeCurrent();
+    if (!context.create(kWidth, kHeight, &why)) GTEST_SKIP() << "no offscreen OpenGL context: " << why;
+    context.makeCurrent();
     glViewport(0, 0, kWidth, kHeight);
     GmTriangleMesh sphere = qgtools::makeIcosphere(1);  // 80 faces: depth 7, a partly filled last level
     GmTriangleMesh single = qgtools::meshFromSoup({{Vec(0, 0, 0), Vec(1, 0, 0), Vec(0, 0.8, 0.6)}, {{0, 1, 2}}});
