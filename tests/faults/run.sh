@@ -45,8 +45,9 @@ for p in "$here"/*.patch; do
     else
       rm -f "$build/Testing/Temporary/LastTestsFailed.log"
       (cd "$build" && ctest -j2 --timeout 120 $stop >"$build/fault-ctest.log" 2>&1)
-      names=$(cut -d: -f2- "$build/Testing/Temporary/LastTestsFailed.log" 2>/dev/null | sort | paste -sd' ')
-      n=$(wc -w <<<"$names")
+      failed="$build/Testing/Temporary/LastTestsFailed.log"
+      names=$(cut -d: -f2- "$failed" 2>/dev/null | cut -d' ' -f1 | sort | paste -sd' ')
+      n=$(grep -c . "$failed" 2>/dev/null)
     fi
     revert
   fi
