@@ -47,7 +47,7 @@ for p in "$here"/*.patch; do
       (cd "$build" && ctest -j2 --timeout 120 $stop >"$build/fault-ctest.log" 2>&1)
       failed="$build/Testing/Temporary/LastTestsFailed.log"
       names=$(cut -d: -f2- "$failed" 2>/dev/null | cut -d' ' -f1 | sort | paste -sd' ')
-      n=$(grep -c . "$failed" 2>/dev/null)
+      n=$(cat "$failed" 2>/dev/null | grep -c .)
     fi
     revert
   fi
