@@ -142,9 +142,9 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
 // Depth-first walk, left child first; hit(face, point, weights) for every face the ray meets.
 // Both children of a node are tested together (they share a cache line or two), and the
 // children of those that pass are fetched ahead while the walk goes on.
-template <class Ray, class Hit>
-void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const RayTests<Ray>& tests,
-             bool includeDisabled, Hit&& hit) {
+template <class Tests, class Hit>
+void walkRay(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const Tests& tests, bool includeDisabled,
+             Hit&& hit) {
     if (nodes.empty()) return;
     const Node* const base = nodes.data();
     const int count = static_cast<int>(nodes.size());
@@ -557,11 +557,40 @@ struct NearestHit {
     GmTVector<double> point, weights;
 };
 
+// The axis-ray test with tolerances relative to the face's size (and, behind the origin, to the
+// coordinates), for the seeding only: its "no face met on a closed mesh" means outside, which an
+// absolute 1e-8 on the determinant would conclude for every point of a mesh of small faces.
+template <class Ray>
+struct SeedTests : RayTests<Ray> {
+    using Base = RayTests<Ray>;
+    using Base::Base;
+    bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
+                  GmTVector<double>& point, GmTVector<double>& weights) const {
+        constexpr int A = Base::A, B = Base::B, C = Base::C;
+        const GmTVector<double>& o = this->o;
+        const double p1 = (v3[C] - v1[C]) * (v2[B] - v1[B]), p2 = (v3[B] - v1[B]) * (v2[C] - v1[C]);
+        const double det = p1 - p2;
+        if (!(std::fabs(det) > kAxisTol * (std::fabs(p1) + std::fabs(p2)))) return false;
+        const double dx = o[B] - v1[B], dy = o[C] - v1[C];
+        const double u = (dx * (v3[C] - v1[C]) - dy * (v3[B] - v1[B])) / det;
+        if (u < -kAxisTol || u > kAxisOne) return false;
+        const double v = -(dx * (v2[C] - v1[C]) - dy * (v2[B] - v1[B])) / det;
+        if (v < -kAxisTol || u + v > kAxisOne) return false;
+        const double w = 1.0 - u - v;
+        point = v1 * w + v2 * u + v3 * v;
+        const double behind =
+            kAxisTol * (std::fabs(v2[A] - v1[A]) + std::fabs(v3[A] - v1[A])) + 0x1p-48 * std::fabs(o[A]);
+        if (Base::S < 0 ? point[A] > o[A] + behind : point[A] < o[A] - behind) return false;
+        weights.set(w, u, v);
+        return true;
+    }
+};
+
 template <class Ray>
 NearestHit nearestAxisHit(const std::vector<Node>& nodes, const GmTriangleMesh& mesh, const GmTVector<double>& p,
                           bool includeDisabled) {
     NearestHit best;
-    const RayTests<Ray> tests{Ray(p)};
+    const SeedTests<Ray> tests{Ray(p)};
     walkRay(nodes, mesh, tests, includeDisabled,
             [&](int face, const GmTVector<double>& point, const GmTVector<double>& weights) {
                 const double d2 = (point - p).lengthSquared();
