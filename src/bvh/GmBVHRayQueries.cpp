@@ -124,8 +124,16 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
     }
     bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
                   GmTVector<double>& point, GmTVector<double>& weights) const {
-        const double det = (v3[C] - v1[C]) * (v2[B] - v1[B]) - (v3[B] - v1[B]) * (v2[C] - v1[C]);
-        if (std::fabs(det) <= kAxisTol) return false;
+        return test<false>(v1, v2, v3, point, weights);
+    }
+    // Relative: the determinant's tolerance relative to its products, the one behind the origin
+    // relative to the face's extent along the ray and to the origin's coordinate.
+    template <bool Relative>
+    bool test(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
+              GmTVector<double>& point, GmTVector<double>& weights) const {
+        const double p1 = (v3[C] - v1[C]) * (v2[B] - v1[B]), p2 = (v3[B] - v1[B]) * (v2[C] - v1[C]);
+        const double det = p1 - p2;
+        if (!(std::fabs(det) > (Relative ? kAxisTol * (std::fabs(p1) + std::fabs(p2)) : kAxisTol))) return false;
         const double dx = o[B] - v1[B], dy = o[C] - v1[C];
         const double u = (dx * (v3[C] - v1[C]) - dy * (v3[B] - v1[B])) / det;
         if (u < -kAxisTol || u > kAxisOne) return false;
@@ -133,7 +141,10 @@ struct RayTests<GmRayAxis<X, Y, Z>> {
         if (v < -kAxisTol || u + v > kAxisOne) return false;
         const double w = 1.0 - u - v;
         point = v1 * w + v2 * u + v3 * v;
-        if (S < 0 ? point[A] > o[A] + kAxisTol : point[A] < o[A] - kAxisTol) return false;
+        const double behind =
+            Relative ? kAxisTol * (std::fabs(v2[A] - v1[A]) + std::fabs(v3[A] - v1[A])) + 0x1p-48 * std::fabs(o[A])
+                     : kAxisTol;
+        if (S < 0 ? point[A] > o[A] + behind : point[A] < o[A] - behind) return false;
         weights.set(w, u, v);
         return true;
     }
@@ -566,23 +577,7 @@ struct SeedTests : RayTests<Ray> {
     using Base::Base;
     bool triangle(const GmTVector<double>& v1, const GmTVector<double>& v2, const GmTVector<double>& v3,
                   GmTVector<double>& point, GmTVector<double>& weights) const {
-        constexpr int A = Base::A, B = Base::B, C = Base::C;
-        const GmTVector<double>& o = this->o;
-        const double p1 = (v3[C] - v1[C]) * (v2[B] - v1[B]), p2 = (v3[B] - v1[B]) * (v2[C] - v1[C]);
-        const double det = p1 - p2;
-        if (!(std::fabs(det) > kAxisTol * (std::fabs(p1) + std::fabs(p2)))) return false;
-        const double dx = o[B] - v1[B], dy = o[C] - v1[C];
-        const double u = (dx * (v3[C] - v1[C]) - dy * (v3[B] - v1[B])) / det;
-        if (u < -kAxisTol || u > kAxisOne) return false;
-        const double v = -(dx * (v2[C] - v1[C]) - dy * (v2[B] - v1[B])) / det;
-        if (v < -kAxisTol || u + v > kAxisOne) return false;
-        const double w = 1.0 - u - v;
-        point = v1 * w + v2 * u + v3 * v;
-        const double behind =
-            kAxisTol * (std::fabs(v2[A] - v1[A]) + std::fabs(v3[A] - v1[A])) + 0x1p-48 * std::fabs(o[A]);
-        if (Base::S < 0 ? point[A] > o[A] + behind : point[A] < o[A] - behind) return false;
-        weights.set(w, u, v);
-        return true;
+        return this->template test<true>(v1, v2, v3, point, weights);
     }
 };
 
