@@ -224,6 +224,33 @@ struct NoLeaves {
     void operator()(Index, Index, const NA&, const NB&) const {}
 };
 
+// Self visitors whose serial record order is defined: descent by descent in the order of the
+// internal nodes. Other self visitors take the hits in walk order.
+template <class X>
+constexpr bool kOrderedSelf = kTestsGathered<X>;
+
+// The hits of one descent in the serial walk's collection.
+struct DescentHits {
+    std::uint64_t descent;
+    std::size_t begin, end;
+};
+
+// f(k) for the internal nodes k < internal of the subtree rooted at `root`, in pre-order: a
+// descent only reads the nodes below its own, so the descents of a subtree run while its nodes
+// are in cache. `pending` is scratch space.
+template <class F>
+void preorderInternal(std::uint64_t root, std::uint64_t internal, std::vector<std::uint64_t>& pending, F&& f) {
+    pending.clear();
+    if (root < internal) pending.push_back(root);
+    while (!pending.empty()) {
+        const std::uint64_t k = pending.back();
+        pending.pop_back();
+        f(k);
+        if (2 * k + 2 < internal) pending.push_back(2 * k + 2);
+        if (2 * k + 1 < internal) pending.push_back(2 * k + 1);
+    }
+}
+
 }  // namespace
 
 // Access to the visitors' result pointers and counters for the parallel walks.
@@ -278,14 +305,37 @@ public:
         gatherLeaves(tree, visitor, gathered.get());
         const LeafSegment* leaf = gathered.get();
 
+        // Serial: the descents in pre-order (each subtree's descents together, while its nodes
+        // are in cache). Visitors with a defined record order collect each descent's hits and
+        // hand them over in descent order at the end.
         auto serial = [&] {
-            SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
-            CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
             std::vector<Pair> stack;
             stack.reserve(tree.stackHeight() + 4);
-            for (std::uint64_t k = 0; k < internal; ++k) {
-                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
-                if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+            std::vector<std::uint64_t> pending;
+            if constexpr (!kOrderedSelf<X>) {
+                SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
+                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                preorderInternal(0, internal, pending, [&](std::uint64_t k) {
+                    const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                    if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                });
+            } else {
+                std::vector<typename X::Record> hits;
+                std::vector<DescentHits> spans;
+                X worker = workerCopy(visitor, hits);
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
+                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                preorderInternal(0, internal, pending, [&](std::uint64_t k) {
+                    const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                    const std::size_t before = hits.size();
+                    if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                    if (hits.size() != before) spans.push_back({k, before, hits.size()});
+                });
+                std::sort(spans.begin(), spans.end(),
+                          [](const DescentHits& x, const DescentHits& y) { return x.descent < y.descent; });
+                visitor.numberTests += worker.numberTests;
+                for (const DescentHits& d : spans)
+                    for (std::size_t i = d.begin; i < d.end; ++i) visitor.processIntersection(hits[i]);
             }
         };
 
@@ -308,7 +358,7 @@ public:
             const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
             const int numFrontier = static_cast<int>(frontier.size());
             // Below the top nodes, one item per subtree rooted on the next level: its descents
-            // level by level.
+            // in pre-order.
             const std::uint64_t firstRoot = split, lastRoot = std::min(internal, 2 * split + 1);
             const int numItems = numFrontier + static_cast<int>(lastRoot - firstRoot);
 
@@ -320,6 +370,7 @@ public:
                 CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
                 std::vector<Pair> stack;
                 stack.reserve(tree.stackHeight() + 4);
+                std::vector<std::uint64_t> pending;
                 for (int k = first; k < last; ++k) {
                     if (k < numFrontier) {
                         const Pair& p = frontier[static_cast<std::size_t>(k)];
@@ -327,13 +378,10 @@ public:
                         continue;
                     }
                     const std::uint64_t root = firstRoot + static_cast<std::uint64_t>(k - numFrontier);
-                    for (std::uint64_t from = root, width = 1; from < internal; from = 2 * from + 1, width *= 2) {
-                        const std::uint64_t to = std::min(from + width, internal);
-                        for (std::uint64_t i = from; i < to; ++i) {
-                            const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
-                            if (step.overlap(a, b)) descendPairs(step, stack, a, b);
-                        }
-                    }
+                    preorderInternal(root, internal, pending, [&](std::uint64_t i) {
+                        const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
+                        if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                    });
                 }
                 count.fetch_add(worker.numberTests, std::memory_order_relaxed);
             });
