@@ -15,6 +15,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "../bvh/GmBVHCollisionWalk.h"
+#include "GmCurveSelfWalk.h"
 
 using GmBVHCollision::BasicNodePair;
 using GmBVHCollision::childPairs;
@@ -222,6 +223,8 @@ void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
 struct NoLeaves {
     template <class Index, class NA, class NB>
     void operator()(Index, Index, const NA&, const NB&) const {}
+    template <class Index>
+    void operator()(Index, Index) const {}
 };
 
 // Self visitors whose serial record order is defined: descent by descent in the order of the
@@ -290,14 +293,29 @@ public:
         }
     }
 
+    // Neighbour pruning of the self walk for this visitor (GmCurveSelfWalk::Adjacency).
+    template <class X>
+    static GmCurveSelfWalk::Adjacency adjacency(const CurveTree& tree, const X& visitor) {
+        GmCurveSelfWalk::Adjacency adj;
+        if (visitor.getIntersectAdjacent()) return adj;
+        if constexpr (std::is_same<X, GmSegmentSelfIntersector<1>>::value)
+            adj.window = 0;
+        else if constexpr (std::is_same<X, GmSegmentSelfIntersector<3>>::value)
+            adj.window = 2;
+        else if (visitor.curves == tree.getTopology() && visitor.otherCurves == visitor.curves)
+            adj.window = 2;
+        return adj;
+    }
+
     // Self traversal.
     template <class X>
     static void self(const CurveTree& tree, X& visitor) {
-        typedef std::uint32_t Index;
-        typedef BasicNodePair<Index> Pair;
+        using GmCurveSelfWalk::Index;
+        using GmCurveSelfWalk::Pair;
+        using GmCurveSelfWalk::SelfStep;
         const std::uint64_t internal = tree.getNumberInternalNodes();
         if (tree.empty() || internal == 0) return;
-        const CurveNodes nodes(tree);
+        const GmCurveSelfWalk::WalkBoxes boxes(tree, adjacency(tree, visitor));
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent();
         // Only the leaves' entries are written (and paged in).
@@ -314,7 +332,7 @@ public:
             std::vector<std::uint64_t> pending;
             if constexpr (!kOrderedSelf<X>) {
                 SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
-                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 preorderInternal(0, internal, pending, [&](std::uint64_t k) {
                     const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
                     if (step.overlap(a, b)) descendPairs(step, stack, a, b);
@@ -324,7 +342,7 @@ public:
                 std::vector<DescentHits> spans;
                 X worker = workerCopy(visitor, hits);
                 SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
-                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 preorderInternal(0, internal, pending, [&](std::uint64_t k) {
                     const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
                     const std::size_t before = hits.size();
@@ -343,17 +361,15 @@ public:
             const std::uint64_t split = std::min(internal, kSplitNodes);
             std::vector<Pair> seeds;
             NoLeaves none;
-            CurveStep<CurveNodes, CurveNodes, NoLeaves> top(nodes, nodes, pruneDisabled, none);
+            SelfStep<NoLeaves, false> top(boxes, tree, pruneDisabled, none);
             for (std::uint64_t k = 0; k < split; ++k) {
                 const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
                 if (top.overlap(a, b)) seeds.push_back({a, b});
             }
-            auto leafPair = [&nodes](const Pair& p) {
-                return nodes[p.a].primitive != nullptr && nodes[p.b].primitive != nullptr;
-            };
-            auto coarse = [&nodes](const Pair& p) {
-                return (nodes[p.a].primitive == nullptr && heapDepth(p.a) < kFrontierDepth) ||
-                       (nodes[p.b].primitive == nullptr && heapDepth(p.b) < kFrontierDepth);
+            auto leafPair = [&top](const Pair& p) { return top.leaf(p.a) && top.leaf(p.b); };
+            auto coarse = [&top](const Pair& p) {
+                return (!top.leaf(p.a) && heapDepth(p.a) < kFrontierDepth) ||
+                       (!top.leaf(p.b) && heapDepth(p.b) < kFrontierDepth);
             };
             const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
             const int numFrontier = static_cast<int>(frontier.size());
@@ -367,7 +383,7 @@ public:
             GmParallel::parallelForRanges(0, numItems, [&](int first, int last) {
                 X worker = workerCopy(visitor, local.records());
                 SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
-                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 std::vector<Pair> stack;
                 stack.reserve(tree.stackHeight() + 4);
                 std::vector<std::uint64_t> pending;
@@ -473,7 +489,7 @@ struct SelfLeaves {
     bool skipAdjacent;
     const LeafSegment* leaf;  // by heap index
     template <class Index>
-    void operator()(Index a, Index b, const CurveNode&, const CurveNode&) const {
+    void operator()(Index a, Index b) const {
         const LeafSegment& la = leaf[a];
         const LeafSegment& lb = leaf[b];
         if (skipAdjacent && adjacent(la, lb)) return;
