@@ -106,6 +106,9 @@ public:
     std::uint64_t internal() const { return _internal; }
     // Whether any node carries a flag (the walk then reads the tree's nodes for them).
     bool flags() const { return _flags; }
+    // Whether node pairs of near neighbours are dropped (then no leaf pair of near neighbours is
+    // left to skip).
+    bool prunesNeighbours() const { return _window >= 0; }
     // Whether every segment pair of the two nodes is a pair of near neighbours.
     bool neighbours(Index a, Index b) const {
         if (_window < 0) return false;

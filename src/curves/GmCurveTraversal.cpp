@@ -317,7 +317,7 @@ public:
         if (tree.empty() || internal == 0) return;
         const GmCurveSelfWalk::WalkBoxes boxes(tree, adjacency(tree, visitor));
         const bool pruneDisabled = !visitor.getIntersectDisabled();
-        const bool skipAdjacent = !visitor.getIntersectAdjacent();
+        const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
         // Only the leaves' entries are written (and paged in).
         const std::unique_ptr<LeafSegment[]> gathered(new LeafSegment[tree.getNodes().size()]);
         gatherLeaves(tree, visitor, gathered.get());
