@@ -174,10 +174,12 @@ struct PairLeaves {
 // A leaf's segment as the self test reads it: gathered once per query by heap index, so that a
 // leaf pair reads two records next to the nodes instead of the segments, positions and radii
 // scattered in memory. The values are copies: the test gives the same bits.
-struct LeafSegment {
+struct LeafRecord {
     const GmCurveSegment* record;
     std::uint64_t curve;
     std::uint64_t index;
+};
+struct LeafSegment : LeafRecord {
     double r0, r1;
     double p0[3], p1[3];  // plain arrays: the gather buffer is left uninitialised
 };
@@ -186,19 +188,22 @@ template <class X>
 struct SelfLeaves;
 
 // Visitors whose segment test runs on the gathered copies (positions and radii included); other
-// self visitors get the segment records.
+// self visitors get the segment records (and their leaves hold only those).
 template <class X>
 constexpr bool kTestsGathered =
     std::is_same<X, GmSegmentSelfIntersector<1>>::value || std::is_same<X, GmSegmentSelfIntersector<3>>::value;
 
+template <class X>
+using LeafOf = typename std::conditional<kTestsGathered<X>, LeafSegment, LeafRecord>::type;
+
 // Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
 // (indexed by heap index; entries of internal nodes are left unset).
 template <class X>
-void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
+void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out) {
     const std::uint64_t last = tree.getNodes().size() - 1;
     for (const std::uint64_t pos : tree.getLeaves()) {
         const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-        LeafSegment& l = out[last - pos];
+        LeafOf<X>& l = out[last - pos];
         l.record = &s;
         l.curve = s.curve;
         l.index = s.index;
@@ -281,7 +286,7 @@ public:
     }
     // The self visitor's test on two gathered leaves.
     template <class X>
-    static void test(X& v, const LeafSegment& a, const LeafSegment& b) {
+    static void test(X& v, const LeafOf<X>& a, const LeafOf<X>& b) {
         if constexpr (!kTestsGathered<X>) {
             v(*a.record, *b.record);
         } else {
@@ -319,9 +324,9 @@ public:
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
         // Only the leaves' entries are written (and paged in).
-        const std::unique_ptr<LeafSegment[]> gathered(new LeafSegment[tree.getNodes().size()]);
+        const std::unique_ptr<LeafOf<X>[]> gathered(new LeafOf<X>[tree.getNodes().size()]);
         gatherLeaves(tree, visitor, gathered.get());
-        const LeafSegment* leaf = gathered.get();
+        const LeafOf<X>* leaf = gathered.get();
 
         // Serial: the descents in pre-order (each subtree's descents together, while its nodes
         // are in cache). Visitors with a defined record order collect each descent's hits and
@@ -487,18 +492,18 @@ template <class X>
 struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
-    const LeafSegment* leaf;  // by heap index
+    const LeafOf<X>* leaf;  // by heap index
     template <class Index>
     void operator()(Index a, Index b) const {
-        const LeafSegment& la = leaf[a];
-        const LeafSegment& lb = leaf[b];
+        const LeafOf<X>& la = leaf[a];
+        const LeafOf<X>& lb = leaf[b];
         if (skipAdjacent && adjacent(la, lb)) return;
         GmCurveTraversal::test(*visitor, la, lb);
     }
     // <1>: one curve. <3>: the rule reduces to the records: a set's segments lie in one array in
     // primitive order, a curve's segments have consecutive indices and segment numbers, so two
     // segments are adjacent exactly when at most two records apart and of one curve.
-    bool adjacent(const LeafSegment& a, const LeafSegment& b) const {
+    bool adjacent(const LeafOf<X>& a, const LeafOf<X>& b) const {
         if constexpr (!kTestsGathered<X>) {
             return visitor->isAdjacent(*a.record, *b.record);
         } else {
