@@ -176,10 +176,10 @@ struct PairLeaves {
 // scattered in memory. The values are copies: the test gives the same bits.
 struct LeafRecord {
     const GmCurveSegment* record;
-    std::uint64_t curve;
-    std::uint64_t index;
 };
 struct LeafSegment : LeafRecord {
+    std::uint64_t curve;
+    std::uint64_t index;
     double r0, r1;
     double p0[3], p1[3];  // plain arrays: the gather buffer is left uninitialised
 };
@@ -203,10 +203,7 @@ void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out) {
     const std::uint64_t last = tree.getNodes().size() - 1;
     for (const std::uint64_t pos : tree.getLeaves()) {
         const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-        LeafOf<X>& l = out[last - pos];
-        l.record = &s;
-        l.curve = s.curve;
-        l.index = s.index;
+        out[last - pos].record = &s;
     }
     if constexpr (kTestsGathered<X>) {
         const std::vector<GmTVector<double>>& p = *visitor.getPositions();
@@ -214,6 +211,8 @@ void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out) {
         for (const std::uint64_t pos : tree.getLeaves()) {
             const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
             LeafSegment& l = out[last - pos];
+            l.curve = s.curve;
+            l.index = s.index;
             l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
             l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
             for (int k = 0; k < 3; ++k) {
