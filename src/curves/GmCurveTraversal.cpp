@@ -171,7 +171,7 @@ struct PairLeaves {
     }
 };
 
-// A leaf's segment as the self test reads it: gathered once per query by heap index, so that a
+// A leaf's segment as the self test reads it: gathered once per query by leaf, so that a
 // leaf pair reads two records next to the nodes instead of the segments, positions and radii
 // scattered in memory. The values are copies: the test gives the same bits.
 struct LeafRecord {
@@ -196,21 +196,21 @@ constexpr bool kTestsGathered =
 template <class X>
 using LeafOf = typename std::conditional<kTestsGathered<X>, LeafSegment, LeafRecord>::type;
 
-// Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
-// (indexed by heap index; entries of internal nodes are left unset).
+// Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`,
+// indexed by heap index - internal node count (the leaves are the last heap indices).
 template <class X>
 void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out) {
-    const std::uint64_t last = tree.getNodes().size() - 1;
+    const std::uint64_t last = tree.getNodes().size() - 1, first = tree.getNumberInternalNodes();
     for (const std::uint64_t pos : tree.getLeaves()) {
         const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-        out[last - pos].record = &s;
+        out[last - pos - first].record = &s;
     }
     if constexpr (kTestsGathered<X>) {
         const std::vector<GmTVector<double>>& p = *visitor.getPositions();
         const std::vector<double>* r = visitor.getOffsets();
         for (const std::uint64_t pos : tree.getLeaves()) {
             const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-            LeafSegment& l = out[last - pos];
+            LeafSegment& l = out[last - pos - first];
             l.curve = s.curve;
             l.index = s.index;
             l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
@@ -322,8 +322,8 @@ public:
         const GmCurveSelfWalk::WalkBoxes boxes(tree, adjacency(tree, visitor));
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
-        // Only the leaves' entries are written (and paged in).
-        const std::unique_ptr<LeafOf<X>[]> gathered(new LeafOf<X>[tree.getNodes().size()]);
+        // One entry per leaf: small enough to be reused from the heap from one query to the next.
+        const std::unique_ptr<LeafOf<X>[]> gathered(new LeafOf<X>[tree.getNumberLeafNodes()]);
         gatherLeaves(tree, visitor, gathered.get());
         const LeafOf<X>* leaf = gathered.get();
 
@@ -335,7 +335,7 @@ public:
             stack.reserve(tree.stackHeight() + 4);
             std::vector<std::uint64_t> pending;
             if constexpr (!kOrderedSelf<X>) {
-                SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
+                SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf, internal};
                 SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 preorderInternal(0, internal, pending, [&](std::uint64_t k) {
                     const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
@@ -345,7 +345,7 @@ public:
                 std::vector<typename X::Record> hits;
                 std::vector<DescentHits> spans;
                 X worker = workerCopy(visitor, hits);
-                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf, internal};
                 SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 preorderInternal(0, internal, pending, [&](std::uint64_t k) {
                     const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
@@ -386,7 +386,7 @@ public:
             std::atomic<std::uint64_t> count{0};
             GmParallel::parallelForRanges(0, numItems, [&](int first, int last) {
                 X worker = workerCopy(visitor, local.records());
-                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf, internal};
                 SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 std::vector<Pair> stack;
                 stack.reserve(tree.stackHeight() + 4);
@@ -491,11 +491,12 @@ template <class X>
 struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
-    const LeafOf<X>* leaf;  // by heap index
+    const LeafOf<X>* leaf;  // by heap index - internal
+    std::uint64_t internal;
     template <class Index>
     void operator()(Index a, Index b) const {
-        const LeafOf<X>& la = leaf[a];
-        const LeafOf<X>& lb = leaf[b];
+        const LeafOf<X>& la = leaf[a - internal];
+        const LeafOf<X>& lb = leaf[b - internal];
         if (skipAdjacent && adjacent(la, lb)) return;
         GmCurveTraversal::test(*visitor, la, lb);
     }
