@@ -16,6 +16,8 @@
 #include <cstring>
 #include <vector>
 
+#include <tbb/cache_aligned_allocator.h>
+
 #include <quarrygeom/curves/GmGenericBoundingTree.h>
 
 #include "../bvh/GmBVHCollisionWalk.h"
@@ -118,7 +120,8 @@ public:
     }
 
 private:
-    std::vector<WalkBoxPair> _pairs;
+    // TBB's allocator keeps large blocks for reuse: the copy is not faulted in afresh per query.
+    std::vector<WalkBoxPair, tbb::cache_aligned_allocator<WalkBoxPair>> _pairs;
     WalkBox* _box = nullptr;  // position 0 unused
     std::uint64_t _internal;
     int _window = -1;

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <tbb/cache_aligned_allocator.h>
+
 #include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/curves/GmCurveContinuous.h>
 #include <quarrygeom/curves/GmGenericBoundingTree.h>
@@ -196,6 +198,22 @@ constexpr bool kTestsGathered =
 template <class X>
 using LeafOf = typename std::conditional<kTestsGathered<X>, LeafSegment, LeafRecord>::type;
 
+// Uninitialised storage for the gathered leaves, from TBB's allocator (which keeps large blocks
+// for reuse, so the buffer is not faulted in afresh per query).
+template <class T>
+class LeafBuffer {
+public:
+    explicit LeafBuffer(std::size_t n) : _n(n), _data(tbb::cache_aligned_allocator<T>().allocate(n)) {}
+    ~LeafBuffer() { tbb::cache_aligned_allocator<T>().deallocate(_data, _n); }
+    LeafBuffer(const LeafBuffer&) = delete;
+    LeafBuffer& operator=(const LeafBuffer&) = delete;
+    T* get() const { return _data; }
+
+private:
+    std::size_t _n;
+    T* _data;
+};
+
 // Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`,
 // indexed by heap index - internal node count (the leaves are the last heap indices).
 template <class X>
@@ -322,8 +340,7 @@ public:
         const GmCurveSelfWalk::WalkBoxes boxes(tree, adjacency(tree, visitor));
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
-        // One entry per leaf: small enough to be reused from the heap from one query to the next.
-        const std::unique_ptr<LeafOf<X>[]> gathered(new LeafOf<X>[tree.getNumberLeafNodes()]);
+        const LeafBuffer<LeafOf<X>> gathered(tree.getNumberLeafNodes());
         gatherLeaves(tree, visitor, gathered.get());
         const LeafOf<X>* leaf = gathered.get();
 
