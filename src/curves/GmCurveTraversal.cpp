@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
