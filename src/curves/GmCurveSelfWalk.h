@@ -12,6 +12,7 @@
 #include <emmintrin.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -55,13 +56,25 @@ struct Adjacency {
     int window = -1;
 };
 
-// The compact copy of one tree for one query.
+// Runs body(first, last) over consecutive ranges covering [0, n) on the calling thread.
+struct SerialLoop {
+    template <class Body>
+    void operator()(std::uint64_t n, Body&& body) const {
+        body(std::uint64_t(0), n);
+    }
+};
+
+// The compact copy of one tree for one query. `loop` runs the per-node copy (serially or on the
+// workers of a parallel query: see SerialLoop).
 class WalkBoxes {
 public:
-    WalkBoxes(const CurveTree& tree, Adjacency adjacency) : _internal(tree.getNumberInternalNodes()) {
+    template <class Loop>
+    WalkBoxes(const CurveTree& tree, Adjacency adjacency, const Loop& loop)
+        : _internal(tree.getNumberInternalNodes()), _numPairs(tree.getNumberNodes() / 2 + 1) {
         const std::uint64_t count = tree.getNumberNodes();  // 2n - 1, heap indices 0 .. count - 1
-        _pairs.resize(count / 2 + 1);
-        _box = _pairs.front().box;
+        // Every slot but position 0 is written below.
+        _pairs = tbb::cache_aligned_allocator<WalkBoxPair>().allocate(_numPairs);
+        _box = _pairs->box;
         const std::vector<CurveTree::Node>& nodes = tree.getNodes();
         const std::uint64_t last = nodes.size() - 1;
         const std::uint64_t n = count - _internal;
@@ -79,22 +92,29 @@ public:
         } else {
             _window = -1;
         }
-        for (std::uint64_t i = 0; i < count; ++i) {
-            const CurveTree::Node& node = nodes[last - i];
-            WalkBox& w = _box[i + 1];
-            w.lo[0] = node.box.minX;
-            w.lo[1] = node.box.minY;
-            w.lo[2] = node.box.minZ;
-            w.hi[0] = node.box.maxX;
-            w.hi[1] = node.box.maxY;
-            w.hi[2] = node.box.maxZ;
-            _flags |= node.disabled || node.frozen;
-            if (i >= _internal && _window >= 0) {
-                const std::uint64_t s = node.primitive->index;
-                const std::uint32_t key = _window == 0 ? block[s] : static_cast<std::uint32_t>(s + 3 * block[s]);
-                w.keyLo = w.keyHi = key;
+        std::atomic<bool> flags{false};
+        loop(count, [&](std::uint64_t first, std::uint64_t end) {
+            bool any = false;
+            for (std::uint64_t i = first; i < end; ++i) {
+                const CurveTree::Node& node = nodes[last - i];
+                WalkBox& w = _box[i + 1];
+                w.lo[0] = node.box.minX;
+                w.lo[1] = node.box.minY;
+                w.lo[2] = node.box.minZ;
+                w.hi[0] = node.box.maxX;
+                w.hi[1] = node.box.maxY;
+                w.hi[2] = node.box.maxZ;
+                any |= node.disabled || node.frozen;
+                if (i >= _internal && _window >= 0) {
+                    const std::uint64_t s = node.primitive->index;
+                    const std::uint32_t key =
+                        _window == 0 ? block[s] : static_cast<std::uint32_t>(s + 3 * block[s]);
+                    w.keyLo = w.keyHi = key;
+                }
             }
-        }
+            if (any) flags.store(true, std::memory_order_relaxed);
+        });
+        _flags = flags.load(std::memory_order_relaxed);
         if (_window >= 0)
             for (std::uint64_t i = _internal; i-- > 0;) {
                 WalkBox& w = _box[i + 1];
@@ -103,6 +123,9 @@ public:
                 w.keyHi = std::max(l.keyHi, r.keyHi);
             }
     }
+    ~WalkBoxes() { tbb::cache_aligned_allocator<WalkBoxPair>().deallocate(_pairs, _numPairs); }
+    WalkBoxes(const WalkBoxes&) = delete;
+    WalkBoxes& operator=(const WalkBoxes&) = delete;
 
     const WalkBox& operator[](std::uint64_t i) const { return _box[i + 1]; }
     std::uint64_t internal() const { return _internal; }
@@ -120,10 +143,12 @@ public:
     }
 
 private:
-    // TBB's allocator keeps large blocks for reuse: the copy is not faulted in afresh per query.
-    std::vector<WalkBoxPair, tbb::cache_aligned_allocator<WalkBoxPair>> _pairs;
+    // From TBB's allocator, which keeps large blocks for reuse: the copy is not faulted in afresh
+    // per query.
+    WalkBoxPair* _pairs = nullptr;
     WalkBox* _box = nullptr;  // position 0 unused
     std::uint64_t _internal;
+    std::uint64_t _numPairs;
     int _window = -1;
     bool _flags = false;
 };

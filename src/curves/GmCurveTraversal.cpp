@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
@@ -214,31 +215,45 @@ private:
 };
 
 // Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`,
-// indexed by heap index - internal node count (the leaves are the last heap indices).
-template <class X>
-void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out) {
-    const std::uint64_t last = tree.getNodes().size() - 1, first = tree.getNumberInternalNodes();
-    for (const std::uint64_t pos : tree.getLeaves()) {
-        const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-        out[last - pos - first].record = &s;
-    }
-    if constexpr (kTestsGathered<X>) {
-        const std::vector<GmTVector<double>>& p = *visitor.getPositions();
-        const std::vector<double>* r = visitor.getOffsets();
-        for (const std::uint64_t pos : tree.getLeaves()) {
+// indexed by heap index - internal node count (the leaves are the last heap indices);
+// `loop` runs it over ranges of leaves (GmCurveSelfWalk::SerialLoop or ParallelLoop).
+template <class X, class Loop>
+void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out, const Loop& loop) {
+    const std::uint64_t last = tree.getNodes().size() - 1, internal = tree.getNumberInternalNodes();
+    const std::uint64_t* leaves = tree.getLeaves().data();
+    loop(tree.getNumberLeafNodes(), [&](std::uint64_t first, std::uint64_t end) {
+        for (std::uint64_t k = first; k < end; ++k) {
+            const std::uint64_t pos = leaves[k];
             const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-            LeafSegment& l = out[last - pos - first];
-            l.curve = s.curve;
-            l.index = s.index;
-            l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
-            l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
-            for (int k = 0; k < 3; ++k) {
-                l.p0[k] = p[s.vertex0][k];
-                l.p1[k] = p[s.vertex1][k];
+            LeafOf<X>& l = out[last - pos - internal];
+            l.record = &s;
+            if constexpr (kTestsGathered<X>) {
+                const std::vector<GmTVector<double>>& p = *visitor.getPositions();
+                const std::vector<double>* r = visitor.getOffsets();
+                l.curve = s.curve;
+                l.index = s.index;
+                l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
+                l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
+                for (int c = 0; c < 3; ++c) {
+                    l.p0[c] = p[s.vertex0][c];
+                    l.p1[c] = p[s.vertex1][c];
+                }
             }
         }
-    }
+    });
 }
+
+// Runs body(first, last) over ranges covering [0, n) on the workers of the parallel frame.
+struct ParallelLoop {
+    static constexpr std::uint64_t kChunk = std::uint64_t(1) << 10;
+    template <class Body>
+    void operator()(std::uint64_t n, Body&& body) const {
+        const int chunks = static_cast<int>((n + kChunk - 1) / kChunk);
+        GmParallel::parallelForRanges(0, chunks, [&](int first, int last) {
+            body(static_cast<std::uint64_t>(first) * kChunk, std::min(static_cast<std::uint64_t>(last) * kChunk, n));
+        });
+    }
+};
 
 // Leaves of a step that expands inner pairs only (never called).
 struct NoLeaves {
@@ -336,17 +351,26 @@ public:
         using GmCurveSelfWalk::SelfStep;
         const std::uint64_t internal = tree.getNumberInternalNodes();
         if (tree.empty() || internal == 0) return;
-        const GmCurveSelfWalk::WalkBoxes boxes(tree, adjacency(tree, visitor));
+        const GmCurveSelfWalk::Adjacency adj = adjacency(tree, visitor);
         const bool pruneDisabled = !visitor.getIntersectDisabled();
-        const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
-        const LeafBuffer<LeafOf<X>> gathered(tree.getNumberLeafNodes());
-        gatherLeaves(tree, visitor, gathered.get());
-        const LeafOf<X>* leaf = gathered.get();
+        // The box copy and the gathered leaves, made by the path that runs (the parallel one
+        // makes them on the workers).
+        std::optional<GmCurveSelfWalk::WalkBoxes> boxCopy;
+        std::optional<LeafBuffer<LeafOf<X>>> gathered;
+        auto prepare = [&](const auto& loop) {
+            boxCopy.emplace(tree, adj, loop);
+            gathered.emplace(tree.getNumberLeafNodes());
+            gatherLeaves(tree, visitor, gathered->get(), loop);
+        };
 
         // Serial: the descents in pre-order (each subtree's descents together, while its nodes
         // are in cache). Visitors with a defined record order collect each descent's hits and
         // hand them over in descent order at the end.
         auto serial = [&] {
+            prepare(GmCurveSelfWalk::SerialLoop());
+            const GmCurveSelfWalk::WalkBoxes& boxes = *boxCopy;
+            const LeafOf<X>* leaf = gathered->get();
+            const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
             std::vector<Pair> stack;
             stack.reserve(tree.stackHeight() + 4);
             std::vector<std::uint64_t> pending;
@@ -378,6 +402,10 @@ public:
         };
 
         auto parallel = [&] {
+            prepare(ParallelLoop());
+            const GmCurveSelfWalk::WalkBoxes& boxes = *boxCopy;
+            const LeafOf<X>* leaf = gathered->get();
+            const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
             const std::uint64_t split = std::min(internal, kSplitNodes);
             std::vector<Pair> seeds;
             NoLeaves none;
