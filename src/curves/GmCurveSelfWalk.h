@@ -72,7 +72,7 @@ public:
     WalkBoxes(const CurveTree& tree, Adjacency adjacency, const Loop& loop)
         : _internal(tree.getNumberInternalNodes()), _numPairs(tree.getNumberNodes() / 2 + 1) {
         const std::uint64_t count = tree.getNumberNodes();  // 2n - 1, heap indices 0 .. count - 1
-        // Every slot but position 0 is written below.
+        // Every slot but position 0 (never read) is written below.
         _pairs = tbb::cache_aligned_allocator<WalkBoxPair>().allocate(_numPairs);
         _box = _pairs->box;
         const std::vector<CurveTree::Node>& nodes = tree.getNodes();
@@ -110,6 +110,8 @@ public:
                     const std::uint32_t key =
                         _window == 0 ? block[s] : static_cast<std::uint32_t>(s + 3 * block[s]);
                     w.keyLo = w.keyHi = key;
+                } else {
+                    w.keyLo = w.keyHi = 0;  // internal nodes: set below when pruning
                 }
             }
             if (any) flags.store(true, std::memory_order_relaxed);
