@@ -5,14 +5,16 @@
 //
 // Scenes: the hair of examples/hair_drop (3000 strands of 20-40 segments on the unit sphere,
 // combed out along its normals) moving by one step of a fall (the velocity after 0.25 s of
-// free fall plus noise), and random-walk strands (100k segments) with random drifts.
-// Threads: 1 (multithreading off / an Embree device of one thread) and 2.
+// free fall plus noise), and random-walk strands (100k segments; 1M with QG_BENCH_LARGE=1) with
+// random drifts. Threads: 1 (multithreading off / an Embree device of one thread) and 2. The CPU
+// column is the process's CPU time (all threads: Embree's device works on threads of its own).
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
@@ -63,16 +65,17 @@ Scene hairScene() {
     return s;
 }
 
-// Random-walk strands: 2500 strands of 40 segments of 0.01 in a unit cube, drifting by up to
-// one segment length over the step.
-Scene walkScene() {
+// Random-walk strands: `strands` strands of 40 segments of 0.01 at 100,000 segments per unit
+// volume (2500 strands in a unit cube), drifting by up to one segment length over the step.
+Scene walkScene(int strands) {
     Scene s;
     std::mt19937 rng(11);
     std::uniform_real_distribution<double> u(0.0, 1.0);
     std::normal_distribution<double> g;
-    for (int k = 0; k < 2500; ++k) {
+    const double side = std::cbrt(strands / 2500.0);
+    for (int k = 0; k < strands; ++k) {
         s.segments.push_back(40);
-        Vec p(u(rng), u(rng), u(rng));
+        Vec p(side * u(rng), side * u(rng), side * u(rng));
         const Vec drift = Vec(g(rng), g(rng), g(rng)) * 0.005;
         for (int j = 0; j <= 40; ++j) {
             s.start.push_back(p);
@@ -85,11 +88,13 @@ Scene walkScene() {
 }
 
 Scene& scene(int which) {
-    static Scene hair = hairScene(), walks = walkScene();
-    return which == 0 ? hair : walks;
+    static std::map<int, Scene> scenes;
+    auto it = scenes.find(which);
+    if (it == scenes.end()) it = scenes.emplace(which, which == 0 ? hairScene() : walkScene(which == 1 ? 2500 : 25000)).first;
+    return it->second;
 }
 
-const char* sceneName(int which) { return which == 0 ? "example hair" : "random walks"; }
+const char* sceneName(int which) { return which == 0 ? "example hair" : which == 1 ? "random walks" : "random walks 1M"; }
 
 void label(benchmark::State& state, int threads) {
     state.SetLabel(std::string(sceneName(int(state.range(0)))) + ", " + std::to_string(threads) +
@@ -206,16 +211,20 @@ void BM_Embree_StrandCCD(benchmark::State& state) {
 }
 #endif
 
+// Scenes 0 and 1; scene 2 (random walks, 1M segments) only with QG_BENCH_LARGE=1 in the
+// environment.
 void args(benchmark::internal::Benchmark* b) {
-    for (int sc : {0, 1})
+    const char* large = std::getenv("QG_BENCH_LARGE");
+    const int scenes = large != nullptr && std::string(large) == "1" ? 3 : 2;
+    for (int sc = 0; sc < scenes; ++sc)
         for (int t : {0, 1}) b->Args({sc, t});
 }
 
 }  // namespace
 
-BENCHMARK(BM_Ours_StrandCCD)->Apply(args)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Ours_StrandCCD)->Apply(args)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 #ifdef QG_HAVE_EMBREE
-BENCHMARK(BM_Embree_StrandCCD)->Apply(args)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Embree_StrandCCD)->Apply(args)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 #endif
 BENCHMARK(BM_Ours_SweptRefit)->Args({0, 0})->Args({1, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
 

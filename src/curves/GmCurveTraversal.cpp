@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <memory>
+#include <optional>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
+
+#include <tbb/cache_aligned_allocator.h>
 
 #include <quarrygeom/core/GmParallel.h>
 #include <quarrygeom/curves/GmCurveContinuous.h>
@@ -15,6 +17,7 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "../bvh/GmBVHCollisionWalk.h"
+#include "GmCurveSelfWalk.h"
 
 using GmBVHCollision::BasicNodePair;
 using GmBVHCollision::childPairs;
@@ -170,11 +173,13 @@ struct PairLeaves {
     }
 };
 
-// A leaf's segment as the self test reads it: gathered once per query by heap index, so that a
+// A leaf's segment as the self test reads it: gathered once per query by leaf, so that a
 // leaf pair reads two records next to the nodes instead of the segments, positions and radii
 // scattered in memory. The values are copies: the test gives the same bits.
-struct LeafSegment {
+struct LeafRecord {
     const GmCurveSegment* record;
+};
+struct LeafSegment : LeafRecord {
     std::uint64_t curve;
     std::uint64_t index;
     double r0, r1;
@@ -185,44 +190,105 @@ template <class X>
 struct SelfLeaves;
 
 // Visitors whose segment test runs on the gathered copies (positions and radii included); other
-// self visitors get the segment records.
+// self visitors get the segment records (and their leaves hold only those).
 template <class X>
 constexpr bool kTestsGathered =
     std::is_same<X, GmSegmentSelfIntersector<1>>::value || std::is_same<X, GmSegmentSelfIntersector<3>>::value;
 
-// Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`
-// (indexed by heap index; entries of internal nodes are left unset).
 template <class X>
-void gatherLeaves(const CurveTree& tree, const X& visitor, LeafSegment* out) {
-    const std::uint64_t last = tree.getNodes().size() - 1;
-    for (const std::uint64_t pos : tree.getLeaves()) {
-        const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-        LeafSegment& l = out[last - pos];
-        l.record = &s;
-        l.curve = s.curve;
-        l.index = s.index;
-    }
-    if constexpr (kTestsGathered<X>) {
-        const std::vector<GmTVector<double>>& p = *visitor.getPositions();
-        const std::vector<double>* r = visitor.getOffsets();
-        for (const std::uint64_t pos : tree.getLeaves()) {
+using LeafOf = typename std::conditional<kTestsGathered<X>, LeafSegment, LeafRecord>::type;
+
+// Uninitialised storage for the gathered leaves, from TBB's allocator (which keeps large blocks
+// for reuse, so the buffer is not faulted in afresh per query).
+template <class T>
+class LeafBuffer {
+public:
+    explicit LeafBuffer(std::size_t n) : _n(n), _data(tbb::cache_aligned_allocator<T>().allocate(n)) {}
+    ~LeafBuffer() { tbb::cache_aligned_allocator<T>().deallocate(_data, _n); }
+    LeafBuffer(const LeafBuffer&) = delete;
+    LeafBuffer& operator=(const LeafBuffer&) = delete;
+    T* get() const { return _data; }
+
+private:
+    std::size_t _n;
+    T* _data;
+};
+
+// Gathers the leaves' segments of `tree` with the visitor's positions and radii into `out`,
+// indexed by heap index - internal node count (the leaves are the last heap indices);
+// `loop` runs it over ranges of leaves (GmCurveSelfWalk::SerialLoop or ParallelLoop).
+template <class X, class Loop>
+void gatherLeaves(const CurveTree& tree, const X& visitor, LeafOf<X>* out, const Loop& loop) {
+    const std::uint64_t last = tree.getNodes().size() - 1, internal = tree.getNumberInternalNodes();
+    const std::uint64_t* leaves = tree.getLeaves().data();
+    loop(tree.getNumberLeafNodes(), [&](std::uint64_t first, std::uint64_t end) {
+        for (std::uint64_t k = first; k < end; ++k) {
+            const std::uint64_t pos = leaves[k];
             const GmCurveSegment& s = *tree.getNodes()[pos].primitive;
-            LeafSegment& l = out[last - pos];
-            l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
-            l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
-            for (int k = 0; k < 3; ++k) {
-                l.p0[k] = p[s.vertex0][k];
-                l.p1[k] = p[s.vertex1][k];
+            LeafOf<X>& l = out[last - pos - internal];
+            l.record = &s;
+            if constexpr (kTestsGathered<X>) {
+                const std::vector<GmTVector<double>>& p = *visitor.getPositions();
+                const std::vector<double>* r = visitor.getOffsets();
+                l.curve = s.curve;
+                l.index = s.index;
+                l.r0 = r != nullptr ? (*r)[s.vertex0] : 0.0;
+                l.r1 = r != nullptr ? (*r)[s.vertex1] : 0.0;
+                for (int c = 0; c < 3; ++c) {
+                    l.p0[c] = p[s.vertex0][c];
+                    l.p1[c] = p[s.vertex1][c];
+                }
             }
         }
-    }
+    });
 }
+
+// Runs body(first, last) over ranges covering [0, n) on the workers of the parallel frame.
+struct ParallelLoop {
+    static constexpr std::uint64_t kChunk = std::uint64_t(1) << 10;
+    template <class Body>
+    void operator()(std::uint64_t n, Body&& body) const {
+        const int chunks = static_cast<int>((n + kChunk - 1) / kChunk);
+        GmParallel::parallelForRanges(0, chunks, [&](int first, int last) {
+            body(static_cast<std::uint64_t>(first) * kChunk, std::min(static_cast<std::uint64_t>(last) * kChunk, n));
+        });
+    }
+};
 
 // Leaves of a step that expands inner pairs only (never called).
 struct NoLeaves {
     template <class Index, class NA, class NB>
     void operator()(Index, Index, const NA&, const NB&) const {}
+    template <class Index>
+    void operator()(Index, Index) const {}
 };
+
+// Self visitors whose serial record order is defined: descent by descent in the order of the
+// internal nodes. Other self visitors take the hits in walk order.
+template <class X>
+constexpr bool kOrderedSelf = kTestsGathered<X>;
+
+// The hits of one descent in the serial walk's collection.
+struct DescentHits {
+    std::uint64_t descent;
+    std::size_t begin, end;
+};
+
+// f(k) for the internal nodes k < internal of the subtree rooted at `root`, in pre-order: a
+// descent only reads the nodes below its own, so the descents of a subtree run while its nodes
+// are in cache. `pending` is scratch space.
+template <class F>
+void preorderInternal(std::uint64_t root, std::uint64_t internal, std::vector<std::uint64_t>& pending, F&& f) {
+    pending.clear();
+    if (root < internal) pending.push_back(root);
+    while (!pending.empty()) {
+        const std::uint64_t k = pending.back();
+        pending.pop_back();
+        f(k);
+        if (2 * k + 2 < internal) pending.push_back(2 * k + 2);
+        if (2 * k + 1 < internal) pending.push_back(2 * k + 1);
+    }
+}
 
 }  // namespace
 
@@ -251,7 +317,7 @@ public:
     }
     // The self visitor's test on two gathered leaves.
     template <class X>
-    static void test(X& v, const LeafSegment& a, const LeafSegment& b) {
+    static void test(X& v, const LeafOf<X>& a, const LeafOf<X>& b) {
         if constexpr (!kTestsGathered<X>) {
             v(*a.record, *b.record);
         } else {
@@ -263,52 +329,100 @@ public:
         }
     }
 
+    // Neighbour pruning of the self walk for this visitor (GmCurveSelfWalk::Adjacency).
+    template <class X>
+    static GmCurveSelfWalk::Adjacency adjacency(const CurveTree& tree, const X& visitor) {
+        GmCurveSelfWalk::Adjacency adj;
+        if (visitor.getIntersectAdjacent()) return adj;
+        if constexpr (std::is_same<X, GmSegmentSelfIntersector<1>>::value)
+            adj.window = 0;
+        else if constexpr (std::is_same<X, GmSegmentSelfIntersector<3>>::value)
+            adj.window = 2;
+        else if (visitor.curves == tree.getTopology() && visitor.otherCurves == visitor.curves)
+            adj.window = 2;
+        return adj;
+    }
+
     // Self traversal.
     template <class X>
     static void self(const CurveTree& tree, X& visitor) {
-        typedef std::uint32_t Index;
-        typedef BasicNodePair<Index> Pair;
+        using GmCurveSelfWalk::Index;
+        using GmCurveSelfWalk::Pair;
+        using GmCurveSelfWalk::SelfStep;
         const std::uint64_t internal = tree.getNumberInternalNodes();
         if (tree.empty() || internal == 0) return;
-        const CurveNodes nodes(tree);
+        const GmCurveSelfWalk::Adjacency adj = adjacency(tree, visitor);
         const bool pruneDisabled = !visitor.getIntersectDisabled();
-        const bool skipAdjacent = !visitor.getIntersectAdjacent();
-        // Only the leaves' entries are written (and paged in).
-        const std::unique_ptr<LeafSegment[]> gathered(new LeafSegment[tree.getNodes().size()]);
-        gatherLeaves(tree, visitor, gathered.get());
-        const LeafSegment* leaf = gathered.get();
+        // The box copy and the gathered leaves, made by the path that runs (the parallel one
+        // makes them on the workers).
+        std::optional<GmCurveSelfWalk::WalkBoxes> boxCopy;
+        std::optional<LeafBuffer<LeafOf<X>>> gathered;
+        auto prepare = [&](const auto& loop) {
+            boxCopy.emplace(tree, adj, loop);
+            gathered.emplace(tree.getNumberLeafNodes());
+            gatherLeaves(tree, visitor, gathered->get(), loop);
+        };
 
+        // Serial: the descents in pre-order (each subtree's descents together, while its nodes
+        // are in cache). Visitors with a defined record order collect each descent's hits and
+        // hand them over in descent order at the end.
         auto serial = [&] {
-            SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf};
-            CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+            prepare(GmCurveSelfWalk::SerialLoop());
+            const GmCurveSelfWalk::WalkBoxes& boxes = *boxCopy;
+            const LeafOf<X>* leaf = gathered->get();
+            const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
             std::vector<Pair> stack;
             stack.reserve(tree.stackHeight() + 4);
-            for (std::uint64_t k = 0; k < internal; ++k) {
-                const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
-                if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+            std::vector<std::uint64_t> pending;
+            if constexpr (!kOrderedSelf<X>) {
+                SelfLeaves<X> leaves{&visitor, skipAdjacent, leaf, internal};
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
+                preorderInternal(0, internal, pending, [&](std::uint64_t k) {
+                    const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                    if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                });
+            } else {
+                std::vector<typename X::Record> hits;
+                std::vector<DescentHits> spans;
+                X worker = workerCopy(visitor, hits);
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf, internal};
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
+                preorderInternal(0, internal, pending, [&](std::uint64_t k) {
+                    const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
+                    const std::size_t before = hits.size();
+                    if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                    if (hits.size() != before) spans.push_back({k, before, hits.size()});
+                });
+                std::sort(spans.begin(), spans.end(),
+                          [](const DescentHits& x, const DescentHits& y) { return x.descent < y.descent; });
+                visitor.numberTests += worker.numberTests;
+                for (const DescentHits& d : spans)
+                    for (std::size_t i = d.begin; i < d.end; ++i) visitor.processIntersection(hits[i]);
             }
         };
 
         auto parallel = [&] {
+            prepare(ParallelLoop());
+            const GmCurveSelfWalk::WalkBoxes& boxes = *boxCopy;
+            const LeafOf<X>* leaf = gathered->get();
+            const bool skipAdjacent = !visitor.getIntersectAdjacent() && !boxes.prunesNeighbours();
             const std::uint64_t split = std::min(internal, kSplitNodes);
             std::vector<Pair> seeds;
             NoLeaves none;
-            CurveStep<CurveNodes, CurveNodes, NoLeaves> top(nodes, nodes, pruneDisabled, none);
+            SelfStep<NoLeaves, false> top(boxes, tree, pruneDisabled, none);
             for (std::uint64_t k = 0; k < split; ++k) {
                 const Index a = static_cast<Index>(2 * k + 1), b = static_cast<Index>(2 * k + 2);
                 if (top.overlap(a, b)) seeds.push_back({a, b});
             }
-            auto leafPair = [&nodes](const Pair& p) {
-                return nodes[p.a].primitive != nullptr && nodes[p.b].primitive != nullptr;
-            };
-            auto coarse = [&nodes](const Pair& p) {
-                return (nodes[p.a].primitive == nullptr && heapDepth(p.a) < kFrontierDepth) ||
-                       (nodes[p.b].primitive == nullptr && heapDepth(p.b) < kFrontierDepth);
+            auto leafPair = [&top](const Pair& p) { return top.leaf(p.a) && top.leaf(p.b); };
+            auto coarse = [&top](const Pair& p) {
+                return (!top.leaf(p.a) && heapDepth(p.a) < kFrontierDepth) ||
+                       (!top.leaf(p.b) && heapDepth(p.b) < kFrontierDepth);
             };
             const std::vector<Pair> frontier = expandPairs(top, std::move(seeds), kFrontierSize, leafPair, coarse);
             const int numFrontier = static_cast<int>(frontier.size());
             // Below the top nodes, one item per subtree rooted on the next level: its descents
-            // level by level.
+            // in pre-order.
             const std::uint64_t firstRoot = split, lastRoot = std::min(internal, 2 * split + 1);
             const int numItems = numFrontier + static_cast<int>(lastRoot - firstRoot);
 
@@ -316,10 +430,11 @@ public:
             std::atomic<std::uint64_t> count{0};
             GmParallel::parallelForRanges(0, numItems, [&](int first, int last) {
                 X worker = workerCopy(visitor, local.records());
-                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf};
-                CurveStep<CurveNodes, CurveNodes, SelfLeaves<X>> step(nodes, nodes, pruneDisabled, leaves);
+                SelfLeaves<X> leaves{&worker, skipAdjacent, leaf, internal};
+                SelfStep<SelfLeaves<X>> step(boxes, tree, pruneDisabled, leaves);
                 std::vector<Pair> stack;
                 stack.reserve(tree.stackHeight() + 4);
+                std::vector<std::uint64_t> pending;
                 for (int k = first; k < last; ++k) {
                     if (k < numFrontier) {
                         const Pair& p = frontier[static_cast<std::size_t>(k)];
@@ -327,13 +442,10 @@ public:
                         continue;
                     }
                     const std::uint64_t root = firstRoot + static_cast<std::uint64_t>(k - numFrontier);
-                    for (std::uint64_t from = root, width = 1; from < internal; from = 2 * from + 1, width *= 2) {
-                        const std::uint64_t to = std::min(from + width, internal);
-                        for (std::uint64_t i = from; i < to; ++i) {
-                            const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
-                            if (step.overlap(a, b)) descendPairs(step, stack, a, b);
-                        }
-                    }
+                    preorderInternal(root, internal, pending, [&](std::uint64_t i) {
+                        const Index a = static_cast<Index>(2 * i + 1), b = static_cast<Index>(2 * i + 2);
+                        if (step.overlap(a, b)) descendPairs(step, stack, a, b);
+                    });
                 }
                 count.fetch_add(worker.numberTests, std::memory_order_relaxed);
             });
@@ -423,18 +535,19 @@ template <class X>
 struct SelfLeaves {
     X* visitor;
     bool skipAdjacent;
-    const LeafSegment* leaf;  // by heap index
+    const LeafOf<X>* leaf;  // by heap index - internal
+    std::uint64_t internal;
     template <class Index>
-    void operator()(Index a, Index b, const CurveNode&, const CurveNode&) const {
-        const LeafSegment& la = leaf[a];
-        const LeafSegment& lb = leaf[b];
+    void operator()(Index a, Index b) const {
+        const LeafOf<X>& la = leaf[a - internal];
+        const LeafOf<X>& lb = leaf[b - internal];
         if (skipAdjacent && adjacent(la, lb)) return;
         GmCurveTraversal::test(*visitor, la, lb);
     }
     // <1>: one curve. <3>: the rule reduces to the records: a set's segments lie in one array in
     // primitive order, a curve's segments have consecutive indices and segment numbers, so two
     // segments are adjacent exactly when at most two records apart and of one curve.
-    bool adjacent(const LeafSegment& a, const LeafSegment& b) const {
+    bool adjacent(const LeafOf<X>& a, const LeafOf<X>& b) const {
         if constexpr (!kTestsGathered<X>) {
             return visitor->isAdjacent(*a.record, *b.record);
         } else {

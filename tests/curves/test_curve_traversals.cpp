@@ -2,6 +2,7 @@
 // parallel, and the visitors' own rules.
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -47,22 +48,41 @@ void checkSelf(const Strands& s, bool radii, bool adjacent, bool flags, bool int
     std::vector<GmSegmentSegmentInfo> scratch;
     GmSegmentSelfIntersector<N> reference(scratch, curves, s.positions, offsets);
     auto seg = [&](std::uint64_t k) -> const GmCurveSegment& { return *curves.getPrimitive(k); };
-    const auto brute = bruteForce(
-        tree, tree,
-        [&](std::uint64_t a, std::uint64_t b) {
-            return (!intersectDisabled && (disabled[a] || disabled[b])) || (frozen[a] && frozen[b]) ||
-                   (!adjacent && reference.isAdjacent(seg(a), seg(b)));
-        },
-        [&](std::uint64_t a, std::uint64_t b) {
-            GmSegmentSegmentInfo r;
-            return reference.test(seg(a), seg(b), r);
-        });
+    auto skip = [&](std::uint64_t a, std::uint64_t b) {
+        return (!intersectDisabled && (disabled[a] || disabled[b])) || (frozen[a] && frozen[b]) ||
+               (!adjacent && reference.isAdjacent(seg(a), seg(b)));
+    };
+    auto hit = [&](std::uint64_t a, std::uint64_t b) {
+        GmSegmentSegmentInfo r;
+        return reference.test(seg(a), seg(b), r);
+    };
+    const auto brute = bruteForce(tree, tree, skip, hit);
+    std::vector<Pair> serial;  // the serial record order: node k's children, k = 0, 1, ..., depth first
+    std::function<void(std::uint64_t, std::uint64_t)> descend = [&](std::uint64_t a, std::uint64_t b) {
+        const auto &na = tree.getNode(a), &nb = tree.getNode(b);
+        if (!na.box.overlaps(nb.box)) return;
+        if (na.primitive && nb.primitive) {
+            const std::uint64_t x = na.primitive->index, y = nb.primitive->index;
+            if (!skip(x, y) && hit(x, y)) serial.push_back(Pair(x, y));
+        } else if (na.primitive || nb.primitive) {
+            for (std::uint64_t c : {1, 2}) na.primitive ? descend(a, 2 * b + c) : descend(2 * a + c, b);
+        } else {
+            for (std::uint64_t c : {1, 2})
+                for (std::uint64_t d : {1, 2}) descend(2 * a + c, 2 * b + d);
+        }
+    };
+    for (std::uint64_t k = 0; k < tree.getNumberInternalNodes(); ++k) descend(2 * k + 1, 2 * k + 2);
     expectWalk<GmSegmentSegmentInfo>(
         [&](std::vector<GmSegmentSegmentInfo>& results) {
             GmSegmentSelfIntersector<N> visitor(results, curves, s.positions, offsets);
             visitor.setIntersectAdjacent(adjacent);
             visitor.setIntersectDisabled(intersectDisabled);
             tree.selfIntersect(visitor);
+            if (!tarnCollision::isMultiThreading()) {
+                std::vector<Pair> order;
+                for (const GmSegmentSegmentInfo& r : results) order.push_back(Pair(r.index1, r.index2));
+                EXPECT_EQ(order, serial);
+            }
             return visitor.getNumberTests();
         },
         brute, true);

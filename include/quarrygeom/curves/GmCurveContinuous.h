@@ -105,8 +105,8 @@ QUARRYGEOM_API void sortRecords(std::vector<GmCurveContinuousInfo>& records);
 // radii are indexed by the curve vertices; for two trees, `other*` are the second set's (the
 // same vectors by default). Every visit counts one test. Hits go to processIntersection (which
 // appends), except on the parallel two-tree walk, whose workers append to the result vector
-// directly. With multithreading on, the pairs are tested on the worker threads: the same
-// records in another order (sortRecords puts both in one order).
+// directly. The order of the records is not defined (sortRecords gives one order); with
+// multithreading on, the pairs are tested on the worker threads: the same records.
 class QUARRYGEOM_API GmSegmentContinuousIntersector : public GmSelfIntersectorBase {
 public:
     using Record = GmCurveContinuousInfo;

@@ -127,9 +127,11 @@ public:
     }
     // Self traversal (X = GmSegmentSelfIntersector<1> or <3>): for each internal node, the pair
     // of its children; two leaves that the visitor's isAdjacent calls adjacent are skipped unless
-    // getIntersectAdjacent(). Serial order: internal nodes 0, 1, ..., each descent depth first.
-    // With multithreading on, the same hits and test count, handed to processIntersection on the
-    // calling thread after the parallel part, in another order.
+    // getIntersectAdjacent(). Serial order of GmSegmentSelfIntersector<1/3>: internal nodes 0, 1,
+    // ..., each descent depth first (the walk runs a subtree's descents together for locality and
+    // hands the hits to processIntersection in this order when it is done). With multithreading
+    // on, the same hits and test count, handed to processIntersection on the calling thread after
+    // the parallel part, in another order. Other self visitors take the hits in walk order.
     template <class X>
     void selfIntersect(X& visitor) const;
 
