@@ -301,6 +301,8 @@ void BM_ContinuousSelfRecords(benchmark::State& state) {
     state.counters["tests"] = tests;
     state.counters["tests/contact"] = tests / d;
     state.counters["records/contact"] = static_cast<double>(r.size()) / d;
+    state.counters["visits"] = static_cast<double>(m.broadPhaseCandidates());
+    state.counters["pairs"] = static_cast<double>(m.narrowPhaseTests());
 }
 BENCHMARK(BM_ContinuousSelfRecords)
     ->ArgNames({"scene", "once", "threads"})
