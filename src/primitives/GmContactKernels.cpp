@@ -119,6 +119,9 @@ Vec meshNormalAt(const GmTriangleMesh& mesh, const Tri& t, GmGeometry::PointOnTr
 }
 
 bool sharesVertex(const Tri& t, int v) { return t.v[0] == v || t.v[1] == v || t.v[2] == v; }
+bool sharesAnyVertex(const Tri& a, const Tri& b) {
+    return sharesVertex(b, a.v[0]) || sharesVertex(b, a.v[1]) || sharesVertex(b, a.v[2]);
+}
 
 // Which role the kernel plays; decides the shared-feature skips and the normal rule.
 enum class Role { Self, Orphan, Mesh };
@@ -146,6 +149,11 @@ Vec orientForSharedFace(const Context& ctx, const Tri& t1, GmGeometry::PointOnTr
                         GmGeometry::PointOnTriType type2, const Tri& faceSide, GmGeometry::PointOnTriType faceType,
                         const Vec& n) {
     if (ctx.role == Role::Mesh) return n;
+    // Without a common vertex no face holds an edge of each triangle, nor the inside of one
+    // and a feature of the other: the look-up can only say no.
+    const bool edges = type1 >= GmGeometry::ON_EDGE_1 && type1 <= GmGeometry::ON_EDGE_3 &&
+                       type2 >= GmGeometry::ON_EDGE_1 && type2 <= GmGeometry::ON_EDGE_3;
+    if ((edges || type1 == GmGeometry::INSIDE || type2 == GmGeometry::INSIDE) && !sharesAnyVertex(t1, t2)) return n;
     if (!ctx.mesh1->shareFace(t1.face, type1, t2.face, type2, nullptr)) return n;
     return meshNormalAt(*ctx.mesh1, faceSide, faceType, n);
 }
