@@ -36,6 +36,10 @@ using Vec = GmTVector<double>;
 // Widening of the step at each end, and the margin relative to L^3.
 constexpr double kWiden = 1e-5;
 constexpr double kMargin = 1e-5;
+// Side filters: four times the in-plane contact tolerance, and the rounding of a projection
+// relative to the coordinates' magnitude.
+constexpr double kInPlane = 4e-6;
+constexpr double kRounding = 1e-14;
 
 inline double maxAbs(const Vec& v) { return std::max(std::fabs(v.x), std::max(std::fabs(v.y), std::fabs(v.z))); }
 
@@ -59,6 +63,39 @@ inline bool apart(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, con
     return (d0 > m && d1 > m3 && d2 > m3 && d3 > m) || (d0 < -m && d1 < -m3 && d2 < -m3 && d3 < -m);
 }
 
+// Projections of n points onto u: their smallest and largest.
+inline void project(const Vec* p, int n, const Vec& u, double& lo, double& hi) {
+    lo = hi = p[0].dot(u);
+    for (int k = 1; k < n; ++k) {
+        const double d = p[k].dot(u);
+        lo = std::min(lo, d);
+        hi = std::max(hi, d);
+    }
+}
+
+// Whether the points p (np of them) and q (nq) lie apart along u by more than the in-plane
+// contact tolerance of features of length up to `length` can bridge. Every point of a moving
+// feature lies, at every time of the step, in the convex hull of its corners' start and end
+// positions, so that a gap between the two hulls along any direction holds throughout. The
+// margin covers the tolerance (1e-6 of the longest edge), times up to 1e-6 beyond the ends of
+// the step (as far again as the hull's own width along u) and the rounding of the projections.
+inline bool hullsApart(const Vec* p, int np, const Vec* q, int nq, const Vec& u, double length) {
+    double plo, phi, qlo, qhi;
+    project(p, np, u, plo, phi);
+    project(q, nq, u, qlo, qhi);
+    double m = 0.0;
+    for (int k = 0; k < np; ++k) m = std::max(m, maxAbs(p[k]));
+    for (int k = 0; k < nq; ++k) m = std::max(m, maxAbs(q[k]));
+    const double u1 = std::fabs(u.x) + std::fabs(u.y) + std::fabs(u.z);
+    const double margin = kInPlane * (length * u.length() + (phi - plo) + (qhi - qlo)) + kRounding * m * u1;
+    const double gap = std::max(qlo - phi, plo - qhi);
+    return gap > margin;  // false for non-finite input
+}
+
+inline double longest(const Vec& a, const Vec& b, const Vec& c, const Vec& d) {
+    return std::sqrt(std::max(std::max(a.lengthSquared(), b.lengthSquared()), std::max(c.lengthSquared(), d.lengthSquared())));
+}
+
 }  // namespace detail
 
 // Vertex p against the face (a, b, c): start positions p0 ... c0, end positions p1 ... c1.
@@ -75,6 +112,39 @@ inline bool edgeEdgeApart(const GmTVector<double>& a0, const GmTVector<double>& 
                           const GmTVector<double>& d0, const GmTVector<double>& a1, const GmTVector<double>& b1,
                           const GmTVector<double>& c1, const GmTVector<double>& d1) {
     return detail::apart(b0 - a0, d0 - c0, c0 - a0, b1 - a1, d1 - c1, c1 - a1);
+}
+
+// Vertex p against the face (a, b, c), positions as above. True when the vertex's path stays
+// beyond one of the face's edges (along the edge's outward normal in the face's start plane) by
+// more than the contact tolerance over the whole step: no contact.
+inline bool vertexFaceBeside(const GmTVector<double>& p0, const GmTVector<double>& a0, const GmTVector<double>& b0,
+                             const GmTVector<double>& c0, const GmTVector<double>& p1, const GmTVector<double>& a1,
+                             const GmTVector<double>& b1, const GmTVector<double>& c1) {
+    using detail::Vec;
+    const Vec n = (b0 - a0).cross(c0 - a0);
+    const Vec p[2] = {p0, p1};
+    const Vec f[6] = {a0, b0, c0, a1, b1, c1};
+    const double length = std::sqrt(std::max({(b0 - a0).lengthSquared(), (c0 - b0).lengthSquared(),
+                                              (a0 - c0).lengthSquared(), (b1 - a1).lengthSquared(),
+                                              (c1 - b1).lengthSquared(), (a1 - c1).lengthSquared()}));
+    return detail::hullsApart(p, 2, f, 6, n.cross(b0 - a0), length) ||
+           detail::hullsApart(p, 2, f, 6, n.cross(c0 - b0), length) ||
+           detail::hullsApart(p, 2, f, 6, n.cross(a0 - c0), length);
+}
+
+// Edge (a, b) against edge (c, d), positions as above. True when one edge stays to one side of
+// the other's line (along the normal of either edge within their common start plane) by more
+// than the contact tolerance over the whole step: no contact.
+inline bool edgeEdgeBeside(const GmTVector<double>& a0, const GmTVector<double>& b0, const GmTVector<double>& c0,
+                           const GmTVector<double>& d0, const GmTVector<double>& a1, const GmTVector<double>& b1,
+                           const GmTVector<double>& c1, const GmTVector<double>& d1) {
+    using detail::Vec;
+    const Vec e = b0 - a0, g = d0 - c0;
+    const Vec n = e.cross(g);
+    const Vec p[4] = {a0, b0, a1, b1};
+    const Vec q[4] = {c0, d0, c1, d1};
+    const double length = detail::longest(e, g, b1 - a1, d1 - c1);
+    return detail::hullsApart(p, 4, q, 4, n.cross(e), length) || detail::hullsApart(p, 4, q, 4, n.cross(g), length);
 }
 
 }  // namespace GmSweptSeparation
