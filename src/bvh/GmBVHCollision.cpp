@@ -427,8 +427,8 @@ bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContin
     WalkSetup setup = selfSetup(*this, includeDisabled);
     if (_selfContactRecords == GmSelfContactRecords::EachFeaturePairOnce) {
         // The walk runs over the same leaves in a heap of its own (GmBVHWalkTree.h).
-        const std::vector<Node> heap = walkHeap(*this);
-        if (!heap.empty()) setup.nodes1 = setup.nodes2 = heap.data();
+        const WalkHeap heap = walkHeap(*this);
+        if (!heap.nodes.empty()) setup.nodes1 = setup.nodes2 = heap.nodes.data();
         const FeatureOwners owners(*this, setup);
         const ContSelfOnceIntersector narrow(*_mesh, positions, componentTests, objectIndex, owners);
         return runSelf(*this, narrow, setup, orphans, results, metrics);

@@ -48,15 +48,23 @@ inline float centre(float lo, float hi) { return 0.5f * lo + 0.5f * hi; }
 
 }  // namespace walktree
 
-// The tree's leaves in a new heap ordered along a Morton curve (see above). Empty for a tree
-// with fewer than two leaves.
-inline std::vector<walktree::Node> walkHeap(const GmBoundingVolumeHierarchy& tree) {
+// The tree's leaves in a new heap ordered along a Morton curve (see above), with copies of
+// their faces in leaf order (a leaf points at its copy, which keeps the face's index), so that
+// the walk's leaf steps read neighbouring faces from neighbouring memory. Both empty for a
+// tree with fewer than two leaves.
+struct WalkHeap {
+    std::vector<walktree::Node> nodes;
+    std::vector<GmTriangleFace> faces;
+};
+
+inline WalkHeap walkHeap(const GmBoundingVolumeHierarchy& tree) {
     using walktree::Node;
     const std::vector<Node>& nodes = tree.getNodes();
     const int internal = tree.getNumberInternalNodes();
     const int n = internal + 1;
-    std::vector<Node> heap;
-    if (internal < 1 || nodes.size() < static_cast<std::size_t>(2 * n - 1)) return heap;
+    WalkHeap out;
+    std::vector<Node>& heap = out.nodes;
+    if (internal < 1 || nodes.size() < static_cast<std::size_t>(2 * n - 1)) return out;
     const Node* leaves = nodes.data() + internal;
 
     // Morton codes of the leaf box centres over the root box.
@@ -93,6 +101,7 @@ inline std::vector<walktree::Node> walkHeap(const GmBoundingVolumeHierarchy& tre
     // min(k - p, 2p) of them, p the largest power of two not above k / 2, so that the heap stays
     // complete with the tree's shape.
     heap.resize(static_cast<std::size_t>(2 * n - 1));
+    out.faces.reserve(static_cast<std::size_t>(n));
     struct Range {
         int node, first, count;
     };
@@ -102,7 +111,12 @@ inline std::vector<walktree::Node> walkHeap(const GmBoundingVolumeHierarchy& tre
         const Range r = stack.back();
         stack.pop_back();
         if (r.count == 1) {
-            heap[static_cast<std::size_t>(r.node)] = leaves[order[static_cast<std::size_t>(r.first)]];
+            Node& leaf = heap[static_cast<std::size_t>(r.node)];
+            leaf = leaves[order[static_cast<std::size_t>(r.first)]];
+            if (leaf.primitive != nullptr) {
+                out.faces.push_back(*leaf.primitive);
+                leaf.primitive = &out.faces.back();
+            }
             continue;
         }
         int m = 1;
@@ -111,8 +125,8 @@ inline std::vector<walktree::Node> walkHeap(const GmBoundingVolumeHierarchy& tre
             while (2 * p <= r.count / 2) p *= 2;
             m = std::min(r.count - p, 2 * p);
         }
-        stack.push_back({2 * r.node + 1, r.first, m});
         stack.push_back({2 * r.node + 2, r.first + m, r.count - m});
+        stack.push_back({2 * r.node + 1, r.first, m});  // taken first: faces in leaf order
     }
     for (int i = internal - 1; i >= 0; --i) {
         Node& node = heap[static_cast<std::size_t>(i)];
@@ -124,7 +138,7 @@ inline std::vector<walktree::Node> walkHeap(const GmBoundingVolumeHierarchy& tre
         node.disabled = a.disabled && b.disabled;
         node.frozen = a.frozen && b.frozen;
     }
-    return heap;
+    return out;
 }
 
 }  // namespace GmBVHCollision
