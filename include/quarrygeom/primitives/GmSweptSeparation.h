@@ -1,6 +1,6 @@
 #pragma once
 
-// Cheap conservative filter for the continuous-time vertex-face and edge-edge tests.
+// Cheap conservative filters for the continuous-time vertex-face and edge-edge tests.
 //
 // Both tests look for a time at which four linearly moving points are coplanar: the sign of
 // D(t) = det(x1(t), x2(t), y(t)), with x1, x2 spanning the face (or the two edge directions)
@@ -19,6 +19,14 @@
 //     the in-plane distance alone);
 //   - the differences are taken exactly as the continuous tests take them, and non-finite input
 //     is never rejected.
+//
+// Features that do become coplanar often pass beside each other (dense, nearly flat contact):
+// vertexFaceBeside and edgeEdgeBeside look for a gap between the two features' swept hulls (the
+// convex hulls of their corners' start and end positions, which hold the features at every
+// time of the step) along the normal of one of the face's edges, or of either edge, within the
+// start plane. The gap must exceed four times the in-plane contact tolerance (1e-6 of the
+// longest edge), the hulls' widths times the same factor (roots slightly beyond the step) and
+// the rounding of the projections.
 //
 // Header-only, so that the contact kernels inline it.
 
@@ -63,6 +71,8 @@ inline bool apart(const Vec& x1, const Vec& x2, const Vec& y, const Vec& e1, con
     return (d0 > m && d1 > m3 && d2 > m3 && d3 > m) || (d0 < -m && d1 < -m3 && d2 < -m3 && d3 < -m);
 }
 
+inline double norm1(const Vec& v) { return std::fabs(v.x) + std::fabs(v.y) + std::fabs(v.z); }
+
 // Projections of n points onto u: their smallest and largest.
 inline void project(const Vec* p, int n, const Vec& u, double& lo, double& hi) {
     lo = hi = p[0].dot(u);
@@ -83,17 +93,14 @@ inline bool hullsApart(const Vec* p, int np, const Vec* q, int nq, const Vec& u,
     double plo, phi, qlo, qhi;
     project(p, np, u, plo, phi);
     project(q, nq, u, qlo, qhi);
+    const double gap = std::max(qlo - phi, plo - qhi);
+    if (!(gap > 0.0)) return false;  // the usual case, and non-finite input
     double m = 0.0;
     for (int k = 0; k < np; ++k) m = std::max(m, maxAbs(p[k]));
     for (int k = 0; k < nq; ++k) m = std::max(m, maxAbs(q[k]));
-    const double u1 = std::fabs(u.x) + std::fabs(u.y) + std::fabs(u.z);
-    const double margin = kInPlane * (length * u.length() + (phi - plo) + (qhi - qlo)) + kRounding * m * u1;
-    const double gap = std::max(qlo - phi, plo - qhi);
+    const double u1 = norm1(u);  // at least |u|, with length at least the longest edge's
+    const double margin = kInPlane * (length * u1 + (phi - plo) + (qhi - qlo)) + kRounding * m * u1;
     return gap > margin;  // false for non-finite input
-}
-
-inline double longest(const Vec& a, const Vec& b, const Vec& c, const Vec& d) {
-    return std::sqrt(std::max(std::max(a.lengthSquared(), b.lengthSquared()), std::max(c.lengthSquared(), d.lengthSquared())));
 }
 
 }  // namespace detail
@@ -124,9 +131,8 @@ inline bool vertexFaceBeside(const GmTVector<double>& p0, const GmTVector<double
     const Vec n = (b0 - a0).cross(c0 - a0);
     const Vec p[2] = {p0, p1};
     const Vec f[6] = {a0, b0, c0, a1, b1, c1};
-    const double length = std::sqrt(std::max({(b0 - a0).lengthSquared(), (c0 - b0).lengthSquared(),
-                                              (a0 - c0).lengthSquared(), (b1 - a1).lengthSquared(),
-                                              (c1 - b1).lengthSquared(), (a1 - c1).lengthSquared()}));
+    const double length = std::max({detail::norm1(b0 - a0), detail::norm1(c0 - b0), detail::norm1(a0 - c0),
+                                    detail::norm1(b1 - a1), detail::norm1(c1 - b1), detail::norm1(a1 - c1)});
     return detail::hullsApart(p, 2, f, 6, n.cross(b0 - a0), length) ||
            detail::hullsApart(p, 2, f, 6, n.cross(c0 - b0), length) ||
            detail::hullsApart(p, 2, f, 6, n.cross(a0 - c0), length);
@@ -143,7 +149,7 @@ inline bool edgeEdgeBeside(const GmTVector<double>& a0, const GmTVector<double>&
     const Vec n = e.cross(g);
     const Vec p[4] = {a0, b0, a1, b1};
     const Vec q[4] = {c0, d0, c1, d1};
-    const double length = detail::longest(e, g, b1 - a1, d1 - c1);
+    const double length = std::max({detail::norm1(e), detail::norm1(g), detail::norm1(b1 - a1), detail::norm1(d1 - c1)});
     return detail::hullsApart(p, 4, q, 4, n.cross(e), length) || detail::hullsApart(p, 4, q, 4, n.cross(g), length);
 }
 
