@@ -216,7 +216,8 @@ void BM_MeshMesh(benchmark::State& state) {
 //                     half: each vertex above z = 0 ends at -(1.25 + 0.2 u) z (u a per-vertex
 //                     noise in [-1, 1]), below the lower half.
 // Counters: distinct = distinct (vertex, face) and (edge, edge) contacts; records; tests =
-// vertex-face and edge-edge primitives run; tests/contact and records/contact per distinct one.
+// vertex-face and edge-edge primitives run; tests/contact and records/contact per distinct one;
+// visits = node pairs the walk examined, pairs = triangle pairs handed to the kernel.
 struct SweptScene {
     GmTriangleMesh mesh;
     Positions end;
@@ -301,6 +302,8 @@ void BM_ContinuousSelfRecords(benchmark::State& state) {
     state.counters["tests"] = tests;
     state.counters["tests/contact"] = tests / d;
     state.counters["records/contact"] = static_cast<double>(r.size()) / d;
+    state.counters["visits"] = static_cast<double>(m.broadPhaseCandidates());
+    state.counters["pairs"] = static_cast<double>(m.narrowPhaseTests());
 }
 BENCHMARK(BM_ContinuousSelfRecords)
     ->ArgNames({"scene", "once", "threads"})

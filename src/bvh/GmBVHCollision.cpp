@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include <quarrygeom/bvh/GmBoundingTree.h>
@@ -22,6 +23,7 @@
 #include "GmBVHArgumentChecks.h"
 #include "GmBVHCollisionWalk.h"
 #include "GmBVHFeatureOwnership.h"
+#include "GmBVHWalkTree.h"
 
 namespace GmBVHCollision {
 namespace {
@@ -100,7 +102,10 @@ public:
     ContSelfOnceIntersector(const GmTriangleMesh& mesh, const Positions& end, ComponentTests tests, int objectIndex,
                             const FeatureOwners& owners)
         : _mesh(mesh), _end(end), _tests(tests), _object(objectIndex), _owners(owners) {}
+    // The faces in the order in which the tree's own walk pairs them: the walk may run over
+    // another heap of the same leaves, whose pairs come in either order.
     bool pair(int f1, int f2, GmBVHMetrics& m, std::vector<Record>& out) const {
+        if (_owners.treeSwaps(f1, f2)) std::swap(f1, f2);
         return GmContactKernels::continuousSelfFiltered(_mesh, _end, f1, f2, _tests, m, kNoTimeBound, nullptr, _object,
                                                         out, &_owners);
     }
@@ -419,8 +424,11 @@ bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContin
     if (!append) results.clear();
     if (_nodes.empty() || _mesh == nullptr) return false;
     const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
-    const WalkSetup setup = selfSetup(*this, includeDisabled);
+    WalkSetup setup = selfSetup(*this, includeDisabled);
     if (_selfContactRecords == GmSelfContactRecords::EachFeaturePairOnce) {
+        // The walk runs over the same leaves in a heap of its own (GmBVHWalkTree.h).
+        const WalkHeap heap = walkHeap(*this);
+        if (!heap.nodes.empty()) setup.nodes1 = setup.nodes2 = heap.nodes.data();
         const FeatureOwners owners(*this, setup);
         const ContSelfOnceIntersector narrow(*_mesh, positions, componentTests, objectIndex, owners);
         return runSelf(*this, narrow, setup, orphans, results, metrics);

@@ -73,6 +73,31 @@ public:
             r.frozen = n.frozen;
             r.inTree = 1;
         }
+        // Left-to-right order of the leaves: a depth-first walk, left child first.
+        _leafOrder.assign(numFaces, 0);
+        if (!leaves.empty()) {
+            const std::vector<Node>& nodes = tree.getNodes();
+            std::vector<int> stack{0};
+            int next = 0;
+            while (!stack.empty()) {
+                const int i = stack.back();
+                stack.pop_back();
+                const Node& n = nodes[static_cast<std::size_t>(i)];
+                if (n.isLeaf()) {
+                    const int f = n.primitive->index;
+                    if (f >= 0 && static_cast<std::size_t>(f) < numFaces) _leafOrder[static_cast<std::size_t>(f)] = next++;
+                } else if (2 * i + 2 < static_cast<int>(nodes.size())) {
+                    stack.push_back(2 * i + 2);
+                    stack.push_back(2 * i + 1);
+                }
+            }
+        }
+    }
+
+    // Whether the tree's own walk hands the leaves of faces f and g over as (g, f): g's leaf
+    // lies left of f's (in the left subtree of their lowest common ancestor).
+    bool treeSwaps(int f, int g) const {
+        return _leafOrder[static_cast<std::size_t>(g)] < _leafOrder[static_cast<std::size_t>(f)];
     }
 
     std::uint32_t surelyOwned(int face1, int face2) const override {
@@ -150,6 +175,7 @@ private:
     const GmAdjacencyLists& _vertexFaces;
     std::vector<FaceRecord> _records;
     std::vector<std::uint8_t> _first;
+    std::vector<int> _leafOrder;  // per face: its leaf's place from the left
 };
 
 }  // namespace GmBVHCollision

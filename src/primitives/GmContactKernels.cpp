@@ -119,6 +119,9 @@ Vec meshNormalAt(const GmTriangleMesh& mesh, const Tri& t, GmGeometry::PointOnTr
 }
 
 bool sharesVertex(const Tri& t, int v) { return t.v[0] == v || t.v[1] == v || t.v[2] == v; }
+bool sharesAnyVertex(const Tri& a, const Tri& b) {
+    return sharesVertex(b, a.v[0]) || sharesVertex(b, a.v[1]) || sharesVertex(b, a.v[2]);
+}
 
 // Which role the kernel plays; decides the shared-feature skips and the normal rule.
 enum class Role { Self, Orphan, Mesh };
@@ -146,6 +149,11 @@ Vec orientForSharedFace(const Context& ctx, const Tri& t1, GmGeometry::PointOnTr
                         GmGeometry::PointOnTriType type2, const Tri& faceSide, GmGeometry::PointOnTriType faceType,
                         const Vec& n) {
     if (ctx.role == Role::Mesh) return n;
+    // Without a common vertex no face holds an edge of each triangle, nor the inside of one
+    // and a feature of the other: the look-up can only say no.
+    const bool edges = type1 >= GmGeometry::ON_EDGE_1 && type1 <= GmGeometry::ON_EDGE_3 &&
+                       type2 >= GmGeometry::ON_EDGE_1 && type2 <= GmGeometry::ON_EDGE_3;
+    if ((edges || type1 == GmGeometry::INSIDE || type2 == GmGeometry::INSIDE) && !sharesAnyVertex(t1, t2)) return n;
     if (!ctx.mesh1->shareFace(t1.face, type1, t2.face, type2, nullptr)) return n;
     return meshNormalAt(*ctx.mesh1, faceSide, faceType, n);
 }
@@ -168,14 +176,18 @@ struct ContinuousPolicy {
     double timeBound;
     double pad(const Box& a, const Box& b) const { return kFilterPad * std::max(a.extent(), b.extent()); }
 
+    // The swept separation filters: coplanarity ruled out, else one feature beside the other.
     bool vertexFaceApart(const Tri& tv, int k, const Tri& tf) const {
-        return GmSweptSeparation::vertexFaceApart(tv.p0[k], tf.p0[0], tf.p0[1], tf.p0[2], tv.p1[k], tf.p1[0],
-                                                  tf.p1[1], tf.p1[2]);
+        const Vec &p0 = tv.p0[k], &p1 = tv.p1[k];
+        return GmSweptSeparation::vertexFaceApart(p0, tf.p0[0], tf.p0[1], tf.p0[2], p1, tf.p1[0], tf.p1[1], tf.p1[2]) ||
+               GmSweptSeparation::vertexFaceBeside(p0, tf.p0[0], tf.p0[1], tf.p0[2], p1, tf.p1[0], tf.p1[1], tf.p1[2]);
     }
     bool edgeEdgeApart(const Tri& t1, int i, const Tri& t2, int j) const {
         const int i1 = (i + 1) % 3, j1 = (j + 1) % 3;
-        return GmSweptSeparation::edgeEdgeApart(t1.p0[i], t1.p0[i1], t2.p0[j], t2.p0[j1], t1.p1[i], t1.p1[i1],
-                                                t2.p1[j], t2.p1[j1]);
+        const Vec &a0 = t1.p0[i], &b0 = t1.p0[i1], &c0 = t2.p0[j], &d0 = t2.p0[j1];
+        const Vec &a1 = t1.p1[i], &b1 = t1.p1[i1], &c1 = t2.p1[j], &d1 = t2.p1[j1];
+        return GmSweptSeparation::edgeEdgeApart(a0, b0, c0, d0, a1, b1, c1, d1) ||
+               GmSweptSeparation::edgeEdgeBeside(a0, b0, c0, d0, a1, b1, c1, d1);
     }
 
     // Vertex k of tv against the face tf; normal from the face towards the vertex.

@@ -125,5 +125,23 @@ TEST(EachFeaturePairOnce, MatchesBruteForceOverAllFeaturePairs) {
         }
         const std::vector<std::string> all = sortedKeys(every);
         for (const Record& r : once) EXPECT_TRUE(std::binary_search(all.begin(), all.end(), key(r))) << key(r);
+
+        // A third of the faces disabled and every other one frozen: the contacts of the other mode.
+        GmDisabledData disabled(&mesh);
+        GmFrozenData frozen(mesh.getNumberFaces());
+        std::vector<int> off;
+        for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+            if (f % 3 == 0) off.push_back(f);
+            if (f % 2 == 1) frozen.setFaceFrozen(f);
+        }
+        disabled.disableFaces(off);
+        GmBoundingVolumeHierarchy masked(&mesh, end, &disabled, &frozen);
+        auto run = [&](std::vector<Record>& r, GmBVHMetrics& m) {
+            return masked.continuousTimeSelfIntersect(r, end, GmIntersection::kAllTests, false, false, 0, m);
+        };
+        const Contacts everyMasked = distinct(serialAndParallel<Record>(run).first, repeatsEvery);
+        masked.setSelfContactRecords(GmSelfContactRecords::EachFeaturePairOnce);
+        expectSameContacts(everyMasked, distinct(serialAndParallel<Record>(run).first, repeatsOnce));
+        EXPECT_EQ(repeatsOnce, 0u);
     }
 }

@@ -65,9 +65,12 @@ void cubicFromRoots(double k, double r0, double r1, double r2, double c[4]) {
     c[0] = -k * r0 * r1 * r2;
 }
 
+// Either filter: coplanarity ruled out, or one feature beside the other.
 bool filterRejects(bool ee, const Vec* v) {
-    return ee ? GmSweptSeparation::edgeEdgeApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7])
-              : GmSweptSeparation::vertexFaceApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
+    return ee ? GmSweptSeparation::edgeEdgeApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]) ||
+                    GmSweptSeparation::edgeEdgeBeside(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7])
+              : GmSweptSeparation::vertexFaceApart(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]) ||
+                    GmSweptSeparation::vertexFaceBeside(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
 }
 
 // The reported contact is one: at the reported time the vertex is at the reported point, which the
@@ -456,7 +459,7 @@ TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
     int hits = 0, rejected = 0, total = 0;
     for (int iter = 0; iter < 4000; ++iter) {
         for (const bool ee : {false, true}) {
-            const int kind = iter % 6;
+            const int kind = iter % 7;
             Vec v[8];
             for (Vec& x : v) x = vec();  // kind 0: random motion
             if (kind == 1) {  // all in one plane throughout, with rounding noise
@@ -475,6 +478,18 @@ TEST(SweptSeparation, KeepsGeneratedContactsAndRejectsSeparatedOnes) {
                 for (int k = 0; k < 4; ++k) v[k + 4] = v[k] + vec() * 0.1;
                 for (const int k : {0, 4, 1, 5})
                     if (ee || k == 0 || k == 4) v[k].z += 3.0;
+            } else if (kind == 6) {  // the face (second edge) at rest in z = 0.5, the vertex (first
+                // edge) coming down onto that plane beside its last edge by 0, 0.5 or 2 tolerances
+                for (Vec& x : v) x.z = 0.5;
+                const double away[3] = {0.0, 0.5e-6, 2e-6};
+                const Vec e = v[7] - v[6];
+                Vec w = e.cross(Vec(0.0, 0.0, 1.0));
+                w = w / w.length();
+                if (!ee && w.dot(v[5] - v[6]) > 0.0) w = -w;  // away from the face
+                const double len = ee ? e.length() : std::max({e.length(), (v[6] - v[5]).length(), (v[7] - v[5]).length()});
+                v[4] = v[6] + e * 0.5 + w * (len * away[iter / 7 % 3]);
+                if (ee) v[5] = v[4] + w * (0.5 * len);
+                for (int k = 0; k < 4; ++k) v[k] = v[k + 4] + Vec(0.0, 0.0, k == 0 || (ee && k == 1) ? 0.1 : 0.0);
             }
             for (const double sc : {0x1p-20, 1.0, 0x1p20})
                 for (const double off : {0.0, 0x1p10}) {
