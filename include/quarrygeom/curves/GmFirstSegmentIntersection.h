@@ -10,6 +10,7 @@
 
 class GmTriangleMesh;
 class GmTriangleFace;
+class GmSegmentRay;
 
 // Visitor of the curve-triangle traversal that keeps one hit of a strand against a mesh (the
 // same segment-face test as GmSegmentMeshIntersector). A visit returns at once when the kept
@@ -34,6 +35,15 @@ public:
     std::uint64_t getNumberTests() const { return numberTests; }
 
 private:
+    friend class GmCurveTraversal;
+    // Whether a visit of this segment returns at once (the kept hit's segment comes first).
+    bool skips(std::uint64_t segment) const {
+        return best != nullptr && static_cast<std::uint64_t>(best->index1) < segment;
+    }
+    // The visit after that check, on a segment set up once and a face given by its index and
+    // corners.
+    void test(const GmSegmentRay& ray, std::uint64_t segment, int face, const int* corners);
+
     Record records[2];
     int scratch = 0;
     const Record* best = nullptr;

@@ -11,6 +11,7 @@
 
 class GmTriangleMesh;
 class GmTriangleFace;
+class GmSegmentRay;
 
 // Visitor of the curve-triangle traversal: every segment that passes through a face
 // (GmSegmentKernels::segmentTriangle with tolerance 0: the ray from vertex0 towards vertex1
@@ -29,6 +30,11 @@ public:
     std::uint64_t getNumberTests() const { return numberTests; }
 
 private:
+    friend class GmCurveTraversal;
+    // The visit on a segment set up once (index `segment`) and a face given by its index and
+    // corners.
+    void test(const GmSegmentRay& ray, std::uint64_t segment, int face, const int* corners);
+
     std::vector<Record>* results;
     const GmCurves* curves;
     const std::vector<GmTVector<double>>* positions;
