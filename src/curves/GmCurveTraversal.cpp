@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
-#include <new>
+#include <optional>
 #include <utility>
 #include <type_traits>
 #include <cstdint>
@@ -433,38 +433,71 @@ private:
 
     // Curve-triangle traversal of a tree without flags: every segment's leaf box descends the
     // face hierarchy's wide copy (left to right) and meets the same face leaves as the paired
-    // walk, each segment set up once for its faces. The first-crossing visitor takes the
-    // segments in index order and stops at the first one past its kept hit, so the hit it keeps
-    // is the first crossing along the strand.
+    // walk, each segment set up once for its faces. The descents of the segments below one
+    // curve node start from the face lanes that overlap the node's box. The first-crossing
+    // visitor takes the segments in index order and stops at the first one past its kept hit,
+    // so the hit it keeps is the first crossing along the strand.
     template <class X>
     static void segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
                                      const GmBVHDetail::RayTree& wide, X& visitor) {
+        using GmCurveDetail::BoxProbe;
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const GmBoundingVolumeHierarchy::LeafFace* leafFaces = b.getLeafFaces().data();
         const std::vector<GmTVector<double>>& p = *visitor.positions;
-        const std::vector<CurveNode>& nodes = a.getNodes();
+        const CurveNodes nodes(a);
+        std::vector<GmCurveDetail::FaceLane> frontier;
         auto segment = [&](const CurveNode& node) {
             const GmCurveSegment& s = *node.primitive;
             // Set up at the first face reached: most segments reach none.
-            alignas(GmSegmentRay) unsigned char storage[sizeof(GmSegmentRay)];
-            const GmSegmentRay* ray = nullptr;
-            GmCurveDetail::overlappingFaces(wide, node.box, pruneDisabled, [&](std::int32_t entry) {
-                if (ray == nullptr) ray = new (storage) GmSegmentRay(p[s.vertex0], p[s.vertex1], 0.0);
+            std::optional<GmSegmentRay> ray;
+            GmCurveDetail::overlappingFaces(wide, frontier, BoxProbe(node.box, pruneDisabled), [&](std::int32_t entry) {
+                if (!ray) ray.emplace(p[s.vertex0], p[s.vertex1], 0.0);
                 const GmBoundingVolumeHierarchy::LeafFace& f = leafFaces[entry];
                 visitor.test(*ray, s.index, f.face, f.vertices);
             });
         };
         if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
-            std::vector<std::pair<std::uint64_t, std::uint64_t>> order;  // segment index, array position
-            order.reserve(a.getLeaves().size());
-            for (const std::uint64_t pos : a.getLeaves()) order.emplace_back(nodes[pos].primitive->index, pos);
-            std::sort(order.begin(), order.end());
-            for (const auto& o : order) {
-                if (visitor.skips(o.first)) break;
-                segment(nodes[o.second]);
-            }
+            // Leaves by segment index: the set's records lie in one block in index order, so the
+            // index is the record's place in it (no record is read for the order).
+            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
+            const std::uint64_t n = a.getLeaves().size(), last = a.getNodes().size() - 1;
+            const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
+            std::vector<std::uint64_t> leafOf(n);  // heap index by segment index
+            for (const std::uint64_t pos : a.getLeaves())
+                leafOf[static_cast<std::uint64_t>(a.getNodes()[pos].primitive - base)] = last - pos;
+            for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) segment(nodes[leafOf[k]]);
         } else {
-            for (const std::uint64_t pos : a.getLeaves()) segment(nodes[pos]);
+            // Groups of about 2^kGroupLevels segments: the subtrees of one level above the
+            // leaves (levels above the deepest are complete). The segments of a group whose
+            // boxes reach the group's frontier have their records and positions fetched ahead.
+            constexpr std::uint64_t kGroupLevels = 5;
+            const std::uint64_t level = a.getDepth() > kGroupLevels ? a.getDepth() - kGroupLevels : 0;
+            const std::uint64_t first = (std::uint64_t(1) << level) - 1, end = 2 * first + 1;
+            std::vector<std::uint64_t> pending, reaching;
+            for (std::uint64_t g = first; g < end; ++g) {
+                GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[g].box, pruneDisabled), frontier);
+                if (frontier.empty()) continue;
+                reaching.clear();
+                pending.assign(1, g);
+                while (!pending.empty()) {
+                    const std::uint64_t i = pending.back();
+                    pending.pop_back();
+                    const CurveNode& node = nodes[i];
+                    if (node.primitive == nullptr) {
+                        pending.push_back(2 * i + 2);
+                        pending.push_back(2 * i + 1);
+                    } else if (GmCurveDetail::reachesFrontier(frontier, node.box)) {
+                        __builtin_prefetch(node.primitive);
+                        reaching.push_back(i);
+                    }
+                }
+                for (const std::uint64_t i : reaching) {
+                    const GmCurveSegment& s = *nodes[i].primitive;
+                    __builtin_prefetch(&p[s.vertex0]);
+                    __builtin_prefetch(&p[s.vertex1]);
+                }
+                for (const std::uint64_t i : reaching) segment(nodes[i]);
+            }
         }
     }
 };
