@@ -395,10 +395,7 @@ public:
         if (a.empty() || b.empty()) return;
         constexpr bool kFirst = std::is_same<X, GmFirstSegmentIntersection>::value;
         if constexpr (kFirst || std::is_same<X, GmSegmentMeshIntersector>::value) {
-            if (wide != nullptr && !flagged(a, !visitor.getIntersectDisabled())) {
-                segmentsAgainstFaces(a, b, *wide, visitor);
-                return;
-            }
+            if (wide != nullptr && segmentsAgainstFaces(a, b, *wide, visitor)) return;
         }
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         std::vector<BasicNodePair<Index>> stack;
@@ -437,8 +434,9 @@ private:
     // curve node start from the face lanes that overlap the node's box. The first-crossing
     // visitor takes the segments in index order and stops at the first one past its kept hit,
     // so the hit it keeps is the first crossing along the strand.
+    // False (and nothing visited) when a node of the curve tree carries a flag that prunes pairs.
     template <class X>
-    static void segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
+    static bool segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
                                      const GmBVHDetail::RayTree& wide, X& visitor) {
         using GmCurveDetail::BoxProbe;
         const bool pruneDisabled = !visitor.getIntersectDisabled();
@@ -457,19 +455,28 @@ private:
             });
         };
         if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
-            // Leaves by segment index: the set's records lie in one block in index order, so the
-            // index is the record's place in it (no record is read for the order).
-            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
-            const std::uint64_t n = a.getLeaves().size(), last = a.getNodes().size() - 1;
+            // Leaves by segment index and the flags in one pass over the node array: the set's
+            // records lie in one block in index order, so the index is the record's place in it
+            // (no record is read for the order).
+            const std::vector<CurveNode>& array = a.getNodes();
+            const std::uint64_t n = a.getLeaves().size(), last = array.size() - 1;
             const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
-            std::vector<std::uint64_t> leafOf(n);  // heap index by segment index
-            for (const std::uint64_t pos : a.getLeaves())
-                leafOf[static_cast<std::uint64_t>(a.getNodes()[pos].primitive - base)] = last - pos;
+            __builtin_prefetch(base);
+            std::uint64_t small[64];
+            std::vector<std::uint64_t> large(n > 64 ? n : 0);
+            std::uint64_t* leafOf = n > 64 ? large.data() : small;  // heap index by segment index
+            for (std::uint64_t pos = array.size() - a.getNumberNodes(); pos <= last; ++pos) {
+                const CurveNode& node = array[pos];
+                if ((pruneDisabled && node.disabled) || node.frozen) return false;
+                if (node.primitive != nullptr) leafOf[static_cast<std::uint64_t>(node.primitive - base)] = last - pos;
+            }
+            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
             for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) segment(nodes[leafOf[k]]);
         } else {
             // Groups of about 2^kGroupLevels segments: the subtrees of one level above the
             // leaves (levels above the deepest are complete). The segments of a group whose
             // boxes reach the group's frontier have their records and positions fetched ahead.
+            if (flagged(a, pruneDisabled)) return false;
             constexpr std::uint64_t kGroupLevels = 5;
             const std::uint64_t level = a.getDepth() > kGroupLevels ? a.getDepth() - kGroupLevels : 0;
             const std::uint64_t first = (std::uint64_t(1) << level) - 1, end = 2 * first + 1;
@@ -499,6 +506,7 @@ private:
                 for (const std::uint64_t i : reaching) segment(nodes[i]);
             }
         }
+        return true;
     }
 };
 
