@@ -461,7 +461,9 @@ private:
             const std::vector<CurveNode>& array = a.getNodes();
             const std::uint64_t n = a.getLeaves().size(), last = array.size() - 1;
             const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
-            __builtin_prefetch(base);
+            // The whole tree and the first records are asked for at once.
+            for (std::uint64_t pos = array.size() - a.getNumberNodes(); pos <= last; pos += 2) __builtin_prefetch(&array[pos]);
+            for (std::uint64_t k = 0; k < std::min<std::uint64_t>(n, 8); k += 2) __builtin_prefetch(base + k);
             std::uint64_t small[64];
             std::vector<std::uint64_t> large(n > 64 ? n : 0);
             std::uint64_t* leafOf = n > 64 ? large.data() : small;  // heap index by segment index
