@@ -394,8 +394,12 @@ public:
         typedef std::uint64_t Index;
         if (a.empty() || b.empty()) return;
         constexpr bool kFirst = std::is_same<X, GmFirstSegmentIntersection>::value;
+        // Segments from this index on are left to the paired walk below (all of them without
+        // the wide copy).
+        std::uint64_t from = 0;
         if constexpr (kFirst || std::is_same<X, GmSegmentMeshIntersector>::value) {
-            if (wide != nullptr && segmentsAgainstFaces(a, b, *wide, visitor)) return;
+            if (wide != nullptr) from = segmentsAgainstFaces(a, b, *wide, visitor);
+            if (from == kAllVisited) return;
         }
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         std::vector<BasicNodePair<Index>> stack;
@@ -411,7 +415,8 @@ public:
             std::sort(pairs.begin(), pairs.end(), [&](const auto& x, const auto& y) {
                 return x.first->index != y.first->index ? x.first->index < y.first->index : rank(x.second) < rank(y.second);
             });
-            for (const auto& pr : pairs) visitor(*pr.first, *b.getNode(static_cast<long long>(pr.second)).primitive);
+            for (const auto& pr : pairs)
+                if (pr.first->index >= from) visitor(*pr.first, *b.getNode(static_cast<long long>(pr.second)).primitive);
         } else {
             PairLeaves<X> leaves{&visitor};
             CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b), pruneDisabled, leaves);
@@ -434,9 +439,25 @@ private:
     // curve node start from the face lanes that overlap the node's box. The first-crossing
     // visitor takes the segments in index order and stops at the first one past its kept hit,
     // so the hit it keeps is the first crossing along the strand.
-    // False (and nothing visited) when a node of the curve tree carries a flag that prunes pairs.
+    static constexpr std::uint64_t kAllVisited = ~std::uint64_t(0);
+
+    // Flags on the way from the root to node i of a curve tree: kPathPruned when a node is
+    // disabled (and disabled nodes prune), kPathFrozen when a node is frozen.
+    static constexpr int kPathPruned = 1, kPathFrozen = 2;
+    static int pathFlags(const CurveNodes& nodes, std::uint64_t i, bool pruneDisabled) {
+        int flags = 0;
+        for (;;) {
+            const CurveNode& node = nodes[i];
+            flags |= (pruneDisabled && node.disabled ? kPathPruned : 0) | (node.frozen ? kPathFrozen : 0);
+            if (i == 0) return flags;
+            i = (i - 1) / 2;
+        }
+    }
+
+    // Returns kAllVisited, or the segment index from which the paired walk has to go on (0 when
+    // nothing was visited): a segment whose leaf has a frozen node on its way from the root.
     template <class X>
-    static bool segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
+    static std::uint64_t segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
                                      const GmBVHDetail::RayTree& wide, X& visitor) {
         using GmCurveDetail::BoxProbe;
         const bool pruneDisabled = !visitor.getIntersectDisabled();
@@ -444,41 +465,55 @@ private:
         const std::vector<GmTVector<double>>& p = *visitor.positions;
         const CurveNodes nodes(a);
         std::vector<GmCurveDetail::FaceLane> frontier;
-        auto segment = [&](const CurveNode& node) {
+        // A segment's descent; open() decides at the first face reached whether it is visited.
+        auto segment = [&](const CurveNode& node, auto&& open) {
             const GmCurveSegment& s = *node.primitive;
             // Set up at the first face reached: most segments reach none.
             std::optional<GmSegmentRay> ray;
             GmCurveDetail::overlappingFaces(wide, frontier, BoxProbe(node.box, pruneDisabled), [&](std::int32_t entry) {
-                if (!ray) ray.emplace(p[s.vertex0], p[s.vertex1], 0.0);
+                if (!ray) {
+                    if (!open()) return;
+                    ray.emplace(p[s.vertex0], p[s.vertex1], 0.0);
+                }
                 const GmBoundingVolumeHierarchy::LeafFace& f = leafFaces[entry];
                 visitor.test(*ray, s.index, f.face, f.vertices);
             });
         };
+        auto always = [] { return true; };
         if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
-            // Leaves by segment index and the flags in one pass over the node array: the set's
-            // records lie in one block in index order, so the index is the record's place in it
-            // (no record is read for the order).
+            // Leaves by segment index: the set's records lie in one block in index order, so the
+            // index is the record's place in it (no record is read for the order). The leaves
+            // are nodes n - 1 ... 2n - 2, one block of the node array, asked for at once with the
+            // root and the first records. A segment's flags on its way from the root are read
+            // when its descent first reaches a face: a disabled node prunes all its pairs, a
+            // frozen one leaves it and the segments after it to the paired walk.
             const std::vector<CurveNode>& array = a.getNodes();
             const std::uint64_t n = a.getLeaves().size(), last = array.size() - 1;
+            const std::uint64_t firstLeaf = last - (2 * n - 2), lastLeaf = last - (n - 1);
             const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
-            // The whole tree and the first records are asked for at once.
-            for (std::uint64_t pos = array.size() - a.getNumberNodes(); pos <= last; pos += 2) __builtin_prefetch(&array[pos]);
+            for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; pos += 2) __builtin_prefetch(&array[pos]);
+            __builtin_prefetch(&array[last]);
             for (std::uint64_t k = 0; k < std::min<std::uint64_t>(n, 8); k += 2) __builtin_prefetch(base + k);
             std::uint64_t small[64];
             std::vector<std::uint64_t> large(n > 64 ? n : 0);
             std::uint64_t* leafOf = n > 64 ? large.data() : small;  // heap index by segment index
-            for (std::uint64_t pos = array.size() - a.getNumberNodes(); pos <= last; ++pos) {
-                const CurveNode& node = array[pos];
-                if ((pruneDisabled && node.disabled) || node.frozen) return false;
-                if (node.primitive != nullptr) leafOf[static_cast<std::uint64_t>(node.primitive - base)] = last - pos;
-            }
+            for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; ++pos)
+                leafOf[static_cast<std::uint64_t>(array[pos].primitive - base)] = last - pos;
             GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
-            for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) segment(nodes[leafOf[k]]);
+            for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) {
+                const std::uint64_t i = leafOf[k];
+                int flags = -1;  // not read yet
+                segment(nodes[i], [&] {
+                    if (flags < 0) flags = pathFlags(nodes, i, pruneDisabled);
+                    return flags == 0;
+                });
+                if (flags == kPathFrozen) return k;
+            }
         } else {
             // Groups of about 2^kGroupLevels segments: the subtrees of one level above the
             // leaves (levels above the deepest are complete). The segments of a group whose
             // boxes reach the group's frontier have their records and positions fetched ahead.
-            if (flagged(a, pruneDisabled)) return false;
+            if (flagged(a, pruneDisabled)) return 0;
             constexpr std::uint64_t kGroupLevels = 5;
             const std::uint64_t level = a.getDepth() > kGroupLevels ? a.getDepth() - kGroupLevels : 0;
             const std::uint64_t first = (std::uint64_t(1) << level) - 1, end = 2 * first + 1;
@@ -505,10 +540,10 @@ private:
                     __builtin_prefetch(&p[s.vertex0]);
                     __builtin_prefetch(&p[s.vertex1]);
                 }
-                for (const std::uint64_t i : reaching) segment(nodes[i]);
+                for (const std::uint64_t i : reaching) segment(nodes[i], always);
             }
         }
-        return true;
+        return kAllVisited;
     }
 };
 
