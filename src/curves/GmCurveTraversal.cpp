@@ -433,12 +433,6 @@ private:
         return false;
     }
 
-    // Curve-triangle traversal of a tree without flags: every segment's leaf box descends the
-    // face hierarchy's wide copy (left to right) and meets the same face leaves as the paired
-    // walk, each segment set up once for its faces. The descents of the segments below one
-    // curve node start from the face lanes that overlap the node's box. The first-crossing
-    // visitor takes the segments in index order and stops at the first one past its kept hit,
-    // so the hit it keeps is the first crossing along the strand.
     static constexpr std::uint64_t kAllVisited = ~std::uint64_t(0);
 
     // Flags on the way from the root to node i of a curve tree: kPathPruned when a node is
@@ -454,8 +448,19 @@ private:
         }
     }
 
-    // Returns kAllVisited, or the segment index from which the paired walk has to go on (0 when
-    // nothing was visited): a segment whose leaf has a frozen node on its way from the root.
+    // Curve-triangle traversal by segments: every segment's leaf box descends the face
+    // hierarchy's wide copy (left to right) and meets the face leaves whose boxes overlap its
+    // own, as in the paired walk (boxes enclose their children's, face flags are those of the
+    // nodes), each segment set up once for its faces. The descents of the segments below one
+    // curve node start from the face lanes that overlap the node's box. The first-crossing
+    // visitor takes the segments in index order and stops at the first one past its kept hit,
+    // so the hit it keeps is the first crossing along the strand.
+    //
+    // Curve flags: the mesh visitor leaves a tree with any flag to the paired walk (returns 0,
+    // nothing visited). The first-crossing visitor reads a segment's flags on its way from the
+    // root when the segment first reaches a face: a disabled node prunes all of its pairs, as in
+    // the paired walk; at a frozen one it returns the segment's index, and the paired walk goes
+    // on from there (the segments before it had the same pairs either way).
     template <class X>
     static std::uint64_t segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
                                      const GmBVHDetail::RayTree& wide, X& visitor) {

@@ -17,7 +17,10 @@ class GmSegmentRay;
 // (GmSegmentKernels::segmentTriangle with tolerance 0: the ray from vertex0 towards vertex1
 // meets the face at a parameter of at most 1 + 1e-8). Every hit is appended (index1 the
 // segment, index2 the face, index3 -1); every visit counts one test. The face corners are read
-// from the mesh's vertices.
+// from the mesh's vertices. Through the curve tree's traversal every segment's box descends the
+// face hierarchy's wide copy (made by the first query with at least one segment per 64 faces,
+// or by GmBoundingVolumeHierarchy::prepareRayQueries): the pairs and test count are those of the
+// box overlaps of the two trees' leaves; the order of the records is unspecified.
 class QUARRYGEOM_API GmSegmentMeshIntersector : public GmIntersectorBase {
 public:
     using Record = GmSegmentFaceInfo;
