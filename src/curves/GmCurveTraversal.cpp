@@ -154,6 +154,18 @@ struct PairLeaves {
     }
 };
 
+// Two leaves of two trees (boxes overlapping): the visitor, for curve leaves from heap index
+// `from` on.
+template <class X>
+struct LeavesFrom {
+    X* visitor;
+    std::uint64_t from;
+    template <class NA, class NB>
+    void operator()(std::uint64_t a, std::uint64_t, const NA& na, const NB& nb) const {
+        if (a >= from) (*visitor)(*na.primitive, *nb.primitive);
+    }
+};
+
 // Two leaves of the curve-triangle walk (boxes overlapping): the segment and the face node.
 struct CollectLeaves {
     std::vector<std::pair<const GmCurveSegment*, std::uint64_t>>* pairs;
@@ -394,8 +406,8 @@ public:
         typedef std::uint64_t Index;
         if (a.empty() || b.empty()) return;
         constexpr bool kFirst = std::is_same<X, GmFirstSegmentIntersection>::value;
-        // Segments from this index on are left to the paired walk below (all of them without
-        // the wide copy).
+        // Segments from this one on (first crossing: by index; all crossings: by leaf heap
+        // index) are left to the paired walk below; all of them without the wide copy.
         std::uint64_t from = 0;
         if constexpr (kFirst || std::is_same<X, GmSegmentMeshIntersector>::value) {
             if (wide != nullptr) from = segmentsAgainstFaces(a, b, *wide, visitor);
@@ -418,31 +430,25 @@ public:
             for (const auto& pr : pairs)
                 if (pr.first->index >= from) visitor(*pr.first, *b.getNode(static_cast<long long>(pr.second)).primitive);
         } else {
-            PairLeaves<X> leaves{&visitor};
-            CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b), pruneDisabled, leaves);
+            LeavesFrom<X> leaves{&visitor, from};
+            CurveStep<CurveNodes, FaceNodes, LeavesFrom<X>> step(CurveNodes(a), FaceNodes(b), pruneDisabled, leaves);
             if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
         }
     }
 
 private:
-    // Whether a node of the curve tree carries a flag that prunes pairs.
-    static bool flagged(const CurveTree& a, bool pruneDisabled) {
-        const CurveNodes nodes(a);
-        for (std::uint64_t i = 0; i < a.getNumberNodes(); ++i)
-            if ((pruneDisabled && nodes[i].disabled) || nodes[i].frozen) return true;
-        return false;
-    }
-
     static constexpr std::uint64_t kAllVisited = ~std::uint64_t(0);
 
     // Flags on the way from the root to node i of a curve tree: kPathPruned when a node is
     // disabled (and disabled nodes prune), kPathFrozen when a node is frozen.
     static constexpr int kPathPruned = 1, kPathFrozen = 2;
+    static int nodeFlags(const CurveNode& node, bool pruneDisabled) {
+        return (pruneDisabled && node.disabled ? kPathPruned : 0) | (node.frozen ? kPathFrozen : 0);
+    }
     static int pathFlags(const CurveNodes& nodes, std::uint64_t i, bool pruneDisabled) {
         int flags = 0;
         for (;;) {
-            const CurveNode& node = nodes[i];
-            flags |= (pruneDisabled && node.disabled ? kPathPruned : 0) | (node.frozen ? kPathFrozen : 0);
+            flags |= nodeFlags(nodes[i], pruneDisabled);
             if (i == 0) return flags;
             i = (i - 1) / 2;
         }
@@ -456,11 +462,11 @@ private:
     // visitor takes the segments in index order and stops at the first one past its kept hit,
     // so the hit it keeps is the first crossing along the strand.
     //
-    // Curve flags: the mesh visitor leaves a tree with any flag to the paired walk (returns 0,
-    // nothing visited). The first-crossing visitor reads a segment's flags on its way from the
-    // root when the segment first reaches a face: a disabled node prunes all of its pairs, as in
-    // the paired walk; at a frozen one it returns the segment's index, and the paired walk goes
-    // on from there (the segments before it had the same pairs either way).
+    // Curve flags on a segment's way from the root: a disabled node prunes all of its pairs, as
+    // in the paired walk; at a frozen one the function returns, and the paired walk goes on from
+    // that segment (the segments before it have the same pairs either way): from its index for
+    // the first-crossing visitor, which takes segments in index order, from its leaf's heap
+    // index for the mesh visitor, which takes leaves in heap order.
     template <class X>
     static std::uint64_t segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
                                      const GmBVHDetail::RayTree& wide, X& visitor) {
@@ -518,35 +524,54 @@ private:
             // Groups of about 2^kGroupLevels segments: the subtrees of one level above the
             // leaves (levels above the deepest are complete). The segments of a group whose
             // boxes reach the group's frontier have their records and positions fetched ahead.
-            if (flagged(a, pruneDisabled)) return 0;
+            // Flags on the way from the root, top down over the internal nodes (heap order).
+            // Then the leaves n - 1 ... 2n - 2 in heap order (the node array backwards, left to
+            // right on each of the two deepest levels), in runs of one group: the leaves below
+            // one node about kGroupLevels levels above them, whose descents start from the face
+            // lanes that overlap the group's box. Of a run, the leaves whose boxes reach those
+            // lanes have their records and then their positions fetched ahead of their descents.
+            // A frozen node on the way to such a leaf leaves it and the leaves after it to the
+            // paired walk (which the function returns), once the leaves before it are done.
+            const std::uint64_t n = a.getLeaves().size(), internal = n - 1;
+            std::vector<unsigned char> path(internal);
+            for (std::uint64_t i = 0; i < internal; ++i)
+                path[i] = static_cast<unsigned char>((i == 0 ? 0 : path[(i - 1) / 2]) | nodeFlags(nodes[i], pruneDisabled));
             constexpr std::uint64_t kGroupLevels = 5;
             const std::uint64_t level = a.getDepth() > kGroupLevels ? a.getDepth() - kGroupLevels : 0;
-            const std::uint64_t first = (std::uint64_t(1) << level) - 1, end = 2 * first + 1;
-            std::vector<std::uint64_t> pending, reaching;
-            for (std::uint64_t g = first; g < end; ++g) {
-                GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[g].box, pruneDisabled), frontier);
+            std::vector<const CurveNode*> run;
+            auto finish = [&] {
+                for (const CurveNode* leaf : run) {
+                    __builtin_prefetch(&p[leaf->primitive->vertex0]);
+                    __builtin_prefetch(&p[leaf->primitive->vertex1]);
+                }
+                for (const CurveNode* leaf : run) segment(*leaf, always);
+                run.clear();
+            };
+            std::uint64_t group = ~std::uint64_t(0);
+            int groupFlags = 0;
+            for (std::uint64_t h = internal; h < 2 * n - 1; ++h) {
+                const std::uint64_t g = ((h + 1) >> (heapDepth(h) - level)) - 1;
+                if (g != group) {
+                    finish();
+                    group = g;
+                    groupFlags = g == 0 ? 0 : path[(g - 1) / 2];
+                    groupFlags |= nodeFlags(nodes[g], pruneDisabled);
+                    frontier.clear();
+                    if (!(groupFlags & kPathPruned))
+                        GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[g].box, pruneDisabled), frontier);
+                }
                 if (frontier.empty()) continue;
-                reaching.clear();
-                pending.assign(1, g);
-                while (!pending.empty()) {
-                    const std::uint64_t i = pending.back();
-                    pending.pop_back();
-                    const CurveNode& node = nodes[i];
-                    if (node.primitive == nullptr) {
-                        pending.push_back(2 * i + 2);
-                        pending.push_back(2 * i + 1);
-                    } else if (GmCurveDetail::reachesFrontier(frontier, node.box)) {
-                        __builtin_prefetch(node.primitive);
-                        reaching.push_back(i);
-                    }
+                const CurveNode& leaf = nodes[h];
+                const int flags = (h == 0 ? 0 : path[(h - 1) / 2]) | nodeFlags(leaf, pruneDisabled);
+                if ((flags & kPathPruned) || !GmCurveDetail::reachesFrontier(frontier, leaf.box)) continue;
+                if (flags & kPathFrozen) {
+                    finish();
+                    return h;
                 }
-                for (const std::uint64_t i : reaching) {
-                    const GmCurveSegment& s = *nodes[i].primitive;
-                    __builtin_prefetch(&p[s.vertex0]);
-                    __builtin_prefetch(&p[s.vertex1]);
-                }
-                for (const std::uint64_t i : reaching) segment(nodes[i], always);
+                __builtin_prefetch(leaf.primitive);
+                run.push_back(&leaf);
             }
+            finish();
         }
         return kAllVisited;
     }

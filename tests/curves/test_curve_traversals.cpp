@@ -180,26 +180,39 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
         tree.intersect(masked, visitor);
         EXPECT_EQ(pairsOf(results, false), include ? expected : enabled) << include;
     }
-    // A frozen node (no face is frozen) prunes nothing but takes the paired walk.
-    GmCurveBoundingTree frozen = tree;
-    frozen.setNodeFlags(0, false, true);
-    for (const GmCurveBoundingTree* t : {&tree, static_cast<const GmCurveBoundingTree*>(&frozen)})
+    // Frozen nodes prune the pairs of frozen faces only, and leave the segments below them to
+    // the paired walk: the root frozen against free faces (nothing pruned), one leaf frozen
+    // against all faces frozen (that segment's pairs pruned).
+    GmFrozenData allFrozen(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) allFrozen.setFaceFrozen(f);
+    const GmBoundingTree still(&mesh, nullptr, &allFrozen);
+    for (int config = 0; config < 3; ++config) {
+        GmCurveBoundingTree t = tree;
+        const std::uint64_t marked = std::uint64_t(expected.rbegin()->first), leaf = curves.getNumberPrimitives() - 1;
+        std::uint64_t node = 0;
+        for (std::uint64_t i = leaf; config == 2 && i < 2 * leaf + 1; ++i)
+            if (t.getNode(i).primitive->index == marked) node = i;
+        if (config > 0) t.setNodeFlags(node, false, true);
+        std::multiset<Pair> want = expected;
+        std::uint64_t wantTests = tests;
+        if (config == 2) {
+            want.erase(want.lower_bound(Pair(std::int64_t(marked), 0)), want.lower_bound(Pair(std::int64_t(marked) + 1, 0)));
+            for (const auto& fb : faceBoxes) wantTests -= boxes[marked].overlaps(fb.second);
+        }
+        ASSERT_TRUE(config < 2 || want.size() < expected.size());
         expectWalk<GmSegmentFaceInfo>(
             [&](std::vector<GmSegmentFaceInfo>& results) {
                 GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
-                t->intersect(faces, visitor);
+                t.intersect(config == 2 ? still : faces, visitor);
                 return visitor.getNumberTests();
             },
-            std::make_pair(expected, tests), false);
+            std::make_pair(want, wantTests), false);
+    }
 
     // First crossing of each strand as its own set: the earliest segment that crosses, at its
     // smallest parameter, after a test of every overlapping pair of the segments up to it. Flags
     // on one segment's leaf or the root: none, root frozen, leaf disabled, leaf frozen; against
-    // the faces, or all of them frozen (a frozen node's pairs are pruned: the paired walk
-    // takes over from the first segment below it).
-    GmFrozenData allFrozen(&mesh);
-    for (int f = 0; f < mesh.getNumberFaces(); ++f) allFrozen.setFaceFrozen(f);
-    const GmBoundingTree still(&mesh, nullptr, &allFrozen);
+    // the faces, or all of them frozen.
     const std::size_t n = s.segments[0];
     for (int flags = 0; flags < 8; ++flags)
         for (std::size_t c = 0; c < s.segments.size(); ++c) {
