@@ -469,7 +469,7 @@ private:
     // index for the mesh visitor, which takes leaves in heap order.
     template <class X>
     static std::uint64_t segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
-                                     const GmBVHDetail::RayTree& wide, X& visitor) {
+                                              const GmBVHDetail::RayTree& wide, X& visitor) {
         using GmCurveDetail::BoxProbe;
         const bool pruneDisabled = !visitor.getIntersectDisabled();
         const GmBoundingVolumeHierarchy::LeafFace* leafFaces = b.getLeafFaces().data();
@@ -521,9 +521,6 @@ private:
                 if (flags == kPathFrozen) return k;
             }
         } else {
-            // Groups of about 2^kGroupLevels segments: the subtrees of one level above the
-            // leaves (levels above the deepest are complete). The segments of a group whose
-            // boxes reach the group's frontier have their records and positions fetched ahead.
             // Flags on the way from the root, top down over the internal nodes (heap order).
             // Then the leaves n - 1 ... 2n - 2 in heap order (the node array backwards, left to
             // right on each of the two deepest levels), in runs of one group: the leaves below

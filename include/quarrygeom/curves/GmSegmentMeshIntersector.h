@@ -20,7 +20,7 @@ class GmSegmentRay;
 // from the mesh's vertices. Through the curve tree's traversal every segment's box descends the
 // face hierarchy's wide copy (made by the first query with at least one segment per 64 faces,
 // or by GmBoundingVolumeHierarchy::prepareRayQueries): the pairs and test count are those of the
-// box overlaps of the two trees' leaves; the order of the records is unspecified.
+// box overlaps of the two trees' leaves; the records come in no particular order.
 class QUARRYGEOM_API GmSegmentMeshIntersector : public GmIntersectorBase {
 public:
     using Record = GmSegmentFaceInfo;
