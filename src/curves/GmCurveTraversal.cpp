@@ -495,7 +495,7 @@ private:
             // Leaves by segment index: the set's records lie in one block in index order, so the
             // index is the record's place in it (no record is read for the order). The leaves
             // are nodes n - 1 ... 2n - 2, one block of the node array, asked for at once with the
-            // root and the first records. A segment's flags on its way from the root are read
+            // first records. A segment's flags on its way from the root are read
             // when its descent first reaches a face: a disabled node prunes all its pairs, a
             // frozen one leaves it and the segments after it to the paired walk.
             const std::vector<CurveNode>& array = a.getNodes();
@@ -503,14 +503,15 @@ private:
             const std::uint64_t firstLeaf = last - (2 * n - 2), lastLeaf = last - (n - 1);
             const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
             for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; pos += 2) __builtin_prefetch(&array[pos]);
-            __builtin_prefetch(&array[last]);
             for (std::uint64_t k = 0; k < std::min<std::uint64_t>(n, 8); k += 2) __builtin_prefetch(base + k);
+            // A strand whose box reaches no face is done before its leaves are read.
+            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
+            if (frontier.empty()) return kAllVisited;
             std::uint64_t small[64];
             std::vector<std::uint64_t> large(n > 64 ? n : 0);
             std::uint64_t* leafOf = n > 64 ? large.data() : small;  // heap index by segment index
             for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; ++pos)
                 leafOf[static_cast<std::uint64_t>(array[pos].primitive - base)] = last - pos;
-            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
             for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) {
                 const std::uint64_t i = leafOf[k];
                 int flags = -1;  // not read yet
