@@ -314,9 +314,8 @@ masked out by the tree's DisabledMask.)doc")
             return records(std::move(r));
         }, py::arg("tree"), py::arg("include_disabled") = true, R"doc(
 One crossing per strand (one row per curve, index1 -1 for a strand that crosses no face), as
-mesh_crossings. The kept crossing is the one with the smallest parameter among the crossing
-segments met up to it in the walk over the strand's own tree; it need not be the crossing
-nearest the strand's root.)doc");
+mesh_crossings. The kept crossing is the first along the strand: its lowest-numbered segment
+that crosses a face, at that segment's smallest parameter.)doc");
 }
 
 }  // namespace qgpy

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <type_traits>
 #include <cstdint>
 #include <vector>
@@ -17,7 +19,10 @@
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
 #include "../bvh/GmBVHCollisionWalk.h"
+#include "../bvh/GmBVHRayTree.h"
 #include "GmCurveSelfWalk.h"
+#include "GmSegmentFaceWalk.h"
+#include "GmSegmentRay.h"
 
 using GmBVHCollision::BasicNodePair;
 using GmBVHCollision::childPairs;
@@ -36,6 +41,10 @@ typedef GmBoundingVolumeHierarchy::Node FaceNode;
 constexpr std::size_t kFrontierSize = 512;
 constexpr int kFrontierDepth = 9;
 constexpr std::uint64_t kSplitNodes = 127;
+
+// The face hierarchy's wide copy costs about 20 ns per face and saves a few hundred ns per
+// segment that reaches the body: a query makes it at once from one segment per 64 faces.
+constexpr std::uint64_t kSegmentsPerFace = 64;
 
 inline int heapDepth(std::uint64_t i) { return 63 - __builtin_clzll(i + 1); }
 
@@ -138,31 +147,6 @@ private:
     Prune _prune;
 };
 
-// First crossing: once a hit is held, the visitor skips every segment numbered after the hit's
-// (and the hit's segment number never grows), so a curve node whose segments all come after it
-// is dropped with everything below it. minIndex: smallest segment index below each node.
-struct AfterFirstHit {
-    const std::uint64_t* minIndex;
-    const GmFirstSegmentIntersection* visitor;
-    bool operator()(std::uint64_t a) const {
-        const GmSegmentFaceInfo* best = visitor->getResult();
-        return best != nullptr && minIndex[a] > static_cast<std::uint64_t>(best->index1);
-    }
-};
-
-// Smallest segment index below each node of a curve tree, by heap index.
-void minSegmentIndex(const CurveTree& tree, std::vector<std::uint64_t>& out) {
-    const CurveNodes nodes(tree);
-    const std::uint64_t n = tree.getNodes().size();
-    out.assign(n, ~std::uint64_t(0));
-    for (std::uint64_t i = n; i-- > 0;) {
-        if (nodes[i].primitive != nullptr)
-            out[i] = nodes[i].primitive->index;
-        else if (2 * i + 2 < n)
-            out[i] = std::min(out[2 * i + 1], out[2 * i + 2]);
-    }
-}
-
 // Two leaves of two trees (boxes overlapping): the visitor.
 template <class X>
 struct PairLeaves {
@@ -170,6 +154,27 @@ struct PairLeaves {
     template <class Index, class NA, class NB>
     void operator()(Index, Index, const NA& na, const NB& nb) const {
         (*visitor)(*na.primitive, *nb.primitive);
+    }
+};
+
+// Two leaves of two trees (boxes overlapping): the visitor, for curve leaves from heap index
+// `from` on.
+template <class X>
+struct LeavesFrom {
+    X* visitor;
+    std::uint64_t from;
+    template <class NA, class NB>
+    void operator()(std::uint64_t a, std::uint64_t, const NA& na, const NB& nb) const {
+        if (a >= from) (*visitor)(*na.primitive, *nb.primitive);
+    }
+};
+
+// Two leaves of the curve-triangle walk (boxes overlapping): the segment and the face node.
+struct CollectLeaves {
+    std::vector<std::pair<const GmCurveSegment*, std::uint64_t>>* pairs;
+    template <class NA, class NB>
+    void operator()(std::uint64_t, std::uint64_t b, const NA& na, const NB&) const {
+        pairs->emplace_back(na.primitive, b);
     }
 };
 
@@ -505,25 +510,180 @@ public:
         GmParallel::dispatch(serial, parallel);
     }
 
-    // Curve-triangle traversal (always on the calling thread).
+    // Curve-triangle traversal (always on the calling thread). `wide`: the face hierarchy's
+    // four-wide copy, or null.
     template <class X>
-    static void faces(const CurveTree& a, const GmBoundingVolumeHierarchy& b, X& visitor) {
+    static void faces(const CurveTree& a, const GmBoundingVolumeHierarchy& b, X& visitor,
+                      const GmBVHDetail::RayTree* wide) {
         typedef std::uint64_t Index;
         if (a.empty() || b.empty()) return;
-        PairLeaves<X> leaves{&visitor};
+        constexpr bool kFirst = std::is_same<X, GmFirstSegmentIntersection>::value;
+        // Segments from this one on (first crossing: by index; all crossings: by leaf heap
+        // index) are left to the paired walk below; all of them without the wide copy.
+        std::uint64_t from = 0;
+        if constexpr (kFirst || std::is_same<X, GmSegmentMeshIntersector>::value) {
+            if (wide != nullptr) from = segmentsAgainstFaces(a, b, *wide, visitor);
+            if (from == kAllVisited) return;
+        }
+        const bool pruneDisabled = !visitor.getIntersectDisabled();
         std::vector<BasicNodePair<Index>> stack;
         stack.reserve(a.stackHeight() + 4);
-        if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
-            std::vector<std::uint64_t> minIndex;
-            minSegmentIndex(a, minIndex);
-            CurveStep<CurveNodes, FaceNodes, PairLeaves<X>, AfterFirstHit> step(
-                CurveNodes(a), FaceNodes(b), !visitor.getIntersectDisabled(), leaves, AfterFirstHit{minIndex.data(), &visitor});
+        if constexpr (kFirst) {
+            // The leaf pairs of the walk, visited in the order of the descent per segment.
+            std::vector<std::pair<const GmCurveSegment*, Index>> pairs;
+            CollectLeaves collect{&pairs};
+            CurveStep<CurveNodes, FaceNodes, CollectLeaves> step(CurveNodes(a), FaceNodes(b), pruneDisabled, collect);
             if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
+            const Index firstDeep = (Index(1) << b.getDepth()) - 1, shallow = Index(b.getNumberLeafNodes());
+            auto rank = [&](Index face) { return face >= firstDeep ? face - firstDeep : face + shallow; };
+            std::sort(pairs.begin(), pairs.end(), [&](const auto& x, const auto& y) {
+                return x.first->index != y.first->index ? x.first->index < y.first->index : rank(x.second) < rank(y.second);
+            });
+            for (const auto& pr : pairs)
+                if (pr.first->index >= from) visitor(*pr.first, *b.getNode(static_cast<long long>(pr.second)).primitive);
         } else {
-            CurveStep<CurveNodes, FaceNodes, PairLeaves<X>> step(CurveNodes(a), FaceNodes(b),
-                                                                !visitor.getIntersectDisabled(), leaves);
+            LeavesFrom<X> leaves{&visitor, from};
+            CurveStep<CurveNodes, FaceNodes, LeavesFrom<X>> step(CurveNodes(a), FaceNodes(b), pruneDisabled, leaves);
             if (step.overlap(Index(0), Index(0))) descendPairs(step, stack, Index(0), Index(0));
         }
+    }
+
+private:
+    static constexpr std::uint64_t kAllVisited = ~std::uint64_t(0);
+
+    // Flags on the way from the root to node i of a curve tree: kPathPruned when a node is
+    // disabled (and disabled nodes prune), kPathFrozen when a node is frozen.
+    static constexpr int kPathPruned = 1, kPathFrozen = 2;
+    static int nodeFlags(const CurveNode& node, bool pruneDisabled) {
+        return (pruneDisabled && node.disabled ? kPathPruned : 0) | (node.frozen ? kPathFrozen : 0);
+    }
+    static int pathFlags(const CurveNodes& nodes, std::uint64_t i, bool pruneDisabled) {
+        int flags = 0;
+        for (;;) {
+            flags |= nodeFlags(nodes[i], pruneDisabled);
+            if (i == 0) return flags;
+            i = (i - 1) / 2;
+        }
+    }
+
+    // Curve-triangle traversal by segments: every segment's leaf box descends the face
+    // hierarchy's wide copy (left to right) and meets the face leaves whose boxes overlap its
+    // own, as in the paired walk (boxes enclose their children's, face flags are those of the
+    // nodes), each segment set up once for its faces. The descents of the segments below one
+    // curve node start from the face lanes that overlap the node's box. The first-crossing
+    // visitor takes the segments in index order and stops at the first one past its kept hit,
+    // so the hit it keeps is the first crossing along the strand.
+    //
+    // Curve flags on a segment's way from the root: a disabled node prunes all of its pairs, as
+    // in the paired walk; at a frozen one the function returns, and the paired walk goes on from
+    // that segment (the segments before it have the same pairs either way): from its index for
+    // the first-crossing visitor, which takes segments in index order, from its leaf's heap
+    // index for the mesh visitor, which takes leaves in heap order.
+    template <class X>
+    static std::uint64_t segmentsAgainstFaces(const CurveTree& a, const GmBoundingVolumeHierarchy& b,
+                                              const GmBVHDetail::RayTree& wide, X& visitor) {
+        using GmCurveDetail::BoxProbe;
+        const bool pruneDisabled = !visitor.getIntersectDisabled();
+        const GmBoundingVolumeHierarchy::LeafFace* leafFaces = b.getLeafFaces().data();
+        const std::vector<GmTVector<double>>& p = *visitor.positions;
+        const CurveNodes nodes(a);
+        std::vector<GmCurveDetail::FaceLane> frontier;
+        // A segment's descent; open() decides at the first face reached whether it is visited.
+        auto segment = [&](const CurveNode& node, auto&& open) {
+            const GmCurveSegment& s = *node.primitive;
+            // Set up at the first face reached: most segments reach none.
+            std::optional<GmSegmentRay> ray;
+            GmCurveDetail::overlappingFaces(wide, frontier, BoxProbe(node.box, pruneDisabled), [&](std::int32_t entry) {
+                if (!ray) {
+                    if (!open()) return;
+                    ray.emplace(p[s.vertex0], p[s.vertex1], 0.0);
+                }
+                const GmBoundingVolumeHierarchy::LeafFace& f = leafFaces[entry];
+                visitor.test(*ray, s.index, f.face, f.vertices);
+            });
+        };
+        auto always = [] { return true; };
+        if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value) {
+            // Leaves by segment index: the set's records lie in one block in index order, so the
+            // index is the record's place in it (no record is read for the order). The leaves
+            // are nodes n - 1 ... 2n - 2, one block of the node array, asked for at once with the
+            // first records. A segment's flags on its way from the root are read
+            // when its descent first reaches a face: a disabled node prunes all its pairs, a
+            // frozen one leaves it and the segments after it to the paired walk.
+            const std::vector<CurveNode>& array = a.getNodes();
+            const std::uint64_t n = a.getLeaves().size(), last = array.size() - 1;
+            const std::uint64_t firstLeaf = last - (2 * n - 2), lastLeaf = last - (n - 1);
+            const GmCurveSegment* base = a.getTopology()->getPrimitive(0);
+            for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; pos += 2) __builtin_prefetch(&array[pos]);
+            for (std::uint64_t k = 0; k < std::min<std::uint64_t>(n, 8); k += 2) __builtin_prefetch(base + k);
+            // A strand whose box reaches no face is done before its leaves are read.
+            GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[0].box, pruneDisabled), frontier);
+            if (frontier.empty()) return kAllVisited;
+            std::uint64_t small[64];
+            std::vector<std::uint64_t> large(n > 64 ? n : 0);
+            std::uint64_t* leafOf = n > 64 ? large.data() : small;  // heap index by segment index
+            for (std::uint64_t pos = firstLeaf; pos <= lastLeaf; ++pos)
+                leafOf[static_cast<std::uint64_t>(array[pos].primitive - base)] = last - pos;
+            for (std::uint64_t k = 0; k < n && !visitor.skips(k); ++k) {
+                const std::uint64_t i = leafOf[k];
+                int flags = -1;  // not read yet
+                segment(nodes[i], [&] {
+                    if (flags < 0) flags = pathFlags(nodes, i, pruneDisabled);
+                    return flags == 0;
+                });
+                if (flags == kPathFrozen) return k;
+            }
+        } else {
+            // Flags on the way from the root, top down over the internal nodes (heap order).
+            // Then the leaves n - 1 ... 2n - 2 in heap order (the node array backwards, left to
+            // right on each of the two deepest levels), in runs of one group: the leaves below
+            // one node about kGroupLevels levels above them, whose descents start from the face
+            // lanes that overlap the group's box. Of a run, the leaves whose boxes reach those
+            // lanes have their records and then their positions fetched ahead of their descents.
+            // A frozen node on the way to such a leaf leaves it and the leaves after it to the
+            // paired walk (which the function returns), once the leaves before it are done.
+            const std::uint64_t n = a.getLeaves().size(), internal = n - 1;
+            std::vector<unsigned char> path(internal);
+            for (std::uint64_t i = 0; i < internal; ++i)
+                path[i] = static_cast<unsigned char>((i == 0 ? 0 : path[(i - 1) / 2]) | nodeFlags(nodes[i], pruneDisabled));
+            constexpr std::uint64_t kGroupLevels = 5;
+            const std::uint64_t level = a.getDepth() > kGroupLevels ? a.getDepth() - kGroupLevels : 0;
+            std::vector<const CurveNode*> run;
+            auto finish = [&] {
+                for (const CurveNode* leaf : run) {
+                    __builtin_prefetch(&p[leaf->primitive->vertex0]);
+                    __builtin_prefetch(&p[leaf->primitive->vertex1]);
+                }
+                for (const CurveNode* leaf : run) segment(*leaf, always);
+                run.clear();
+            };
+            std::uint64_t group = ~std::uint64_t(0);
+            int groupFlags = 0;
+            for (std::uint64_t h = internal; h < 2 * n - 1; ++h) {
+                const std::uint64_t g = ((h + 1) >> (heapDepth(h) - level)) - 1;
+                if (g != group) {
+                    finish();
+                    group = g;
+                    groupFlags = g == 0 ? 0 : path[(g - 1) / 2];
+                    groupFlags |= nodeFlags(nodes[g], pruneDisabled);
+                    frontier.clear();
+                    if (!(groupFlags & kPathPruned))
+                        GmCurveDetail::faceFrontier(wide, BoxProbe(nodes[g].box, pruneDisabled), frontier);
+                }
+                if (frontier.empty()) continue;
+                const CurveNode& leaf = nodes[h];
+                const int flags = (h == 0 ? 0 : path[(h - 1) / 2]) | nodeFlags(leaf, pruneDisabled);
+                if ((flags & kPathPruned) || !GmCurveDetail::reachesFrontier(frontier, leaf.box)) continue;
+                if (flags & kPathFrozen) {
+                    finish();
+                    return h;
+                }
+                __builtin_prefetch(leaf.primitive);
+                run.push_back(&leaf);
+            }
+            finish();
+        }
+        return kAllVisited;
     }
 };
 
@@ -563,8 +723,21 @@ struct SelfLeaves {
 
 template <class Tree, class X>
 void GmGenericBoundingTree<GmCurves>::intersect(const Tree& other, X& visitor) const {
-    if constexpr (std::is_same<Tree, GmBoundingVolumeHierarchy>::value)
-        GmCurveTraversal::faces(*this, other, visitor);
+    if constexpr (std::is_same<Tree, GmBoundingVolumeHierarchy>::value) {
+        // The face hierarchy's wide copy for the segment walks: made now when there are enough
+        // segments to pay for it, else once enough queries have asked.
+        const GmBVHDetail::RayTree* wide = nullptr;
+        if constexpr (std::is_same<X, GmFirstSegmentIntersection>::value ||
+                      std::is_same<X, GmSegmentMeshIntersector>::value) {
+            if (!empty() && !other.empty()) {
+                GmBVHDetail::RayTreeCache& cache = other._rayCache.get();
+                wide = getNumberLeafNodes() * kSegmentsPerFace >= static_cast<std::uint64_t>(other.getNumberLeafNodes())
+                           ? cache.make(other.getNodes(), false)
+                           : cache.use(other.getNodes());
+            }
+        }
+        GmCurveTraversal::faces(*this, other, visitor, wide);
+    }
     else
         GmCurveTraversal::curves(*this, other, visitor);
 }

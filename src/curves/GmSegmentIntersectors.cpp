@@ -10,6 +10,8 @@
 #include <quarrygeom/curves/GmSegmentSelfIntersector.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
+#include "GmSegmentRay.h"
+
 namespace {
 
 constexpr double kDegenerate = 2.220446049250313e-16;
@@ -18,18 +20,22 @@ inline double radius(const std::vector<double>* offsets, std::uint64_t v) {
     return offsets != nullptr ? (*offsets)[v] : 0.0;
 }
 
-// The segment-face test: the face's corners from the mesh, tolerance 0.
-inline bool segmentFace(const std::vector<GmTVector<double>>& p, const GmCurveSegment& s, const GmTriangleMesh& mesh,
-                        const GmTriangleFace& face, GmSegmentFaceInfo& out) {
+// The segment-face test on a segment set up once: the face's corners from the mesh.
+inline bool segmentFace(const GmSegmentRay& ray, std::uint64_t segment, const GmTriangleMesh& mesh, int face,
+                        const int* corners, GmSegmentFaceInfo& out) {
     const std::vector<GmTVector<double>>& v = mesh.getVertices();
-    if (!GmSegmentKernels::segmentTriangle(p[s.vertex0], p[s.vertex1], v[static_cast<std::size_t>(face.vertices[0])],
-                                           v[static_cast<std::size_t>(face.vertices[1])],
-                                           v[static_cast<std::size_t>(face.vertices[2])], 0.0, out))
+    if (!ray.hit(v[static_cast<std::size_t>(corners[0])], v[static_cast<std::size_t>(corners[1])],
+                 v[static_cast<std::size_t>(corners[2])], out))
         return false;
-    out.index1 = static_cast<std::int64_t>(s.index);
-    out.index2 = face.index;
+    out.index1 = static_cast<std::int64_t>(segment);
+    out.index2 = face;
     out.index3 = -1;
     return true;
+}
+
+// The segment's ray with tolerance 0.
+inline GmSegmentRay segmentRay(const std::vector<GmTVector<double>>& p, const GmCurveSegment& s) {
+    return GmSegmentRay(p[s.vertex0], p[s.vertex1], 0.0);
 }
 
 }  // namespace
@@ -70,9 +76,13 @@ GmSegmentMeshIntersector::GmSegmentMeshIntersector(std::vector<Record>& results,
     : results(&results), curves(&curves), positions(&positions), mesh(&mesh) {}
 
 void GmSegmentMeshIntersector::operator()(const GmCurveSegment& segment, const GmTriangleFace& face) {
+    test(segmentRay(*positions, segment), segment.index, face.index, face.vertices);
+}
+
+void GmSegmentMeshIntersector::test(const GmSegmentRay& ray, std::uint64_t segment, int face, const int* corners) {
     ++numberTests;
     Record r;
-    if (segmentFace(*positions, segment, *mesh, face, r)) results->push_back(r);
+    if (segmentFace(ray, segment, *mesh, face, corners, r)) results->push_back(r);
 }
 
 // ---- GmFirstSegmentIntersection -----------------------------------------------------------
@@ -101,10 +111,14 @@ GmFirstSegmentIntersection& GmFirstSegmentIntersection::operator=(const GmFirstS
 }
 
 void GmFirstSegmentIntersection::operator()(const GmCurveSegment& segment, const GmTriangleFace& face) {
-    if (best != nullptr && static_cast<std::uint64_t>(best->index1) < segment.index) return;
+    if (skips(segment.index)) return;
+    test(segmentRay(*positions, segment), segment.index, face.index, face.vertices);
+}
+
+void GmFirstSegmentIntersection::test(const GmSegmentRay& ray, std::uint64_t segment, int face, const int* corners) {
     ++numberTests;
     Record& r = records[scratch];
-    if (!segmentFace(*positions, segment, *mesh, face, r)) return;
+    if (!segmentFace(ray, segment, *mesh, face, corners, r)) return;
     ++numberIntersections;
     if (best != nullptr && !(best->parameter1 > r.parameter1)) return;
     best = &r;

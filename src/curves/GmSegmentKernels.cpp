@@ -7,6 +7,8 @@
 #include <quarrygeom/primitives/GmGeometry.h>
 #include <quarrygeom/primitives/GmSegmentDistance.h>
 
+#include "GmSegmentRay.h"
+
 namespace {
 
 constexpr double kDegenerate = 2.220446049250313e-16;
@@ -64,23 +66,7 @@ bool segmentSegment(const GmTVector<double>& p0, const GmTVector<double>& p1, do
 
 bool segmentTriangle(const GmTVector<double>& p0, const GmTVector<double>& p1, const GmTVector<double>& a,
                      const GmTVector<double>& b, const GmTVector<double>& c, double tolerance, GmSegmentFaceInfo& out) {
-    const GmTVector<double> dir = p1 - p0;
-    const double len = dir.length();
-    if (!(len > 0.0)) return false;
-    GmTVector<double> point;
-    double t = 0.0, u = 0.0, v = 0.0;
-    if (!GmGeometry::intersectRayTri(p0, dir, a, b, c, point, t, u, v)) return false;
-    if (!(t <= tolerance / len + 1.0 + 1e-8)) return false;
-    out.distance = 0.0;
-    out.parameter1 = t;
-    out.parameter2 = 0.0;
-    out.radius1 = out.radius2 = 0.0;
-    out.point1 = out.point2 = point;
-    out.barycentric = GmTVector<double>(1.0 - u - v, u, v);
-    const GmTVector<double> n = (b - a).cross(c - b);
-    const double ln = n.length();
-    out.normal = ln > kDegenerate ? n / ln : GmTVector<double>(0, 0, 0);
-    return true;
+    return GmSegmentRay(p0, p1, tolerance).hit(a, b, c, out);
 }
 
 }  // namespace GmSegmentKernels

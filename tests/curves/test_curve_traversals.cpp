@@ -200,13 +200,76 @@ TEST(CurveTraversal, CurveMeshFindsExactlyTheBruteForcePairs) {
         tree.intersect(masked, visitor);
         EXPECT_EQ(pairsOf(results, false), include ? expected : enabled) << include;
     }
-    expectWalk<GmSegmentFaceInfo>(
-        [&](std::vector<GmSegmentFaceInfo>& results) {
-            GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
-            tree.intersect(faces, visitor);
-            return visitor.getNumberTests();
-        },
-        std::make_pair(expected, tests), false);
+    // Frozen nodes prune the pairs of frozen faces only, and leave the segments below them to
+    // the paired walk: the root frozen against free faces (nothing pruned), one leaf frozen
+    // against all faces frozen (that segment's pairs pruned).
+    GmFrozenData allFrozen(&mesh);
+    for (int f = 0; f < mesh.getNumberFaces(); ++f) allFrozen.setFaceFrozen(f);
+    const GmBoundingTree still(&mesh, nullptr, &allFrozen);
+    for (int config = 0; config < 3; ++config) {
+        GmCurveBoundingTree t = tree;
+        const std::uint64_t marked = std::uint64_t(expected.rbegin()->first), leaf = curves.getNumberPrimitives() - 1;
+        std::uint64_t node = 0;
+        for (std::uint64_t i = leaf; config == 2 && i < 2 * leaf + 1; ++i)
+            if (t.getNode(i).primitive->index == marked) node = i;
+        if (config > 0) t.setNodeFlags(node, false, true);
+        std::multiset<Pair> want = expected;
+        std::uint64_t wantTests = tests;
+        if (config == 2) {
+            want.erase(want.lower_bound(Pair(std::int64_t(marked), 0)), want.lower_bound(Pair(std::int64_t(marked) + 1, 0)));
+            for (const auto& fb : faceBoxes) wantTests -= boxes[marked].overlaps(fb.second);
+        }
+        ASSERT_TRUE(config < 2 || want.size() < expected.size());
+        expectWalk<GmSegmentFaceInfo>(
+            [&](std::vector<GmSegmentFaceInfo>& results) {
+                GmSegmentMeshIntersector visitor(results, curves, s.positions, mesh);
+                t.intersect(config == 2 ? still : faces, visitor);
+                return visitor.getNumberTests();
+            },
+            std::make_pair(want, wantTests), false);
+    }
+
+    // First crossing of each strand as its own set: the earliest segment that crosses, at its
+    // smallest parameter, after a test of every overlapping pair of the segments up to it. Flags
+    // on one segment's leaf or the root: none, root frozen, leaf disabled, leaf frozen; against
+    // the faces, or all of them frozen.
+    const std::size_t n = s.segments[0];
+    for (int flags = 0; flags < 8; ++flags)
+        for (std::size_t c = 0; c < s.segments.size(); ++c) {
+            SCOPED_TRACE("flags " + std::to_string(flags) + " strand " + std::to_string(c));
+            const bool onStill = flags >= 4;
+            const bool prunedAll = flags == 5, prunedMarked = flags % 4 == 2 || flags == 7;
+            const Positions p(s.positions.begin() + long(c * (n + 1)), s.positions.begin() + long((c + 1) * (n + 1)));
+            const GmCurves one(n + 1);
+            GmCurveBoundingTree t(one, p, 0.0, nullptr);
+            const std::uint64_t marked = c % n;
+            for (std::uint64_t i = n - 1; i < 2 * n - 1; ++i)
+                if (t.getNode(i).primitive->index == marked && flags % 4 >= 2) t.setNodeFlags(i, flags % 4 == 2, flags % 4 == 3);
+            if (flags % 4 == 1) t.setNodeFlags(0, false, true);
+            std::uint64_t want = 0;
+            int segment = -1;
+            double parameter = DBL_MAX;
+            std::set<int> at;  // faces hit at that parameter
+            for (std::uint64_t k = 0; k < n && segment < 0 && !prunedAll; ++k) {
+                if (prunedMarked && k == marked) continue;
+                for (int f = 0; f < mesh.getNumberFaces(); ++f) {
+                    want += boxes[c * n + k].overlaps(faceBoxes[f]);
+                    const int* w = mesh.getFace(f).vertices;
+                    GmSegmentFaceInfo r;
+                    if (!GmSegmentKernels::segmentTriangle(p[k], p[k + 1], v[w[0]], v[w[1]], v[w[2]], 0.0, r)) continue;
+                    if (r.parameter1 < parameter) at.clear();
+                    if (r.parameter1 <= parameter) parameter = r.parameter1, at.insert(f), segment = int(k);
+                }
+            }
+            GmFirstSegmentIntersection first(p, mesh);
+            t.intersect(onStill ? still : faces, first);
+            EXPECT_EQ(first.getNumberTests(), want);
+            ASSERT_EQ(first.getResult() != nullptr, segment >= 0);
+            if (segment < 0) continue;
+            EXPECT_EQ(first.getResult()->index1, segment);
+            EXPECT_EQ(first.getResult()->parameter1, parameter);
+            EXPECT_EQ(at.count(int(first.getResult()->index2)), 1u);
+        }
     std::vector<const GmCurveSegment*> segs;
     tree.getIntersectCandidates(h, segs);
     std::multiset<Pair> got;
