@@ -426,7 +426,8 @@ bool GmBoundingVolumeHierarchy::continuousTimeSelfIntersect(std::vector<GmContin
     const std::vector<OrphanJob> orphans = orphanJobs(*_mesh, orphanSetOf(*this, includeDisabled), componentTests);
     WalkSetup setup = selfSetup(*this, includeDisabled);
     if (_selfContactRecords == GmSelfContactRecords::EachFeaturePairOnce) {
-        // The walk runs over the same leaves in a heap of its own (GmBVHWalkTree.h).
+        // The walk runs over the same leaves in a heap of its own when that promises a cheaper
+        // walk (GmBVHWalkTree.h).
         const WalkHeap heap = walkHeap(*this);
         if (!heap.nodes.empty()) setup.nodes1 = setup.nodes2 = heap.nodes.data();
         const FeatureOwners owners(*this, setup);

@@ -46,12 +46,24 @@ inline std::uint32_t spread(std::uint32_t v) {
 
 inline float centre(float lo, float hi) { return 0.5f * lo + 0.5f * hi; }
 
+// Sum of the inner nodes' box half-areas: the cost estimate of a self walk over the heap.
+inline double innerArea(const Node* nodes, int internal) {
+    double sum = 0.0;
+    for (int i = 0; i < internal; ++i) {
+        const GmAxisAlignedBox& b = nodes[i].box;
+        const double x = double(b.maxX) - b.minX, y = double(b.maxY) - b.minY, z = double(b.maxZ) - b.minZ;
+        sum += x * y + y * z + z * x;
+    }
+    return sum;
+}
+
 }  // namespace walktree
 
 // The tree's leaves in a new heap ordered along a Morton curve (see above), with copies of
 // their faces in leaf order (a leaf points at its copy, which keeps the face's index), so that
 // the walk's leaf steps read neighbouring faces from neighbouring memory. Both empty for a
-// tree with fewer than two leaves.
+// tree with fewer than two leaves, and when the new heap's inner boxes have no less area in
+// all than the tree's (a tree built on a mesh that moves little is usually the better one).
 struct WalkHeap {
     std::vector<walktree::Node> nodes;
     std::vector<GmTriangleFace> faces;
@@ -138,6 +150,7 @@ inline WalkHeap walkHeap(const GmBoundingVolumeHierarchy& tree) {
         node.disabled = a.disabled && b.disabled;
         node.frozen = a.frozen && b.frozen;
     }
+    if (walktree::innerArea(heap.data(), internal) >= walktree::innerArea(nodes.data(), internal)) return WalkHeap();
     return out;
 }
 
