@@ -48,9 +48,10 @@ enum class GmSelfContactRecords {
     // pair's test gives in the other mode. A feature test runs when its bit in the owning pair
     // is among the caller's component tests (all of them: every contact). A swept separation
     // filter (GmSweptSeparation.h) skips the cubic for features that never become coplanar or
-    // pass beside each other. The walk runs over a heap of its own built on the tree's leaves
-    // (same leaf boxes and flags, Morton order): the same face pairs reach the kernel, in the
-    // same order within a pair, but the broad-phase counters are that heap's. Counters count
+    // pass beside each other. The walk may run over a heap of its own built on the tree's leaves
+    // (same leaf boxes and flags, Morton order), chosen per query when its inner boxes have less
+    // area in all than the tree's: the same face pairs reach the kernel, in the same order
+    // within a pair, but the broad-phase counters are then that heap's. Counters count
     // the tests actually run. The tree must be refitted to the query's end
     // positions (the ownership rule reads the leaf boxes and takes a feature's swept box to lie
     // in every leaf box holding it).
