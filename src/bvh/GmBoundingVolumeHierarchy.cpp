@@ -882,7 +882,7 @@ namespace {
 
 // Below this many faces the refit stays on the calling thread even when multithreading is on:
 // starting the arena's workers costs more than the second core saves (a 69K-face mesh refits
-// in about 0.7 ms serially and took 10 to 15 % longer on two workers; 327K faces gained 1.7x).
+// in about 0.7 ms serially and took 7 to 16 % longer on two workers; 327K faces gained 1.7x).
 constexpr int kParallelRefitFaces = 1 << 17;
 // Levels of the blocks that the refit finishes before moving on (2^12 leaves: their nodes,
 // about 320 KB, are still in the core's cache when their parents read them).
