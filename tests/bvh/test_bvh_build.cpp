@@ -93,7 +93,7 @@ TEST(BvhBuild, EqualsReferenceInEveryMode) {
 // refits, a zero-count mask, and masks set or cleared without a refit.
 TEST(BvhRefit, EqualsReferenceOfTheSameShape) {
     for (const NamedMesh& m : {NamedMesh{"torus", qgtools::makeTorus(24, 12)},
-                               NamedMesh{"grid", qgtools::makeClothGrid(190, 180, 3.0, 2.0)}})
+                               NamedMesh{"grid", qgtools::makeClothGrid(260, 256, 3.0, 2.0)}})
         for (bool parallel : {false, true}) {
             ScopedThreading threading(parallel);
             GmTriangleMesh mesh = m.mesh;
