@@ -45,7 +45,9 @@ QUARRYGEOM_API bool isParallel();
 // ThreadSanitizer cannot see the synchronisation inside an uninstrumented TBB. The frame states
 // its hand-overs itself: the calling thread releases before work is handed to workers and
 // acquires after it returns; every parallel body acquires on entry and releases on exit, and
-// so does every copy TBB makes of a body for a task. Both are no-ops in other builds.
+// so does every copy TBB makes of a body for a task. Every hand-over of the library goes through
+// the one address: TBB recycles a task's memory for tasks of other loops and other operations,
+// and one address orders them all. Both are no-ops in other builds.
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* addr);
 extern "C" void __tsan_release(void* addr);
