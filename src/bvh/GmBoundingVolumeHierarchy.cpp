@@ -41,9 +41,6 @@ constexpr std::int64_t kPowersOfTwo[32] = {
 constexpr int kParallelLevel = 7;
 constexpr int kParallelBuildNodes = 127;  // nodes of the top seven levels
 
-// Address through which the parallel build and refit announce their hand-overs to ThreadSanitizer.
-char kHandOff = 0;
-
 // ceil(log2 n) from the highest set bit among bits 0..30; -1 for n <= 0.
 int computeDepth(int n) {
     if (n <= 0) return -1;
@@ -268,12 +265,12 @@ struct BuildInitializeBody {
     LeafRecord* leaves;
 
     void operator()(int f) const {
-        QG_BVH_ACQUIRE(&kHandOff);
+        GmParallel::handOverAcquire();
         const GmTriangleFace& face = mesh->getFaces()[static_cast<size_t>(f)];
         leaves[f].set(leafBox<N>(mesh->getVertices(), face, positions, thickness),
                       (faceDisabled(disabled, f) ? 1u : 0u) | (faceFrozen(frozen, f) ? 2u : 0u));
         mesh->getFaceCenter(f);
-        QG_BVH_RELEASE(&kHandOff);
+        GmParallel::handOverRelease();
     }
 };
 
@@ -615,18 +612,18 @@ struct BuildTask {
             // Both subtrees as child tasks. The tasks refer to these closures, which are
             // complete before the hand-over is released.
             const auto buildRight = [=] {
-                QG_BVH_ACQUIRE(&kHandOff);
+                GmParallel::handOverAcquire();
                 child(right, lo + m, hi, sorted, rightBound);
-                QG_BVH_RELEASE(&kHandOff);
+                GmParallel::handOverRelease();
             };
             const auto buildLeft = [=] {
-                QG_BVH_ACQUIRE(&kHandOff);
+                GmParallel::handOverAcquire();
                 child(left, lo, lo + m, sorted, leftBound);
-                QG_BVH_RELEASE(&kHandOff);
+                GmParallel::handOverRelease();
             };
-            QG_BVH_RELEASE(&kHandOff);
+            GmParallel::handOverRelease();
             tbb::parallel_invoke(buildRight, buildLeft);
-            QG_BVH_ACQUIRE(&kHandOff);
+            GmParallel::handOverAcquire();
         } else {
             child(left, lo, lo + m, sorted, leftBound);
             child(right, lo + m, hi, sorted, rightBound);

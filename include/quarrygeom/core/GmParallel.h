@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstddef>
 #include <iterator>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -43,8 +44,10 @@ QUARRYGEOM_API bool isParallel();
 // propagates to the caller.
 // ThreadSanitizer cannot see the synchronisation inside an uninstrumented TBB. The frame states
 // its hand-overs itself: the calling thread releases before work is handed to workers and
-// acquires after it returns; every parallel body acquires on entry and releases on exit.
-// Both are no-ops in other builds.
+// acquires after it returns; every parallel body acquires on entry and releases on exit, and
+// so does every copy TBB makes of a body for a task. Every hand-over of the library goes through
+// the one address: TBB recycles a task's memory for tasks of other loops and other operations,
+// and one address orders them all. Both are no-ops in other builds.
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* addr);
 extern "C" void __tsan_release(void* addr);
@@ -68,7 +71,14 @@ void runInArena(F&& work) {
         ~Collect() { handOverAcquire(); }
     } collect;
     handOverRelease();
-    arena.execute([&work]() { work(); });
+    arena.execute([&work]() {
+        // Usually the calling thread itself; a worker when the arena has to delegate the work.
+        handOverAcquire();
+        struct Release {
+            ~Release() { handOverRelease(); }
+        } release;
+        work();
+    });
 }
 
 // serial() on the calling thread when !isParallel(), otherwise parallel() inside runInArena.
@@ -81,27 +91,54 @@ void dispatch(S&& serial, P&& parallel) {
     runInArena(std::forward<P>(parallel));
 }
 
+namespace detail {
+
+// What tbb::parallel_for runs on every sub-range. TBB copies it into each task it splits off,
+// on whichever thread splits, after the caller's release and before the thread that runs the
+// task acquires: the copy states its own hand-over (acquire, copy, release), so the task's copy
+// is published before it is spawned, and the memory TBB recycles for it was handed over by its
+// previous user.
+template <class Body>
+class RangeTask {
+public:
+    explicit RangeTask(Body& body) : _body(&body) {}
+    RangeTask(const RangeTask& other) : _body(acquired(other)) { handOverRelease(); }
+    RangeTask& operator=(const RangeTask&) = delete;
+
+    void operator()(const tbb::blocked_range<int>& r) const {
+        handOverAcquire();  // before anything of the task is read
+        struct Release {
+            ~Release() { handOverRelease(); }
+        } release;  // also when the body throws
+        (*_body)(r.begin(), r.end());
+    }
+
+private:
+    // other's body pointer, read after the acquire (the copy writes nothing before it).
+    static Body* acquired(const RangeTask& other) {
+        handOverAcquire();
+        return other._body;
+    }
+
+    Body* _body;
+};
+
+}  // namespace detail
+
 // body(first, last) for consecutive sub-ranges that together cover [begin, end) once:
 // tbb::parallel_for over blocked_range<int>(begin, end, 1) with the auto_partitioner. Lets a
 // body look up its thread's results once per sub-range. Meant to be called inside runInArena /
 // dispatch's parallel part.
 template <class Body>
 void parallelForRanges(int begin, int end, Body&& body) {
-    if (end <= begin) return;
+    if (end <= begin) return;  // no task: nothing to hand over
+    using Task = detail::RangeTask<std::remove_reference_t<Body>>;
     struct Collect {
         ~Collect() { handOverAcquire(); }
     } collect;
+    const Task task(body);
     handOverRelease();
-    tbb::parallel_for(
-        tbb::blocked_range<int>(begin, end, 1),
-        [&body](const tbb::blocked_range<int>& r) {
-            handOverAcquire();
-            struct Release {
-                ~Release() { handOverRelease(); }
-            } release;  // also when the body throws
-            body(r.begin(), r.end());
-        },
-        tbb::auto_partitioner());
+    tbb::parallel_for(tbb::blocked_range<int>(begin, end, 1), task, tbb::auto_partitioner());
 }
 
 // body(i) for every i in [begin, end), through parallelForRanges.
