@@ -19,18 +19,6 @@
 #include <quarrygeom/mesh/GmDisabledData.h>
 #include <quarrygeom/mesh/GmTriangleMesh.h>
 
-// ThreadSanitizer does not see the synchronisation inside the (uninstrumented) TBB library:
-// the parallel build and refit state their hand-overs of work between threads explicitly.
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* addr);
-extern "C" void __tsan_release(void* addr);
-#define QG_BVH_ACQUIRE(addr) __tsan_acquire(const_cast<void*>(static_cast<const void*>(addr)))
-#define QG_BVH_RELEASE(addr) __tsan_release(const_cast<void*>(static_cast<const void*>(addr)))
-#else
-#define QG_BVH_ACQUIRE(addr) ((void)(addr))
-#define QG_BVH_RELEASE(addr) ((void)(addr))
-#endif
-
 namespace GmBVHDetail {
 
 // Box padding (every leaf box, on every side, plus the thickness in thickened mode).
