@@ -14,10 +14,7 @@
 #include <quarrygeom/mesh/GmAdjacentOrphanSet.h>
 #include <quarrygeom/mesh/GmDisabledData.h>
 
-#include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 #include <tbb/parallel_invoke.h>
-#include <tbb/partitioner.h>
 
 #include <quarrygeom/core/GmParallel.h>
 
@@ -817,22 +814,9 @@ void GmTriangleMesh::fillCaches() const {
         return;
     }
     GmParallel::dispatch(serial, [&]() {
-        HandOver h;
-        auto loop = [&h](int n, const auto& body) {
-            h.publish();
-            tbb::parallel_for(
-                tbb::blocked_range<int>(0, n, 1),
-                [&h, &body](const tbb::blocked_range<int>& r) {
-                    h.enter();
-                    for (int i = r.begin(); i != r.end(); ++i) body(i);
-                    h.leave();
-                },
-                tbb::auto_partitioner());
-            h.collect();
-        };
-        loop(nf, face);
-        loop(ne, edge);
-        loop(nv, vertex);
+        GmParallel::parallelFor(0, nf, face);
+        GmParallel::parallelFor(0, ne, edge);
+        GmParallel::parallelFor(0, nv, vertex);
     });
 }
 
