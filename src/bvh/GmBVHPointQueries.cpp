@@ -509,9 +509,13 @@ bool GmBoundingVolumeHierarchy::pointsInsideMesh(const GmBoundingVolumeHierarchy
         bool pinched = false;
         double d;
         if (pinch == nullptr) {
-            // Vertices that ray parity puts outside need no search; inside ones need the record.
-            if (insideByRayParity(V[static_cast<size_t>(v)], includeDisabled) == 0) continue;
-            d = _closestPointInside(V[static_cast<size_t>(v)], info, includeDisabled);
+            // The decision of isInsideMesh: ray parity where it is certain (vertices it puts
+            // outside need no search), the search's sign otherwise; inside ones need the record.
+            const int byRays = insideByRayParity(V[static_cast<size_t>(v)], includeDisabled);
+            if (byRays == 0) continue;
+            // Inside for certain: only the record's closest point is searched for.
+            d = byRays > 0 ? -std::fabs(_closestPointSigned(V[static_cast<size_t>(v)], info, false, includeDisabled, -1))
+                           : _closestPointInside(V[static_cast<size_t>(v)], info, includeDisabled);
         } else {
             d = _closestPointSigned(V[static_cast<size_t>(v)], info, true, includeDisabled, -1, pinch, 0, &pinched);
         }

@@ -302,6 +302,26 @@ TEST(BvhInside, PointsInsideMeshRecordsEveryInsideVertex) {
         for (size_t k = 0; k < multi.size(); ++k)
             EXPECT_TRUE(multi[k].vertex == expected[k].vertex && multi[k].objectIndex1 == 2 && multi[k].objectIndex2 == 7);
     }
+    // Vertices within rounding of the surface of a small sphere (2^-20): the same inside answers as
+    // isInsideMesh, vertex by vertex.
+    GmTriangleMesh small = qgtools::makeIcosphere(3, 0x1p-20), near;
+    GmBoundingTree smallTree(&small);
+    for (int k = 0; k < 3 * 400; ++k) {
+        const int f = (k * 7919) % small.getNumberFaces();
+        const double a = (k % 13) / 26.0, b = (k % 7) / 14.0;
+        const V3 n = small.getFaceNormal(f) * (((k % 9) - 4) * 0x1p-72);
+        near.addVertex(small.getFaceVertex1(f) * (1 - a - b) + small.getFaceVertex2(f) * a +
+                       small.getFaceVertex3(f) * b + n);
+        if (k % 3 == 2) near.addFace(k - 2, k - 1, k);
+    }
+    near.finishConstruction();
+    GmBoundingTree nearTree(&near);
+    std::vector<GmInsideInfo> nearResults;
+    smallTree.pointsInsideMesh(nearTree, nearResults, false, true);
+    std::vector<char> listed(static_cast<size_t>(near.getNumberVertices()), 0);
+    for (const GmInsideInfo& r : nearResults) listed[static_cast<size_t>(r.vertex)] = 1;
+    for (int v = 0; v < near.getNumberVertices(); ++v)
+        EXPECT_EQ(listed[static_cast<size_t>(v)] != 0, smallTree.isInsideMesh(near.getVertex(v), true)) << v;
     // Nothing inside: false, the vector cleared.
     GmTriangleMesh farAway = qgtools::makeIcosphere(1, 0.1, V3(10, 0, 0));
     GmBoundingTree farTree(&farAway);
